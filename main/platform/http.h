@@ -1,0 +1,46 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tarry::platform {
+
+enum class CachePolicy {
+  useProtocol,        // the ordinary HTTP caching rules
+  ignoreLocalCache,   // always ask the server
+};
+
+struct HttpRequest {
+  std::string url;
+  std::vector<std::pair<std::string, std::string>> headers;
+  CachePolicy cachePolicy = CachePolicy::useProtocol;
+  double timeoutSec = 10;
+};
+
+struct HttpResponse {
+  /// True when an HTTP response arrived (whatever its status).
+  bool received = false;
+  int status = 0;
+  std::string body;
+  /// Transport error text; empty when a response arrived.
+  std::string error;
+};
+
+/// HTTP client.
+class Http {
+ public:
+  using Completion = std::function<void(const HttpResponse&)>;
+
+  Http() = default;
+  Http(const Http&) = delete;
+  Http& operator=(const Http&) = delete;
+  virtual ~Http() = default;
+
+  /// Sends a GET and returns at once; `done` runs once, on the networking thread (not the main
+  /// thread), with the response or the error.
+  virtual void get(const HttpRequest& request, Completion done) = 0;
+};
+
+}  // namespace tarry::platform

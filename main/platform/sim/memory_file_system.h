@@ -1,0 +1,39 @@
+#pragma once
+
+#include "platform/file_system.h"
+
+#include <map>
+#include <mutex>
+#include <set>
+
+namespace tarry::platform::sim {
+
+/// Files and directories held in memory.
+class MemoryFileSystem final : public FileSystem {
+ public:
+  [[nodiscard]] std::string tempDirectory() const override { return "/tmp"; }
+  [[nodiscard]] bool exists(const std::string& path) const override;
+  bool createDirectories(const std::string& path) override;
+  bool append(const std::string& path, std::string_view bytes) override;
+  bool write(const std::string& path, std::string_view bytes) override;
+  [[nodiscard]] std::optional<std::uint64_t> size(const std::string& path) const override;
+  [[nodiscard]] std::optional<std::string> readTail(const std::string& path,
+                                                    std::uint64_t maxBytes) const override;
+  [[nodiscard]] std::optional<std::vector<std::string>> list(const std::string& path) const override;
+  [[nodiscard]] std::string newUUID() override;
+
+  /// Whole content of a file; empty when missing.
+  [[nodiscard]] std::string content(const std::string& path) const;
+  /// When set, every write fails (a full or read-only disk).
+  bool failWrites = false;
+
+ private:
+  [[nodiscard]] bool parentExists(const std::string& path) const;
+
+  mutable std::mutex mutex_;
+  std::map<std::string, std::string> files_;
+  std::set<std::string> dirs_{"/", "/tmp"};
+  unsigned uuidCounter_ = 0;
+};
+
+}  // namespace tarry::platform::sim

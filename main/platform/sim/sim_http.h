@@ -1,0 +1,26 @@
+#pragma once
+
+#include "platform/http.h"
+
+#include <functional>
+#include <vector>
+
+namespace tarry::platform::sim {
+
+/// HTTP answered by the test: requests wait until `respond`, or a responder answers at once.
+class SimHttp final : public Http {
+ public:
+  void get(const HttpRequest& request, Completion done) override;
+
+  /// Answers the oldest waiting request; false when none waits.
+  bool respond(const HttpResponse& response);
+  /// When set, answers every request at once.
+  std::function<HttpResponse(const HttpRequest&)> responder;
+  /// Every request sent, in order.
+  std::vector<HttpRequest> requests;
+
+ private:
+  std::vector<Completion> waiting_;
+};
+
+}  // namespace tarry::platform::sim

@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, running and testing Tarry needs.
+# Idempotent; meant for a fresh Debian 12 machine (run as root, or with sudo available).
+set -euo pipefail
+
+packages=(
+  # build, tests, benchmarks
+  build-essential cmake ninja-build pkg-config git
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  clang libclang-rt-14-dev clang-format clang-tidy
+  # logic and storage
+  nlohmann-json3-dev libsqlite3-dev sqlite3
+  # Qt 6: run loop, HUD, windows, HTTP
+  qt6-base-dev qt6-base-dev-tools qt6-svg-dev libgl-dev
+  # X11 backends
+  libxcb1-dev libxcb-ewmh-dev libxcb-icccm4-dev libxcb-xtest0-dev libxcb-xkb-dev
+  libxcb-res0-dev libxkbcommon-dev libxkbcommon-x11-dev
+  # audio
+  libpulse-dev
+  # end-to-end tests on a real X server
+  xvfb openbox xdotool x11-xkb-utils x11-utils xauth python3 procps
+  fonts-dejavu-core
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "install-deps: all packages present"
+  exit 0
+fi
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+echo "install-deps: installing ${missing[*]}"
+$SUDO apt-get update -q
+$SUDO apt-get install -y -q --no-install-recommends "${missing[@]}"
