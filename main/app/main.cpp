@@ -1,8 +1,14 @@
 // Process entry: picks what this run of the program is (a command-line tool, a demo, or the
 // desktop program) before anything else starts.
+#include "app/defaults_command.h"
+#include "platform/linux/sqlite_defaults_store.h"
+
 #include <cstdio>
 #include <cstring>
+#include <iostream>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace {
 
@@ -18,9 +24,22 @@ bool hasFlag(int argc, char** argv, std::string_view flag) {
   return false;
 }
 
+int runDefaults(int argc, char** argv) {
+  tarry::platform::os::SqliteDefaultsStore store(
+      tarry::platform::os::SqliteDefaultsStore::defaultPath(),
+      [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
+  // The note above said why; reading or writing a domain that lives only in this process would
+  // mislead.
+  if (!store.persistent()) return 1;
+  const std::vector<std::string> args(argv + 2, argv + argc);
+  return tarry::app::runDefaultsCommand(store, args, std::cout, std::cerr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Before the flag checks: a value written with `defaults write` may itself look like a flag.
+  if (argc >= 2 && std::string_view(argv[1]) == "defaults") return runDefaults(argc, argv);
   if (hasFlag(argc, argv, "--help") || hasFlag(argc, argv, "-h")) {
     std::fputs(kUsage, stdout);
     return 0;

@@ -1,0 +1,1 @@
+target_sources(tarry_logic PRIVATE ${CMAKE_CURRENT_LIST_DIR}/defaults_command.cpp)
