@@ -39,6 +39,19 @@ void finalize(sqlite3_stmt*& stmt) {
   stmt = nullptr;
 }
 
+// The parser reads every non-negative integer as unsigned; the program writes signed ones (counters
+// are int64). Reading them back as signed keeps a value's type the same across a restart.
+void normalizeIntegers(Value& value) {
+  if (value.is_number_unsigned()) {
+    const auto n = value.get<std::uint64_t>();
+    if (n <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+      value = static_cast<std::int64_t>(n);
+    }
+  } else if (value.is_structured()) {
+    for (auto& element : value) normalizeIntegers(element);
+  }
+}
+
 bool pathPresent(const std::string& path) {
   std::error_code ec;
   return fs::symlink_status(path, ec).type() != fs::file_type::not_found && !ec;
@@ -207,6 +220,7 @@ bool SqliteDefaultsStore::readAll(std::map<std::string, Value, std::less<>>& row
       skipped.emplace_back(key);
       continue;
     }
+    normalizeIntegers(value);
     rows.insert_or_assign(key, std::move(value));
   }
   if (rc != SQLITE_DONE) error = errorOf(db_);
