@@ -398,21 +398,22 @@ void SqliteDefaultsStore::reloadIfChanged() {
 void SqliteDefaultsStore::run() {
   using Clock = std::chrono::steady_clock;
   auto nextPoll = Clock::now() + timing_.pollInterval;
-  std::optional<Clock::time_point> commitAt;
+  constexpr auto kNone = Clock::time_point::max();
+  auto commitAt = kNone;  // when the pending writes are due
   std::unique_lock lock(wakeMutex_);
   while (!stopping_) {
     if (pending_) {
       pending_ = false;
-      if (!commitAt) commitAt = Clock::now() + timing_.commitDelay;
+      if (commitAt == kNone) commitAt = Clock::now() + timing_.commitDelay;
     }
-    const auto deadline = commitAt ? std::min(*commitAt, nextPoll) : nextPoll;
+    const auto deadline = std::min(commitAt, nextPoll);
     wake_.wait_until(lock, deadline, [this] { return stopping_ || pending_; });
     if (stopping_) break;
     if (pending_) continue;
     lock.unlock();
     const auto now = Clock::now();
-    if (commitAt && now >= *commitAt) {
-      commitAt.reset();
+    if (now >= commitAt) {
+      commitAt = kNone;
       // A failed save (disk full, a lock held too long) is tried again after a pause.
       if (!persistPending()) commitAt = now + std::max(timing_.commitDelay, std::chrono::milliseconds(1000));
     }
