@@ -14,12 +14,14 @@ packages=(
   qt6-base-dev qt6-base-dev-tools qt6-svg-dev libgl-dev
   # X11 backends
   libxcb1-dev libxcb-ewmh-dev libxcb-icccm4-dev libxcb-xtest0-dev libxcb-xkb-dev
-  libxcb-res0-dev libxkbcommon-dev libxkbcommon-x11-dev
+  libxcb-res0-dev libxkbcommon-dev libxkbcommon-x11-dev libxcb-xinput-dev
   # audio
   libpulse-dev pulseaudio pulseaudio-utils  # a real daemon with a null sink for the audio tests
   # end-to-end tests on a real X server
   xvfb openbox xdotool x11-xkb-utils x11-utils xauth python3 procps
   fonts-dejavu-core
+  # screenshots of the HUD on Xvfb (scripts/hud-screenshot.sh)
+  imagemagick
 )
 
 missing=()
