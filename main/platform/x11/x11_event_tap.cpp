@@ -1,0 +1,773 @@
+#include "platform/x11/x11_event_tap.h"
+
+#include "platform/x11/xcb_xkb.h"
+
+#include <xcb/xcb.h>
+#include <xcb/xinput.h>
+#include <xcb/xtest.h>
+#include <xkbcommon/xkbcommon-x11.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <thread>
+#include <utility>
+
+namespace tarry::platform::x11 {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct FreeDeleter {
+  void operator()(void* p) const { std::free(p); }
+};
+template <typename T>
+using XPtr = std::unique_ptr<T, FreeDeleter>;
+
+// A press this program posted comes back through a grab only in the moment between the injection
+// and the regrab; anything later is the user's own.
+constexpr auto kOwnEventWindow = std::chrono::milliseconds(200);
+// A key-down posted without its key-up gets its grab back after this long.
+constexpr double kRegrabAfterSec = 1.0;
+
+// Server timestamps wrap every 49.7 days; compare them as a signed difference.
+bool earlier(xcb_timestamp_t a, xcb_timestamp_t b) { return static_cast<std::int32_t>(b - a) > 0; }
+
+std::string describeMods(std::uint16_t mods) {
+  char buffer[16];
+  std::snprintf(buffer, sizeof buffer, "0x%x", mods);
+  return buffer;
+}
+
+}  // namespace
+
+class X11EventTap::Session final : public std::enable_shared_from_this<Session> {
+ public:
+  Session(MainLoop& loop, double answerTimeout) : loop_(loop), answerTimeout_(answerTimeout) {}
+  ~Session() {
+    stopTap();
+    if (connection_) xcb_disconnect(connection_);
+  }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  bool open(const std::string& display, std::string& error);
+  bool startTap(Callback callback, std::string& error);
+  void stopTap();
+  void enable() { enabled_ = true; }
+  void post(const KeyEvent& event);
+
+  [[nodiscard]] std::vector<KeyGrab> grabs() const {
+    std::lock_guard lock(grabMutex_);
+    return tapped_ ? grabs_ : std::vector<KeyGrab>{};
+  }
+  [[nodiscard]] int rebuilds() const { return rebuilds_.load(); }
+  [[nodiscard]] std::string error() const {
+    std::lock_guard lock(errorMutex_);
+    return error_;
+  }
+
+ private:
+  struct Pending {
+    std::uint64_t id = 0;
+    xcb_timestamp_t time = 0;
+    xcb_keycode_t keycode = 0;
+    Clock::time_point deadline;
+  };
+
+  std::shared_ptr<const Keymap> keymap() const {
+    std::lock_guard lock(keymapMutex_);
+    return keymap_;
+  }
+  void setError(std::string text) {
+    std::lock_guard lock(errorMutex_);
+    error_ = std::move(text);
+  }
+
+  // Grabs; need `grabMutex_` held.
+  bool placeGrabs(const std::vector<KeyGrab>& grabs, std::string& error);
+  void removeGrabs(const std::vector<KeyGrab>& grabs);
+  void liftGrab(xcb_keycode_t keycode);
+  void restoreGrab(xcb_keycode_t keycode);
+
+  // Reader thread.
+  void readLoop();
+  void handle(xcb_generic_event_t* event, bool& rebuild, bool& stop);
+  void onKey(const xcb_key_press_event_t* key, bool press);
+  void onRaw(const xcb_ge_generic_event_t* event);
+  void rebuild();
+  bool downBefore(xcb_keycode_t keycode, xcb_timestamp_t time);
+  bool takeOwnEvent(xcb_keycode_t keycode);
+
+  // Watchdog thread.
+  void watchLoop();
+
+  // Main thread.
+  void dispatch(KeyEvent event, std::uint64_t id, xcb_timestamp_t time, bool press, bool frozen);
+  void deliver(const KeyEvent& event, std::uint64_t id, xcb_timestamp_t time, bool press, bool frozen);
+  void answer(std::uint64_t id, xcb_timestamp_t time, TapVerdict verdict, bool frozen);
+  void inject(const KeyEvent& event);
+
+  MainLoop& loop_;
+  const double answerTimeout_;
+
+  xcb_connection_t* connection_ = nullptr;
+  xcb_window_t root_ = 0;
+  xcb_window_t wakeWindow_ = 0;
+  std::int32_t keyboardDevice_ = -1;
+  std::uint8_t xkbEventBase_ = 0;
+  std::uint8_t xinputOpcode_ = 0;  // 0: no XInput 2 raw events
+
+  mutable std::mutex keymapMutex_;
+  std::shared_ptr<const Keymap> keymap_;
+
+  mutable std::mutex grabMutex_;  // grabs_, lifted_, tapped_ (writes)
+  std::vector<KeyGrab> grabs_;
+  std::set<xcb_keycode_t> lifted_;
+  std::atomic<bool> tapped_{false};
+  std::atomic<bool> enabled_{false};
+  std::atomic<int> rebuilds_{0};
+
+  mutable std::mutex errorMutex_;
+  std::string error_;
+
+  // The frozen press waiting for an answer, and the state of the grab.
+  std::mutex pendingMutex_;  // pending_, grabActive_, grabKey_, stopping_, nextId_
+  std::condition_variable pendingChanged_;
+  std::optional<Pending> pending_;
+  bool grabActive_ = false;
+  xcb_keycode_t grabKey_ = 0;
+  bool stopping_ = false;
+  std::uint64_t nextId_ = 0;
+
+  // Without XInput 2: the keys seen going down through the grab and not yet seen going up.
+  std::set<xcb_keycode_t> coreDown_;  // under pendingMutex_
+
+  // Reader thread only: which keys are down, per source device, since when (server time).
+  std::map<std::pair<std::uint16_t, xcb_keycode_t>, xcb_timestamp_t> down_;
+
+  std::mutex ownMutex_;  // own_
+  std::vector<std::pair<xcb_keycode_t, Clock::time_point>> own_;
+
+  // Main thread only.
+  std::shared_ptr<Callback> callback_;
+  bool inCallback_ = false;
+  std::vector<KeyEvent> deferred_;
+  std::map<xcb_keycode_t, std::vector<xcb_keycode_t>> pressedModifiers_;
+  std::map<xcb_keycode_t, Scheduled> regrabTimers_;
+
+  std::thread reader_;
+  std::thread watchdog_;
+};
+
+bool X11EventTap::Session::open(const std::string& display, std::string& error) {
+  int screenNumber = 0;
+  connection_ = xcb_connect(display.empty() ? nullptr : display.c_str(), &screenNumber);
+  if (xcb_connection_has_error(connection_)) {
+    error = "cannot open the X display " + (display.empty() ? std::string("($DISPLAY)") : display);
+    return false;
+  }
+  xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection_));
+  for (int i = 0; i < screenNumber && screens.rem; ++i) xcb_screen_next(&screens);
+  if (!screens.rem) {
+    error = "the X display has no screen";
+    return false;
+  }
+  root_ = screens.data->root;
+
+  std::uint8_t xkbError = 0;
+  if (!xkb_x11_setup_xkb_extension(connection_, XKB_X11_MIN_MAJOR_XKB_VERSION,
+                                   XKB_X11_MIN_MINOR_XKB_VERSION, XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS,
+                                   nullptr, nullptr, &xkbEventBase_, &xkbError)) {
+    error = "the X server lacks the XKEYBOARD extension";
+    return false;
+  }
+  keyboardDevice_ = xkb_x11_get_core_keyboard_device_id(connection_);
+
+  const xcb_query_extension_reply_t* xtest = xcb_get_extension_data(connection_, &xcb_test_id);
+  if (!xtest || !xtest->present) {
+    error = "the X server lacks the XTEST extension";
+    return false;
+  }
+
+  // Without detectable auto-repeat the server reports a held key as release/press pairs, and
+  // the first fake release would end a hold.
+  XPtr<xcb_xkb_per_client_flags_reply_t> flags(xcb_xkb_per_client_flags_reply(
+      connection_,
+      xcb_xkb_per_client_flags(connection_, XCB_XKB_ID_USE_CORE_KBD,
+                               XCB_XKB_PER_CLIENT_FLAG_DETECTABLE_AUTO_REPEAT,
+                               XCB_XKB_PER_CLIENT_FLAG_DETECTABLE_AUTO_REPEAT, 0, 0, 0),
+      nullptr));
+  if (!flags || !(flags->value & XCB_XKB_PER_CLIENT_FLAG_DETECTABLE_AUTO_REPEAT)) {
+    error = "the X server does not offer detectable auto-repeat";
+    return false;
+  }
+
+  // Raw key events reach every client whatever the grabs (XInput 2.1 and later), so they tell when
+  // a key that was let through to another client goes up again.
+  const xcb_query_extension_reply_t* xinput = xcb_get_extension_data(connection_, &xcb_input_id);
+  if (xinput && xinput->present) {
+    XPtr<xcb_input_xi_query_version_reply_t> version(xcb_input_xi_query_version_reply(
+        connection_, xcb_input_xi_query_version(connection_, 2, 2), nullptr));
+    if (version && (version->major_version > 2 ||
+                    (version->major_version == 2 && version->minor_version >= 1))) {
+      xinputOpcode_ = xinput->major_opcode;
+    }
+  }
+
+  std::string keymapError;
+  std::shared_ptr<const Keymap> map = Keymap::load(connection_, keymapError);
+  if (!map) {
+    error = keymapError;
+    return false;
+  }
+  keymap_ = std::move(map);
+
+  wakeWindow_ = xcb_generate_id(connection_);
+  xcb_create_window(connection_, 0, wakeWindow_, root_, -1, -1, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
+                    XCB_COPY_FROM_PARENT, 0, nullptr);
+  xcb_flush(connection_);
+  return true;
+}
+
+bool X11EventTap::Session::placeGrabs(const std::vector<KeyGrab>& grabs, std::string& error) {
+  std::vector<std::pair<xcb_void_cookie_t, const KeyGrab*>> cookies;
+  cookies.reserve(grabs.size());
+  for (const KeyGrab& grab : grabs) {
+    if (lifted_.count(grab.keycode)) continue;
+    cookies.emplace_back(xcb_grab_key_checked(connection_, 0, root_, grab.modifiers, grab.keycode,
+                                              XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_SYNC),
+                         &grab);
+  }
+  bool ok = true;
+  for (const auto& [cookie, grab] : cookies) {
+    XPtr<xcb_generic_error_t> failure(xcb_request_check(connection_, cookie));
+    if (failure && ok) {
+      ok = false;
+      error = "another X client already grabs " + grab->combination + " (keycode " +
+              std::to_string(grab->keycode) + ", modifiers " + describeMods(grab->modifiers) + ")";
+    }
+  }
+  return ok;
+}
+
+void X11EventTap::Session::removeGrabs(const std::vector<KeyGrab>& grabs) {
+  for (const KeyGrab& grab : grabs) {
+    if (lifted_.count(grab.keycode)) continue;
+    xcb_ungrab_key(connection_, grab.keycode, root_, grab.modifiers);
+  }
+}
+
+void X11EventTap::Session::liftGrab(xcb_keycode_t keycode) {
+  std::lock_guard lock(grabMutex_);
+  if (!tapped_ || !lifted_.insert(keycode).second) return;
+  for (const KeyGrab& grab : grabs_) {
+    if (grab.keycode == keycode) xcb_ungrab_key(connection_, keycode, root_, grab.modifiers);
+  }
+}
+
+void X11EventTap::Session::restoreGrab(xcb_keycode_t keycode) {
+  std::lock_guard lock(grabMutex_);
+  if (!lifted_.erase(keycode) || !tapped_) return;
+  for (const KeyGrab& grab : grabs_) {
+    if (grab.keycode == keycode) {
+      xcb_grab_key(connection_, 0, root_, grab.modifiers, keycode, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_SYNC);
+    }
+  }
+}
+
+bool X11EventTap::Session::startTap(Callback callback, std::string& error) {
+  if (tapped_) {
+    error = "a tap is already installed";
+    return false;
+  }
+  {
+    std::lock_guard lock(grabMutex_);
+    std::vector<KeyGrab> wanted = keymap()->grabs();
+    if (!placeGrabs(wanted, error)) {
+      removeGrabs(wanted);
+      xcb_flush(connection_);
+      return false;
+    }
+    grabs_ = std::move(wanted);
+    tapped_ = true;
+  }
+
+  const std::uint16_t xkbEvents = XCB_XKB_EVENT_TYPE_NEW_KEYBOARD_NOTIFY | XCB_XKB_EVENT_TYPE_MAP_NOTIFY;
+  const std::uint16_t mapParts = XCB_XKB_MAP_PART_KEY_TYPES | XCB_XKB_MAP_PART_KEY_SYMS |
+                                 XCB_XKB_MAP_PART_MODIFIER_MAP | XCB_XKB_MAP_PART_EXPLICIT_COMPONENTS |
+                                 XCB_XKB_MAP_PART_KEY_ACTIONS | XCB_XKB_MAP_PART_VIRTUAL_MODS |
+                                 XCB_XKB_MAP_PART_VIRTUAL_MOD_MAP;
+  xcb_xkb_select_events_details_t details{};
+  details.affectNewKeyboard = XCB_XKB_NKN_DETAIL_KEYCODES;
+  details.newKeyboardDetails = XCB_XKB_NKN_DETAIL_KEYCODES;
+  xcb_xkb_select_events_aux(connection_, static_cast<xcb_xkb_device_spec_t>(keyboardDevice_), xkbEvents, 0,
+                            0, mapParts, mapParts, &details);
+  if (xinputOpcode_) {
+    struct {
+      xcb_input_event_mask_t head;
+      std::uint32_t bits;
+    } mask{};
+    mask.head.deviceid = XCB_INPUT_DEVICE_ALL_MASTER;
+    mask.head.mask_len = 1;
+    mask.bits = XCB_INPUT_XI_EVENT_MASK_RAW_KEY_PRESS | XCB_INPUT_XI_EVENT_MASK_RAW_KEY_RELEASE;
+    xcb_input_xi_select_events(connection_, root_, 1, &mask.head);
+  }
+  xcb_flush(connection_);
+
+  callback_ = std::make_shared<Callback>(std::move(callback));
+  enabled_ = false;
+  {
+    std::lock_guard lock(pendingMutex_);
+    stopping_ = false;
+    pending_.reset();
+    grabActive_ = false;
+  }
+  reader_ = std::thread([this] { readLoop(); });
+  watchdog_ = std::thread([this] { watchLoop(); });
+  return true;
+}
+
+void X11EventTap::Session::stopTap() {
+  if (!reader_.joinable() && !tapped_) return;
+  callback_.reset();
+  enabled_ = false;
+  {
+    std::lock_guard lock(grabMutex_);
+    removeGrabs(grabs_);
+    grabs_.clear();
+    tapped_ = false;
+  }
+  {
+    std::lock_guard lock(pendingMutex_);
+    if (pending_) xcb_allow_events(connection_, XCB_ALLOW_REPLAY_KEYBOARD, pending_->time);
+    if (grabActive_) xcb_ungrab_keyboard(connection_, XCB_CURRENT_TIME);
+    pending_.reset();
+    grabActive_ = false;
+    stopping_ = true;
+  }
+  pendingChanged_.notify_all();
+  // Wake the reader, which sleeps in xcb_wait_for_event, with a message to our own window.
+  xcb_client_message_event_t message{};
+  message.response_type = XCB_CLIENT_MESSAGE;
+  message.format = 32;
+  message.window = wakeWindow_;
+  message.type = XCB_ATOM_NONE;
+  xcb_send_event(connection_, 0, wakeWindow_, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&message));
+  xcb_flush(connection_);
+  if (reader_.joinable()) reader_.join();
+  if (watchdog_.joinable()) watchdog_.join();
+  regrabTimers_.clear();
+  pressedModifiers_.clear();
+  deferred_.clear();
+  std::lock_guard lock(grabMutex_);
+  lifted_.clear();
+}
+
+// ---- Reader thread ----
+
+void X11EventTap::Session::readLoop() {
+  for (;;) {
+    xcb_generic_event_t* first = xcb_wait_for_event(connection_);
+    if (!first) {
+      setError("lost the connection to the X display");
+      return;
+    }
+    bool rebuildNeeded = false;
+    bool stop = false;
+    // Everything already read is handled before a rebuild, so a burst of keymap notifications
+    // (setxkbmap sends several) costs one.
+    for (xcb_generic_event_t* event = first; event; event = xcb_poll_for_queued_event(connection_)) {
+      XPtr<xcb_generic_event_t> owned(event);
+      handle(event, rebuildNeeded, stop);
+    }
+    if (stop) return;
+    if (rebuildNeeded) rebuild();
+  }
+}
+
+void X11EventTap::Session::handle(xcb_generic_event_t* event, bool& rebuildNeeded, bool& stop) {
+  const std::uint8_t type = event->response_type & 0x7F;
+  switch (type) {
+    case 0:  // an error of a request sent without a check (a regrab); nothing to do
+      return;
+    case XCB_KEY_PRESS:
+      onKey(reinterpret_cast<const xcb_key_press_event_t*>(event), true);
+      return;
+    case XCB_KEY_RELEASE:
+      onKey(reinterpret_cast<const xcb_key_press_event_t*>(event), false);
+      return;
+    case XCB_MAPPING_NOTIFY:
+      if (reinterpret_cast<const xcb_mapping_notify_event_t*>(event)->request != XCB_MAPPING_POINTER) {
+        rebuildNeeded = true;
+      }
+      return;
+    case XCB_CLIENT_MESSAGE: {
+      std::lock_guard lock(pendingMutex_);
+      if (stopping_) stop = true;
+      return;
+    }
+    case XCB_GE_GENERIC:
+      if (xinputOpcode_ && reinterpret_cast<const xcb_ge_generic_event_t*>(event)->extension == xinputOpcode_) {
+        onRaw(reinterpret_cast<const xcb_ge_generic_event_t*>(event));
+      }
+      return;
+    default:
+      break;
+  }
+  if (type == xkbEventBase_) {
+    // XKB puts its own event type in the second byte.
+    const std::uint8_t xkbType = reinterpret_cast<const std::uint8_t*>(event)[1];
+    if (xkbType == XCB_XKB_NEW_KEYBOARD_NOTIFY || xkbType == XCB_XKB_MAP_NOTIFY) rebuildNeeded = true;
+  }
+}
+
+void X11EventTap::Session::onRaw(const xcb_ge_generic_event_t* event) {
+  const auto* raw = reinterpret_cast<const xcb_input_raw_key_press_event_t*>(event);
+  const auto keycode = static_cast<xcb_keycode_t>(raw->detail);
+  const std::pair<std::uint16_t, xcb_keycode_t> key{raw->sourceid, keycode};
+  if (event->event_type == XCB_INPUT_RAW_KEY_PRESS) {
+    down_.emplace(key, raw->time);  // keeps the time of the first press
+  } else if (event->event_type == XCB_INPUT_RAW_KEY_RELEASE) {
+    down_.erase(key);
+  }
+}
+
+bool X11EventTap::Session::downBefore(xcb_keycode_t keycode, xcb_timestamp_t time) {
+  if (!xinputOpcode_) {
+    std::lock_guard lock(pendingMutex_);
+    return coreDown_.count(keycode) > 0;
+  }
+  // A repeat finds its key held since an earlier press; a new press brought its own raw press
+  // with the same timestamp.
+  for (auto it = down_.begin(); it != down_.end(); ++it) {
+    if (it->first.second == keycode && earlier(it->second, time)) return true;
+  }
+  return false;
+}
+
+bool X11EventTap::Session::takeOwnEvent(xcb_keycode_t keycode) {
+  std::lock_guard lock(ownMutex_);
+  const Clock::time_point now = Clock::now();
+  std::erase_if(own_, [&](const auto& entry) { return entry.second < now; });
+  for (auto it = own_.begin(); it != own_.end(); ++it) {
+    if (it->first == keycode) {
+      own_.erase(it);
+      return true;
+    }
+  }
+  return false;
+}
+
+void X11EventTap::Session::onKey(const xcb_key_press_event_t* key, bool press) {
+  const std::shared_ptr<const Keymap> map = keymap();
+  const xcb_keycode_t keycode = key->detail;
+  const std::uint16_t modifier = map->modifierOf(keycode);
+
+  KeyEvent event;
+  event.keyCode = map->logicCode(keycode);
+  if (modifier != 0) {
+    // The state of a key event is the one before it; flags-changed reports the one after.
+    event.type = EventType::flagsChanged;
+    event.flags = map->flags(press ? (key->state | modifier) : (key->state & ~modifier));
+  } else {
+    event.type = press ? EventType::keyDown : EventType::keyUp;
+    event.flags = map->flags(key->state);
+    if (press) {
+      event.autorepeat = downBefore(keycode, key->time);
+      event.text = map->text(keycode, key->state);
+      event.unmodifiedText = map->unmodifiedText(keycode, key->state);
+      if (takeOwnEvent(keycode)) event.userData = kOwnEventMarker;
+    }
+  }
+  std::uint64_t id = 0;
+  bool frozen = false;
+  {
+    std::lock_guard lock(pendingMutex_);
+    if (!xinputOpcode_) {
+      if (press) {
+        coreDown_.insert(keycode);
+      } else {
+        coreDown_.erase(keycode);
+      }
+    }
+    id = ++nextId_;
+    if (press && !grabActive_) {
+      // Not inside an active grab, so this press activated a passive one and the keyboard is
+      // frozen until it is answered.
+      frozen = true;
+      pending_ = Pending{id, key->time, keycode,
+                         Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                            std::chrono::duration<double>(answerTimeout_))};
+    } else if (!press && grabActive_ && keycode == grabKey_) {
+      grabActive_ = false;  // the server ends a key grab when its key goes up
+    }
+  }
+  if (frozen) pendingChanged_.notify_all();
+
+  if (!enabled_ || !tapped_) {
+    if (frozen) answer(id, key->time, TapVerdict::pass, true);
+    return;
+  }
+  dispatch(std::move(event), id, key->time, press, frozen);
+}
+
+void X11EventTap::Session::rebuild() {
+  std::string error;
+  std::shared_ptr<const Keymap> map = Keymap::load(connection_, error);
+  if (!map) {
+    setError("keymap change: " + error);
+    return;
+  }
+  {
+    std::lock_guard lock(grabMutex_);
+    if (tapped_) {
+      std::vector<KeyGrab> wanted = map->grabs();
+      removeGrabs(grabs_);
+      if (!placeGrabs(wanted, error)) setError("keymap change: " + error);
+      grabs_ = std::move(wanted);
+    }
+    std::lock_guard keymapLock(keymapMutex_);
+    keymap_ = std::move(map);
+  }
+  xcb_flush(connection_);
+  ++rebuilds_;
+}
+
+// ---- Watchdog thread ----
+
+void X11EventTap::Session::watchLoop() {
+  std::unique_lock lock(pendingMutex_);
+  while (!stopping_) {
+    if (!pending_) {
+      pendingChanged_.wait(lock);
+      continue;
+    }
+    if (Clock::now() < pending_->deadline) {
+      pendingChanged_.wait_until(lock, pending_->deadline);
+      continue;
+    }
+    // The main loop is stuck: let the press through before the user notices a dead keyboard.
+    xcb_allow_events(connection_, XCB_ALLOW_REPLAY_KEYBOARD, pending_->time);
+    xcb_flush(connection_);
+    if (!xinputOpcode_) coreDown_.erase(pending_->keycode);
+    pending_.reset();
+    grabActive_ = false;
+    enabled_ = false;
+    lock.unlock();
+    KeyEvent disabled;
+    disabled.type = EventType::tapDisabledByTimeout;
+    dispatch(disabled, 0, 0, false, false);
+    lock.lock();
+  }
+}
+
+// ---- Main thread ----
+
+void X11EventTap::Session::dispatch(KeyEvent event, std::uint64_t id, xcb_timestamp_t time, bool press,
+                                    bool frozen) {
+  loop_.dispatchMain([weak = weak_from_this(), event = std::move(event), id, time, press, frozen] {
+    if (auto self = weak.lock()) self->deliver(event, id, time, press, frozen);
+  });
+}
+
+void X11EventTap::Session::deliver(const KeyEvent& event, std::uint64_t id, xcb_timestamp_t time, bool press,
+                                   bool frozen) {
+  if (frozen) {
+    std::lock_guard lock(pendingMutex_);
+    // Already let through by the watchdog: the guard never saw it, as with a disabled tap.
+    if (!pending_ || pending_->id != id) return;
+  }
+  const std::shared_ptr<Callback> callback = callback_;
+  TapVerdict verdict = TapVerdict::pass;
+  if (callback && *callback) {
+    inCallback_ = true;
+    verdict = (*callback)(event);
+    inCallback_ = false;
+  }
+  if (press) answer(id, time, verdict, frozen);
+  std::vector<KeyEvent> held;
+  held.swap(deferred_);
+  for (const KeyEvent& posted : held) inject(posted);
+}
+
+void X11EventTap::Session::answer(std::uint64_t id, xcb_timestamp_t time, TapVerdict verdict, bool frozen) {
+  std::lock_guard lock(pendingMutex_);
+  if (frozen) {
+    if (!pending_ || pending_->id != id) return;
+    grabActive_ = verdict == TapVerdict::swallow;
+    grabKey_ = pending_->keycode;
+    if (!grabActive_ && !xinputOpcode_) coreDown_.erase(pending_->keycode);
+    pending_.reset();
+  }
+  // NOTE: for a press inside an active asynchronous grab the server ignores this request (nothing
+  // is frozen), which keeps a wrong guess about the grab state harmless.
+  xcb_allow_events(connection_, verdict == TapVerdict::pass ? XCB_ALLOW_REPLAY_KEYBOARD : XCB_ALLOW_ASYNC_KEYBOARD,
+                   time);
+  xcb_flush(connection_);
+}
+
+void X11EventTap::Session::post(const KeyEvent& event) {
+  if (inCallback_) {
+    // The keyboard is frozen at the press being answered; injected keys would queue behind it.
+    deferred_.push_back(event);
+    return;
+  }
+  inject(event);
+}
+
+void X11EventTap::Session::inject(const KeyEvent& event) {
+  if (event.type != EventType::keyDown && event.type != EventType::keyUp) return;
+  const std::shared_ptr<const Keymap> map = keymap();
+  const std::optional<xcb_keycode_t> keycode = map->keycodeOf(event.keyCode);
+  if (!keycode) return;
+  const xcb_keycode_t kc = *keycode;
+
+  if (event.type == EventType::keyDown) {
+    {
+      // Our active grab would swallow the injected key: end it. The physical key, if still held,
+      // then goes to the focused client like any key.
+      std::lock_guard lock(pendingMutex_);
+      if (grabActive_) {
+        xcb_ungrab_keyboard(connection_, XCB_CURRENT_TIME);
+        grabActive_ = false;
+      }
+    }
+    liftGrab(kc);
+
+    // Press the modifiers the event asks for that the user is not holding.
+    std::vector<xcb_keycode_t>& pressed = pressedModifiers_[kc];
+    XPtr<xcb_query_keymap_reply_t> keys(
+        xcb_query_keymap_reply(connection_, xcb_query_keymap(connection_), nullptr));
+    const auto isDown = [&](std::uint16_t mask) {
+      if (!keys) return false;
+      for (int code = 8; code < 256; ++code) {
+        if ((keys->keys[code / 8] & (1U << (code % 8))) && (map->modifierOf(static_cast<xcb_keycode_t>(code)) & mask)) {
+          return true;
+        }
+      }
+      return false;
+    };
+    const std::pair<std::uint64_t, std::uint16_t> wanted[] = {
+        {kFlagCommand, XCB_MOD_MASK_CONTROL},
+        {kFlagShift, XCB_MOD_MASK_SHIFT},
+        {kFlagOption, map->altMask()},
+        {kFlagControl, map->superMask()},
+    };
+    for (const auto& [flag, mask] : wanted) {
+      if (!(event.flags & flag) || isDown(mask)) continue;
+      const xcb_keycode_t modifierKey = map->keycodeForModifier(mask);
+      if (modifierKey == 0) continue;
+      xcb_test_fake_input(connection_, XCB_KEY_PRESS, modifierKey, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+      pressed.push_back(modifierKey);
+    }
+    // A press of a key the XTEST device already holds down reads to XKB as a hardware repeat and
+    // is dropped; that is the case when the user's keys come through XTEST too (VNC, xdotool).
+    // Releasing it first is harmless otherwise: the server ignores the release of a key this
+    // device does not hold.
+    if (keys && (keys->keys[kc / 8] & (1U << (kc % 8)))) {
+      xcb_test_fake_input(connection_, XCB_KEY_RELEASE, kc, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+    }
+    {
+      std::lock_guard lock(ownMutex_);
+      own_.emplace_back(kc, Clock::now() + kOwnEventWindow);
+    }
+    xcb_test_fake_input(connection_, XCB_KEY_PRESS, kc, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+    xcb_flush(connection_);
+    // Should the key-up never be posted, the key is guarded again after a moment anyway.
+    regrabTimers_[kc] = loop_.after(kRegrabAfterSec, [weak = weak_from_this(), kc] {
+      if (auto self = weak.lock()) {
+        self->pressedModifiers_.erase(kc);
+        self->restoreGrab(kc);
+        xcb_flush(self->connection_);
+      }
+    });
+    return;
+  }
+
+  xcb_test_fake_input(connection_, XCB_KEY_RELEASE, kc, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+  auto pressed = pressedModifiers_.find(kc);
+  if (pressed != pressedModifiers_.end()) {
+    for (auto it = pressed->second.rbegin(); it != pressed->second.rend(); ++it) {
+      xcb_test_fake_input(connection_, XCB_KEY_RELEASE, *it, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+    }
+    pressedModifiers_.erase(pressed);
+  }
+  // NOTE: the server handles XTEST input while it runs the request, so the injected events have
+  // reached the focused client before the regrab below is in effect.
+  restoreGrab(kc);
+  regrabTimers_.erase(kc);
+  xcb_flush(connection_);
+}
+
+// ---- X11EventTap ----
+
+namespace {
+
+class X11TapHandle final : public TapHandle {
+ public:
+  explicit X11TapHandle(std::shared_ptr<X11EventTap::Session> session) : session_(std::move(session)) {}
+  ~X11TapHandle() override;
+  void enable() override;
+
+ private:
+  std::shared_ptr<X11EventTap::Session> session_;
+};
+
+}  // namespace
+
+X11EventTap::X11EventTap(MainLoop& loop) : X11EventTap(loop, Options{}) {}
+
+X11EventTap::X11EventTap(MainLoop& loop, Options options) : loop_(loop), options_(std::move(options)) {}
+
+X11EventTap::~X11EventTap() = default;
+
+bool X11EventTap::isTrusted() {
+  if (session_) return true;
+  auto session = std::make_shared<Session>(loop_, options_.answerTimeout);
+  std::string error;
+  if (!session->open(options_.display, error)) {
+    lastError_ = error;
+    return false;
+  }
+  session_ = std::move(session);
+  lastError_.clear();
+  return true;
+}
+
+std::unique_ptr<TapHandle> X11EventTap::create(Callback callback) {
+  if (!isTrusted()) return nullptr;
+  std::string error;
+  if (!session_->startTap(std::move(callback), error)) {
+    lastError_ = error;
+    return nullptr;
+  }
+  lastError_.clear();
+  return std::make_unique<X11TapHandle>(session_);
+}
+
+std::string X11EventTap::lastError() const {
+  if (!lastError_.empty() || !session_) return lastError_;
+  return session_->error();
+}
+
+void X11EventTap::post(const KeyEvent& event) {
+  if (!isTrusted()) return;
+  session_->post(event);
+}
+
+std::vector<KeyGrab> X11EventTap::activeGrabs() const { return session_ ? session_->grabs() : std::vector<KeyGrab>{}; }
+
+int X11EventTap::rebuildCount() const { return session_ ? session_->rebuilds() : 0; }
+
+X11TapHandle::~X11TapHandle() { session_->stopTap(); }
+
+void X11TapHandle::enable() { session_->enable(); }
+
+}  // namespace tarry::platform::x11

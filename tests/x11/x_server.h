@@ -1,0 +1,32 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace tarry::test {
+
+/// A private Xvfb on a free display number, optionally with openbox; every process it starts is
+/// ended when it is destroyed.
+class XServer final {
+ public:
+  explicit XServer(bool windowManager = false);
+  ~XServer();
+  XServer(const XServer&) = delete;
+  XServer& operator=(const XServer&) = delete;
+
+  [[nodiscard]] bool ok() const { return !display_.empty(); }
+  /// ":N".
+  [[nodiscard]] const std::string& display() const { return display_; }
+  /// Runs a program against this display and waits for it; its exit status.
+  int run(const std::vector<std::string>& argv) const;
+
+ private:
+  pid_t start(const std::vector<std::string>& argv, int keepFd = -1) const;
+  std::string display_;
+  pid_t server_ = -1;
+  pid_t windowManager_ = -1;
+};
+
+}  // namespace tarry::test
