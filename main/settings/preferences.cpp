@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 
 namespace tarry::settings {
 namespace {
@@ -78,6 +79,13 @@ double Preferences::ramSaverHours() const {
 double Preferences::pauseUntil() const {
   const auto v = number(store_, "pauseUntil");
   return v && std::isfinite(*v) ? *v : 0.0;
+}
+
+long long Preferences::lastAnnounceId() const {
+  const auto v = number(store_, "lastAnnounceId");
+  // Beyond ±2^62 a double no longer converts safely; no identifier gets near that.
+  if (!v || !std::isfinite(*v) || std::fabs(*v) > 4.6e18) return 0;
+  return static_cast<long long>(*v);
 }
 
 std::map<std::string, std::string> Preferences::appModes() const {

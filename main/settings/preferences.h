@@ -51,6 +51,9 @@ class Preferences final {
   [[nodiscard]] double ramSaverHours() const;
   /// Seconds since 1970; 0 = not paused.
   [[nodiscard]] double pauseUntil() const;
+  /// Identifier of the last announcement shown; 0 when none (or not a number).
+  [[nodiscard]] long long lastAnnounceId() const;
+  void setLastAnnounceId(long long id) { setInteger("lastAnnounceId", id); }
 
   /// Per-app ⌘Q rules (bundle identifier → rule word); entries whose value is not a string are
   /// dropped.
@@ -61,6 +64,8 @@ class Preferences final {
   /// Per-app RAM Saver idle hours; entries that are not numbers, or not −1 or in (0, 24], are
   /// dropped.
   [[nodiscard]] std::map<std::string, double> ramSaverApp() const;
+  /// Writes the whole dictionary.
+  /// NOTE: the caller then has RAM Saver rebuild its timer; this class knows no other part.
   void setRamSaverApp(const std::map<std::string, double>& hours);
 
   void setOnlyListedApps(bool on);

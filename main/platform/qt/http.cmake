@@ -1,0 +1,3 @@
+target_sources(tarry_qt PRIVATE
+  qt_http.cpp
+)

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "platform/http.h"
+
+#include <QThread>
+
+#include <memory>
+
+class QObject;
+
+namespace tarry::platform::qt {
+
+/// HTTP over QNetworkAccessManager on a networking thread of its own, so that requests and their
+/// completions never wait on the main thread (or block it).
+/// NOTE: completions run on the networking thread. Requests still in flight when the client is
+/// destroyed are aborted and their completions never run.
+class QtHttp final : public Http {
+ public:
+  QtHttp();
+  ~QtHttp() override;
+
+  void get(const HttpRequest& request, Completion done) override;
+
+ private:
+  struct Worker;
+
+  QThread thread_;
+  /// Lives on `thread_`; owns the access manager and the replies.
+  QObject* context_ = nullptr;
+  std::shared_ptr<Worker> worker_;
+};
+
+}  // namespace tarry::platform::qt
