@@ -1,6 +1,7 @@
 // Process entry: picks what this run of the program is (a command-line tool, a demo, or the
 // desktop program) before anything else starts.
 #include "app/defaults_command.h"
+#include "app/remote_config_demo.h"
 #include "platform/linux/sqlite_defaults_store.h"
 
 #include <cstdio>
@@ -48,6 +49,9 @@ int main(int argc, char** argv) {
     std::printf("tarry %s\n", TARRY_VERSION);
     return 0;
   }
+  // NOTE: demos are checked in a fixed order and the first present wins; "--telemetry-demo" goes
+  // before this one.
+  if (hasFlag(argc, argv, "--remote-config-demo")) return tarry::app::runRemoteConfigDemo(argc, argv);
   // Entry points are added here as the program grows: defaults, demos, the desktop program.
   std::fputs(kUsage, stderr);
   return 2;
