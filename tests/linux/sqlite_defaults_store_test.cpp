@@ -225,13 +225,6 @@ TEST(SqliteDefaultsStore, DamagedPageIsMovedAside) {
   expectMovedAsideAndFresh(dir, path);
 }
 
-TEST(SqliteDefaultsStore, ForeignTableLayoutIsMovedAside) {
-  TempDir dir;
-  const std::string path = dir / "defaults.sqlite3";
-  ASSERT_TRUE(rawExec(path, "CREATE TABLE defaults(name TEXT, data BLOB)"));
-  expectMovedAsideAndFresh(dir, path);
-}
-
 TEST(SqliteDefaultsStore, NoWritablePlaceKeepsValuesInMemory) {
   TempDir dir;
   std::ofstream(dir / "file") << "x";

@@ -132,7 +132,7 @@ SqliteDefaultsStore::OpenResult SqliteDefaultsStore::open(std::string& error) {
       !exec(db_, kSchema)) {
     return fail(sqlite3_extended_errcode(db_));
   }
-  // A damaged page may sit where a plain scan of the table does not look (the key index).
+  // quick_check walks every page of the file, not only the ones the rows are read from below.
   sqlite3_stmt* check = nullptr;
   rc = sqlite3_prepare_v2(db_, "PRAGMA quick_check(1)", -1, &check, nullptr);
   if (rc == SQLITE_OK) {
