@@ -21,7 +21,7 @@ packages=(
   xvfb openbox xdotool x11-xkb-utils x11-utils xauth python3 procps
   fonts-dejavu-core
   # screenshots of the HUD on Xvfb (scripts/hud-screenshot.sh)
-  imagemagick
+  imagemagick xcompmgr
 )
 
 missing=()

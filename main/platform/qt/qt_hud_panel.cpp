@@ -269,9 +269,15 @@ class HudWindow final : public QWidget {
     p.translate(margin(), margin());
     const double h = layout.height;
 
-    QPainterPath backdrop;
-    backdrop.addRoundedRect(QRectF(0, 0, layout.width, h), layout.cornerRadius, layout.cornerRadius);
-    p.fillPath(backdrop, toQColor(layout.background, !composited_));
+    if (composited_) {
+      QPainterPath backdrop;
+      backdrop.addRoundedRect(QRectF(0, 0, layout.width, h), layout.cornerRadius, layout.cornerRadius);
+      p.fillPath(backdrop, toQColor(layout.background));
+    } else {
+      // The shape mask rounds the corners. An antialiased edge here would leave half-transparent
+      // pixels inside the mask, which an uncomposited X server shows dark.
+      p.fillRect(QRectF(0, 0, layout.width, h), toQColor(layout.background, true));
+    }
 
     drawIcon(p, h);
     drawText(p, layout.label, h);
