@@ -1,4 +1,5 @@
 #include "guard/hud.h"
+#include "platform/qt/qt_convert.h"
 #include "platform/qt/qt_hud_panel.h"
 #include "platform/qt/qt_screens.h"
 #include "platform/sim/sim_main_loop.h"
@@ -172,6 +173,17 @@ TEST_F(QtHudPanelTest, AMessageShowsTwoLinesAndNoMeter) {
     }
   }
   EXPECT_EQ(coloured, 0);
+}
+
+TEST_F(QtHudPanelTest, TheProgramsOwnIconsAreShipped) {
+  for (const char* name : {"app.fill", "tarry"}) {
+    SCOPED_TRACE(name);
+    const QImage image = toQImage(Icon{name, 0, 0, nullptr}, 128);
+    ASSERT_FALSE(image.isNull());
+    EXPECT_GT(image.pixelColor(64, 64).alpha(), 200);  // drawn in the middle
+    EXPECT_EQ(image.pixelColor(1, 1).alpha(), 0);      // round corners
+    save(image, (std::string(name) + "_icon.png").c_str());
+  }
 }
 
 TEST_F(QtHudPanelTest, ItOpensCentredOnThePointersScreenInQtsDownwardCoordinates) {
