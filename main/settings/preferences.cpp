@@ -44,8 +44,9 @@ double Preferences::holdSeconds() const {
 }
 
 bool Preferences::pressTwice() const {
+  // An Integer key: a stored 0.5 reads as 0, hold style.
   const auto v = number(store_, "style");
-  return v && *v > 0;
+  return v && std::trunc(*v) > 0;
 }
 
 int Preferences::appearance() const {

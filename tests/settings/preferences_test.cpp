@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 
 namespace tarry::settings {
@@ -11,101 +12,66 @@ namespace {
 
 using platform::Value;
 
-class PreferencesTest : public ::testing::Test {
- protected:
+TEST(PreferencesTest, NumbersReadClampedOrAsTheirDefault) {
   platform::sim::MemoryDefaultsStore store;
-  Preferences prefs{store};
-};
-
-TEST_F(PreferencesTest, HoldSecondsRoundsToHalvesThenClamps) {
+  const Preferences p(store);
   const struct {
-    Value stored;
+    const char* key;
+    Value stored;  // null = absent
     double reads;
-  } cases[] = {{0.2, 0.5}, {7.3, 7.0}, {1.26, 1.5}, {1.24, 1.0},
-               {3, 3.0},   {-5, 0.5},  {"3", 2.0},  {Value::array(), 2.0}};
+    std::function<double()> read;
+  } cases[] = {
+      {"holdSeconds", 0.2, 0.5, [&] { return p.holdSeconds(); }},
+      {"holdSeconds", 7.3, 7, [&] { return p.holdSeconds(); }},
+      {"holdSeconds", 1.26, 1.5, [&] { return p.holdSeconds(); }},
+      {"holdSeconds", 1.24, 1, [&] { return p.holdSeconds(); }},
+      {"holdSeconds", {}, 2, [&] { return p.holdSeconds(); }},
+      {"holdSeconds", "3", 2, [&] { return p.holdSeconds(); }},
+      {"ramSaverHours", 3, 0, [&] { return p.ramSaverHours(); }},
+      {"ramSaverHours", 0.5, 0.5, [&] { return p.ramSaverHours(); }},
+      {"workFrom", 30, 23, [&] { return p.workFrom(); }},
+      {"workFrom", -4, 0, [&] { return p.workFrom(); }},
+      {"workFrom", {}, 9, [&] { return p.workFrom(); }},
+      {"workTo", {}, 17, [&] { return p.workTo(); }},
+      {"workTo", "8", 17, [&] { return p.workTo(); }},
+      {"appearance", 5, 2, [&] { return p.appearance(); }},
+      {"appearance", -1, 0, [&] { return p.appearance(); }},
+      {"style", 2, 1, [&] { return p.pressTwice(); }},
+      {"style", 0.5, 0, [&] { return p.pressTwice(); }},
+      {"logoutHold", {}, 2, [&] { return p.logoutHold(); }},
+      {"logoutHold", "5", 2, [&] { return p.logoutHold(); }},
+      {"closeHold", {}, 0, [&] { return p.closeHold(); }},
+      {"lastAnnounceId", "7", 0, [&] { return p.lastAnnounceId(); }},
+  };
   for (const auto& c : cases) {
-    store.set("holdSeconds", c.stored);
-    EXPECT_DOUBLE_EQ(prefs.holdSeconds(), c.reads) << c.stored.dump();
+    if (c.stored.is_null()) {
+      store.remove(c.key);
+    } else {
+      store.set(c.key, c.stored);
+    }
+    EXPECT_EQ(c.read(), c.reads) << c.key << " = " << c.stored.dump();
   }
-  store.remove("holdSeconds");
-  EXPECT_DOUBLE_EQ(prefs.holdSeconds(), 2.0);
 }
 
-TEST_F(PreferencesTest, FlagsOfTheWrongTypeReadAsTheirReadersDefault) {
-  // Absent and non-Bool values: the default-true flags read true, the default-false ones false.
+TEST(PreferencesTest, FlagsOfTheWrongTypeReadAsTheirReadersDefault) {
+  platform::sim::MemoryDefaultsStore store;
+  const Preferences p(store);
+  const auto all = {"enabled",     "showHUD",      "playSound",      "showMenuBar",     "menuCounter",
+                    "unsavedWarn", "workWeekdays", "undoQuit",       "busyGuard",       "autoUpdate",
+                    "workHours",   "micStrict",    "onlyListedApps", "loginDefaultDone"};
   for (const Value& junk : {Value(), Value(0), Value("false"), Value(1)}) {
-    if (!junk.is_null()) {
-      for (const char* key : {"enabled", "showHUD", "playSound", "showMenuBar", "menuCounter", "unsavedWarn",
-                              "workWeekdays", "undoQuit", "busyGuard", "autoUpdate", "workHours", "micStrict",
-                              "onlyListedApps", "loginDefaultDone"}) {
-        store.set(key, junk);
-      }
+    for (const char* key : all) {
+      if (!junk.is_null()) store.set(key, junk);
     }
-    EXPECT_TRUE(prefs.enabled() && prefs.showHUD() && prefs.playSound() && prefs.showMenuBar() &&
-                prefs.menuCounter() && prefs.unsavedWarn() && prefs.workWeekdays() && prefs.undoQuit() &&
-                prefs.busyGuard() && prefs.autoUpdate())
+    EXPECT_TRUE(p.enabled() && p.showHUD() && p.playSound() && p.showMenuBar() && p.menuCounter() &&
+                p.unsavedWarn() && p.workWeekdays() && p.undoQuit() && p.busyGuard() && p.autoUpdate())
         << junk.dump();
-    EXPECT_FALSE(prefs.workHours() || prefs.micStrict() || prefs.onlyListedApps() || prefs.loginDefaultDone())
-        << junk.dump();
+    EXPECT_FALSE(p.workHours() || p.micStrict() || p.onlyListedApps() || p.loginDefaultDone()) << junk.dump();
   }
   store.set("enabled", false);
   store.set("micStrict", true);
-  EXPECT_FALSE(prefs.enabled());
-  EXPECT_TRUE(prefs.micStrict());
-  prefs.setOnlyListedApps(true);
-  EXPECT_TRUE(prefs.onlyListedApps());
-}
-
-TEST_F(PreferencesTest, NumbersOutsideTheirRangeReadClampedOrAsDefault) {
-  EXPECT_EQ(prefs.workFrom(), 9);
-  EXPECT_EQ(prefs.workTo(), 17);
-  store.set("workFrom", 30);
-  store.set("workTo", -4);
-  EXPECT_EQ(prefs.workFrom(), 23);
-  EXPECT_EQ(prefs.workTo(), 0);
-  store.set("workFrom", "8");
-  EXPECT_EQ(prefs.workFrom(), 9);
-
-  store.set("ramSaverHours", 3);
-  EXPECT_EQ(prefs.ramSaverHours(), 0);
-  store.set("ramSaverHours", 0.5);
-  EXPECT_EQ(prefs.ramSaverHours(), 0.5);
-  store.set("ramSaverHours", 8);
-  EXPECT_EQ(prefs.ramSaverHours(), 8);
-
-  store.set("appearance", 5);
-  EXPECT_EQ(prefs.appearance(), 2);
-  store.set("appearance", -1);
-  EXPECT_EQ(prefs.appearance(), 0);
-
-  EXPECT_FALSE(prefs.pressTwice());
-  store.set("style", 2);
-  EXPECT_TRUE(prefs.pressTwice());
-  store.set("style", -1);
-  EXPECT_FALSE(prefs.pressTwice());
-
-  EXPECT_EQ(prefs.closeHold(), 0);
-  EXPECT_EQ(prefs.logoutHold(), 2);
-  store.set("logoutHold", "5");
-  EXPECT_EQ(prefs.logoutHold(), 2);
-
-  EXPECT_EQ(prefs.lastAnnounceId(), 0);
-  store.set("lastAnnounceId", "7");
-  EXPECT_EQ(prefs.lastAnnounceId(), 0);
-  prefs.setLastAnnounceId(7);
-  EXPECT_EQ(prefs.lastAnnounceId(), 7);
-}
-
-TEST_F(PreferencesTest, DictionariesDropEntriesTheyCannotUse) {
-  store.set("appModes", Value{{"org.a", "never"}, {"org.b", 3}, {"org.c", "short"}});
-  EXPECT_EQ(prefs.appModes(), (std::map<std::string, std::string>{{"org.a", "never"}, {"org.c", "short"}}));
-  EXPECT_EQ(prefs.appMode("org.b"), "");
-
-  store.set("ramSaverApp", Value{{"org.a", -1}, {"org.b", 30}, {"org.c", 0.5}, {"org.d", "2"}});
-  EXPECT_EQ(prefs.ramSaverApp(), (std::map<std::string, double>{{"org.a", -1}, {"org.c", 0.5}}));
-
-  store.set("appModes", "not a dictionary");
-  EXPECT_TRUE(prefs.appModes().empty());
+  EXPECT_FALSE(p.enabled());
+  EXPECT_TRUE(p.micStrict());
 }
 
 }  // namespace
