@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 
 namespace tarry::stats {
 namespace {
@@ -56,11 +57,16 @@ std::string Counters::dayPrefix(double secondsSince1970) const {
 
 void Counters::addChecked(const std::string& key, std::int64_t amount) {
   const std::int64_t sum = store_.addInteger(key, amount);
-  // The store adds in two's complement, so the value it started from is sum − amount taken the same
-  // way; an overflow shows as an addition of those two that does not fit.
+  // The store does the addition, so an overflow has to be read from its result. A store that wraps
+  // started from sum − amount taken in two's complement, and an overflow shows as that addition not
+  // fitting; a store that stops at the end of the range leaves the sum there. No real count gets
+  // anywhere near either end, so reaching one is treated as the overflow.
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
   const auto before = static_cast<std::int64_t>(static_cast<std::uint64_t>(sum) - static_cast<std::uint64_t>(amount));
   std::int64_t check = 0;
   if (__builtin_add_overflow(before, amount, &check)) overflow(key);
+  if ((amount > 0 && sum == kMax) || (amount < 0 && sum == kMin)) overflow(key);
 }
 
 void Counters::add(std::string_view name, std::int64_t amount) {

@@ -106,6 +106,10 @@ TEST_F(CountersTest, StartStampsMissingDatesAndFoldsOldCounters) {
 TEST_F(CountersTest, OverflowIsFatal) {
   store.set("all.saved", std::numeric_limits<std::int64_t>::max());
   EXPECT_DEATH(counters.add("saved"), "overflowed");
+  store.set("all.saved", std::numeric_limits<std::int64_t>::max() - 2);
+  // Reaching the end of the range is how a store that stops there instead of wrapping shows it.
+  EXPECT_DEATH(counters.add("saved", 2), "overflowed");
+  store.set("all.saved", std::numeric_limits<std::int64_t>::max());
   counters.add("saved", -1);  // the other way round is an ordinary add
   EXPECT_EQ(value("all.saved"), std::numeric_limits<std::int64_t>::max() - 1);
 }
