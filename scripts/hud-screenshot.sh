@@ -20,7 +20,7 @@ if [ -z "$bin" ] || [ ! -x "$bin" ]; then
   echo "hud-screenshot: no tarry binary found; build it or set TARRY_BIN" >&2
   exit 1
 fi
-out="${1:-$PWD/hud-screenshot.png}"
+out="${1:-${TMPDIR:-/tmp}/tarry-hud-screenshot.png}"
 screen="${HUD_SCREEN:-1280x800}"
 
 # A free display number.
