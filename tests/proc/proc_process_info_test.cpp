@@ -48,6 +48,12 @@ TEST(ProcProcessInfo, ReadsChildrenNamesAndExecutablesOfRealProcesses) {
     EXPECT_EQ(proc.executableName(child), "sleep");
     EXPECT_TRUE(proc.childrenOf(child).empty());
   }
+  // The scan of every process's parent finds the same children as the kernel's children files.
+  ProcProcessInfo scanning("/proc", true);
+  auto scanned = scanning.childrenOf(shell.pid());
+  std::sort(scanned.begin(), scanned.end());
+  std::sort(children.begin(), children.end());
+  EXPECT_EQ(scanned, children);
   EXPECT_EQ(proc.name(shell.pid()), "bash");
   EXPECT_EQ(proc.executableName(shell.pid()), "bash");
   const auto tree = guard::processTree(proc, shell.pid());

@@ -103,7 +103,8 @@ std::optional<std::vector<std::int32_t>> numericEntries(const std::string& path)
 
 }  // namespace
 
-ProcProcessInfo::ProcProcessInfo(std::string procRoot) : root_(std::move(procRoot)) {
+ProcProcessInfo::ProcProcessInfo(std::string procRoot, bool scanOnly) : root_(std::move(procRoot)) {
+  if (scanOnly) childSource_.store(ChildSource::statScan);
   const long ticks = ::sysconf(_SC_CLK_TCK);
   ticksPerSecond_ = ticks > 0 ? static_cast<std::uint64_t>(ticks) : 100;
 }

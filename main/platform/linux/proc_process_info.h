@@ -30,7 +30,8 @@ class ProcProcessInfo final : public ProcessInfo {
   static constexpr std::chrono::milliseconds kScanReuse{100};
 
   /// `procRoot` is the procfs mount; tests point it at a directory laid out the same way.
-  explicit ProcProcessInfo(std::string procRoot = "/proc");
+  /// `scanOnly` skips the children files even where the kernel has them (to compare both ways).
+  explicit ProcProcessInfo(std::string procRoot = "/proc", bool scanOnly = false);
 
   [[nodiscard]] std::vector<std::int32_t> childrenOf(std::int32_t pid) override;
   [[nodiscard]] std::optional<std::string> name(std::int32_t pid) override;
