@@ -234,12 +234,5 @@ TEST_F(AppListControllerTest, ListsRuledIdleAndRunningAppsOnceSortedByName) {
   EXPECT_EQ(reschedules, 0);
 }
 
-TEST(IdleHoursTitle, MinutesBelowAnHourElseHours) {
-  EXPECT_EQ(idleHoursTitle(0.25), "15 min");
-  EXPECT_EQ(idleHoursTitle(3), "3 h");
-  EXPECT_EQ(idleHoursTitle(1.5), "1.5 h");
-  EXPECT_EQ(idleHoursTitle(24), "24 h");
-}
-
 }  // namespace
 }  // namespace tarry::settings
