@@ -417,7 +417,7 @@ std::string cmdStart(SimWorld& w, const Args& a) {
   if (w.guard) return "the guard is already started";
   w.guard = std::make_unique<guard::Guard>(guard::GuardDeps{
       w.sim.loop, w.tap, w.sim.workspace, w.sim.sound, w.activity, w.prefs, w.tunables, w.counters, w.log, w.hud,
-      w.policy, w.undo, w.telemetry});
+      w.holdPolicy(), w.undo, w.telemetry});
   w.counters.start();
   const bool ok = w.guard->installTap();
   w.note(std::string("guard start tap=") + (ok ? "yes" : "no"));
@@ -699,7 +699,8 @@ void addGuardCommands(CommandTable& t) {
 CommandTable buildCommandTable() {
   CommandTable table;
   addGuardCommands(table);
-  // Other areas add their commands here, e.g. addCarefulCommands(table).
+  addCarefulCommands(table);
+  // Other areas add their commands here.
   return table;
 }
 

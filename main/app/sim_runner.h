@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/sim_careful.h"
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
 #include "guard/guard.h"
@@ -160,6 +161,8 @@ struct SimWorld {
   ScriptedHoldPolicy policy{prefs, tunables, sim.journal};
   ScriptedUndo undo{sim.loop, sim.journal};
   stats::Counters counters{store, sim.loop};
+  /// Careful mode on simulated processes, sound and windows (`careful on`).
+  CarefulSim careful{prefs, tunables, sim.loop, sim.workspace, counters, sim.journal};
   diagnostics::Log log{sim.loop, files, store, tunables};
   diagnostics::BasicAppTelemetry telemetry{sim.workspace};
   /// Made by the `start` command.
@@ -169,6 +172,10 @@ struct SimWorld {
   /// Uptime at which the scenario began; transcript times are counted from here.
   double origin = 0;
 
+  /// The policy `start` hands to the guard: the careful one after `careful on`, else the scripted one.
+  [[nodiscard]] guard::HoldPolicy& holdPolicy() {
+    return careful.on ? static_cast<guard::HoldPolicy&>(careful.policy) : policy;
+  }
   /// Seconds since the scenario began.
   [[nodiscard]] double elapsed() const { return sim.loop.uptime() - origin; }
   /// Adds a line to the transcript at the current virtual time.
@@ -191,6 +198,8 @@ using CommandTable = std::map<std::string, Command, std::less<>>;
 
 /// The commands of the guard core: setup, inputs, clock and queries.
 void addGuardCommands(CommandTable& table);
+/// The commands of careful mode: processes, sound, windows and `careful on`.
+void addCarefulCommands(CommandTable& table);
 /// Every command the runner knows. Each area adds its own `add…Commands` here.
 [[nodiscard]] CommandTable buildCommandTable();
 
