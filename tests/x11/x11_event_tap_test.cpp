@@ -218,8 +218,16 @@ TEST_F(X11EventTapTest, CombinationTakenByAnotherClientFailsCreation) {
   EXPECT_TRUE(tap_->activeGrabs().empty());
   xcb_disconnect(other);
 
-  // Once the other client is gone the tap can be made; dropping it frees the keys again.
-  install([](const KeyEvent&) { return TapVerdict::swallow; });
+  // Once the server has seen the other client go, the tap can be made; dropping it frees the keys
+  // again.
+  ASSERT_TRUE(loop_.pumpUntil([&] {
+    handle_ = tap_->create([this](const KeyEvent& e) {
+      seen_.push_back(e);
+      return TapVerdict::swallow;
+    });
+    return handle_ != nullptr;
+  }));
+  handle_->enable();
   handle_.reset();
   keyboard_->tap({kCtrl, kQ});
   EXPECT_TRUE(probeGets(kQ));

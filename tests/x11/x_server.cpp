@@ -26,15 +26,13 @@ void stop(pid_t pid) {
   waitpid(pid, nullptr, 0);
 }
 
-}  // namespace
-
-pid_t XServer::start(const std::vector<std::string>& argv, int keepFd) const {
+pid_t spawn(const std::string& display, const std::vector<std::string>& argv, int keepFd) {
   const pid_t pid = fork();
   if (pid != 0) return pid;
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
-  if (!display_.empty()) setenv("DISPLAY", display_.c_str(), 1);
+  if (!display.empty()) setenv("DISPLAY", display.c_str(), 1);
   const int null = open("/dev/null", O_RDWR);
   dup2(null, STDIN_FILENO);
   dup2(null, STDOUT_FILENO);
@@ -44,6 +42,32 @@ pid_t XServer::start(const std::vector<std::string>& argv, int keepFd) const {
   }
   execvp(args[0], args.data());
   _exit(127);
+}
+
+}  // namespace
+
+Process::Process(const std::string& display, const std::vector<std::string>& argv)
+    : pid_(spawn(display, argv, -1)) {}
+
+Process::~Process() {
+  if (!exited_) stop(pid_);
+}
+
+bool Process::waitExit(double seconds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!exited_) {
+    if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+      exited_ = true;
+      break;
+    }
+    if (std::chrono::steady_clock::now() > end) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return exited_;
+}
+
+pid_t XServer::start(const std::vector<std::string>& argv, int keepFd) const {
+  return spawn(display_, argv, keepFd);
 }
 
 XServer::XServer(bool windowManager) {
@@ -65,20 +89,32 @@ XServer::XServer(bool windowManager) {
   display_ = ":" + number;
   if (windowManager) {
     windowManager_ = start({"openbox", "--sm-disable"});
-    // openbox is ready once it has claimed the EWMH check window.
+    // openbox drops windows mapped while it starts up: it is ready once a window of ours gets
+    // mapped through it (reparented into a frame).
     xcb_connection_t* c = xcb_connect(display_.c_str(), nullptr);
-    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
-    xcb_intern_atom_reply_t* atom =
-        xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, 24, "_NET_SUPPORTING_WM_CHECK"), nullptr);
-    for (int i = 0; atom && i < 500; ++i) {
-      xcb_get_property_reply_t* prop = xcb_get_property_reply(
-          c, xcb_get_property(c, 0, root, atom->atom, XCB_ATOM_WINDOW, 0, 1), nullptr);
-      const bool ready = prop && xcb_get_property_value_length(prop) == 4;
-      std::free(prop);
-      if (ready) break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+      const xcb_window_t w = xcb_generate_id(c);
+      const std::uint32_t mask = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+      xcb_create_window(c, XCB_COPY_FROM_PARENT, w, screen->root, 0, 0, 10, 10, 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+                        screen->root_visual, XCB_CW_EVENT_MASK, &mask);
+      xcb_map_window(c, w);
+      xcb_flush(c);
+      bool reparented = false;
+      const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+      while (!reparented && std::chrono::steady_clock::now() < end) {
+        xcb_generic_event_t* event = xcb_poll_for_event(c);
+        if (!event) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(5));
+          continue;
+        }
+        reparented = (event->response_type & 0x7F) == XCB_REPARENT_NOTIFY;
+        std::free(event);
+      }
+      xcb_destroy_window(c, w);
+      xcb_flush(c);
+      if (reparented) break;
     }
-    std::free(atom);
     xcb_disconnect(c);
   }
 }

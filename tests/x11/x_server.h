@@ -7,6 +7,23 @@
 
 namespace tarry::test {
 
+/// A child process on the test's X display, ended (SIGTERM, then SIGKILL) when destroyed.
+class Process final {
+ public:
+  Process(const std::string& display, const std::vector<std::string>& argv);
+  ~Process();
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  [[nodiscard]] pid_t pid() const { return pid_; }
+  /// Waits up to `seconds` for the process to end; true when it has.
+  bool waitExit(double seconds);
+
+ private:
+  pid_t pid_ = -1;
+  bool exited_ = false;
+};
+
 /// A private Xvfb on a free display number, optionally with openbox; every process it starts is
 /// ended when it is destroyed.
 class XServer final {

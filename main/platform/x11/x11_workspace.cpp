@@ -1,0 +1,320 @@
+#include "platform/x11/x11_workspace.h"
+
+#include "platform/linux/desktop_identifiers.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+namespace tarry::platform::x11 {
+namespace {
+
+constexpr std::uint32_t kMaxIconSide = 64;
+// EWMH source indication for requests from pagers and other tools acting for the user.
+constexpr std::uint32_t kSourcePager = 2;
+
+std::string executableOf(std::int32_t pid) {
+  if (pid <= 0) return {};
+  std::error_code error;
+  const std::filesystem::path exe =
+      std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
+  return error ? std::string() : exe.string();
+}
+
+std::string lower(std::string text) {
+  for (char& c : text) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return text;
+}
+
+}  // namespace
+
+Icon pickWindowIcon(const std::vector<std::uint32_t>& data) {
+  std::size_t best = data.size();
+  std::uint32_t bestSide = 0;
+  bool bestFits = false;
+  for (std::size_t i = 0; i + 2 <= data.size();) {
+    const std::uint32_t w = data[i];
+    const std::uint32_t h = data[i + 1];
+    const std::uint64_t count = static_cast<std::uint64_t>(w) * h;
+    if (w == 0 || h == 0 || i + 2 + count > data.size()) break;
+    const std::uint32_t side = std::max(w, h);
+    const bool fits = side <= kMaxIconSide;
+    if (best == data.size() || (fits && (!bestFits || side > bestSide)) || (!fits && !bestFits && side < bestSide)) {
+      best = i;
+      bestSide = side;
+      bestFits = fits;
+    }
+    i += 2 + static_cast<std::size_t>(count);
+  }
+  if (best == data.size()) return {};
+  Icon icon;
+  icon.width = static_cast<int>(data[best]);
+  icon.height = static_cast<int>(data[best + 1]);
+  const auto first = data.begin() + static_cast<std::ptrdiff_t>(best + 2);
+  icon.argb = std::make_shared<const std::vector<std::uint32_t>>(
+      first, first + static_cast<std::ptrdiff_t>(icon.width) * icon.height);
+  return icon;
+}
+
+X11Workspace::X11Workspace(X11Display& display, DesktopEntries& entries, Icon ownIcon)
+    : display_(display), entries_(entries), ownIcon_(std::move(ownIcon)) {
+  xcb_connection_t* c = display_.connection();
+  wakeWindow_ = xcb_generate_id(c);
+  xcb_create_window(c, 0, wakeWindow_, display_.root(), -1, -1, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
+                    XCB_COPY_FROM_PARENT, 0, nullptr);
+  const std::uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
+  xcb_change_window_attributes(c, display_.root(), XCB_CW_EVENT_MASK, &mask);
+  xcb_flush(c);
+  watcher_ = std::thread([this] { watch(); });
+}
+
+X11Workspace::~X11Workspace() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  xcb_client_message_event_t message{};
+  message.response_type = XCB_CLIENT_MESSAGE;
+  message.format = 32;
+  message.window = wakeWindow_;
+  xcb_send_event(display_.connection(), 0, wakeWindow_, XCB_EVENT_MASK_NO_EVENT,
+                 reinterpret_cast<const char*>(&message));
+  xcb_flush(display_.connection());
+  watcher_.join();
+  xcb_destroy_window(display_.connection(), wakeWindow_);
+  xcb_flush(display_.connection());
+}
+
+X11Workspace::Resolved X11Workspace::resolve(xcb_window_t window) const {
+  const Atoms& atoms = display_.atoms();
+  Resolved out;
+  RunningApp& app = out.app;
+  app.pid = display_.pidOf(window);
+  const auto [instance, wmClass] = display_.wmClass(window);
+
+  std::optional<DesktopEntry> entry;
+  if (auto gtk = display_.text(window, atoms.gtkApplicationId); gtk && !gtk->empty()) {
+    app.bundleID = *gtk;
+    entry = entries_.findById(*gtk);
+  } else if (auto kde = display_.text(window, atoms.kdeDesktopFile); kde && !kde->empty()) {
+    std::string id = std::filesystem::path(*kde).filename().string();
+    if (id.size() > 8 && id.ends_with(".desktop")) id.resize(id.size() - 8);
+    app.bundleID = id;
+    entry = entries_.findById(id);
+  } else {
+    for (const std::string& name : {wmClass, instance}) {
+      if (!entry && !name.empty()) entry = entries_.findByStartupWMClass(name);
+    }
+    // Many entries carry no StartupWMClass and are simply named after the program.
+    for (const std::string& name : {wmClass, instance, lower(wmClass)}) {
+      if (!entry && !name.empty()) entry = entries_.findById(name);
+    }
+    if (entry) app.bundleID = entry->id;
+  }
+  const std::string exe = executableOf(app.pid);
+  if (app.bundleID.empty()) app.bundleID = std::filesystem::path(exe).filename().string();
+
+  app.localizedName = entry && !entry->name.empty() ? entry->name : !wmClass.empty() ? wmClass : instance;
+  if (app.localizedName.empty()) app.localizedName = std::filesystem::path(exe).filename().string();
+  app.path = entry ? entry->path : exe;
+  // The entry's theme icon comes first: some window managers (openbox) write a generic
+  // placeholder into _NET_WM_ICON of every window that has none of its own.
+  if (entry && !entry->icon.empty()) {
+    app.icon.name = entry->icon;
+  } else if (auto pixels = display_.cardinals(window, atoms.netWmIcon)) {
+    app.icon = pickWindowIcon(*pixels);
+  }
+
+  const bool shell = display_.hasType(window, atoms.netWmWindowTypeDesktop) ||
+                     display_.hasType(window, atoms.netWmWindowTypeDock);
+  if (shell) {
+    const auto shells = os::linuxIdentifierEquivalents(IdentifierSet::dock);
+    if (std::find(shells.begin(), shells.end(), app.bundleID) == shells.end()) app.bundleID = kDesktopShellId;
+  }
+  out.regular = !shell && display_.hasType(window, atoms.netWmWindowTypeNormal) &&
+                !display_.hasState(window, atoms.netWmStateSkipTaskbar);
+  app.regular = out.regular;
+  return out;
+}
+
+X11Workspace::Resolved X11Workspace::cached(xcb_window_t window) {
+  {
+    std::lock_guard lock(mutex_);
+    if (auto it = byWindow_.find(window); it != byWindow_.end()) return it->second;
+  }
+  Resolved resolved = resolve(window);
+  std::lock_guard lock(mutex_);
+  byWindow_[window] = resolved;
+  return resolved;
+}
+
+void X11Workspace::readActive() {
+  const auto active = display_.cardinals(display_.root(), display_.atoms().netActiveWindow, 1);
+  const xcb_window_t window = active && !active->empty() ? (*active)[0] : 0;
+  {
+    std::lock_guard lock(mutex_);
+    active_ = window;
+    activeKnown_ = true;
+  }
+  if (window != 0) (void)cached(window);
+}
+
+void X11Workspace::readClients() {
+  std::vector<xcb_window_t> clients = display_.clients();
+  std::vector<xcb_window_t> added;
+  {
+    std::lock_guard lock(mutex_);
+    const std::set<xcb_window_t> known(clients_.begin(), clients_.end());
+    const std::set<xcb_window_t> now(clients.begin(), clients.end());
+    for (const xcb_window_t w : clients) {
+      if (known.count(w)) continue;
+      added.push_back(w);
+      // The server reuses the ids of windows of clients that went away; what was learnt under
+      // this id (say, as a stale active window) belongs to another window.
+      byWindow_.erase(w);
+    }
+    std::erase_if(byWindow_, [&](const auto& entry) { return !now.count(entry.first); });
+    clients_ = std::move(clients);
+    clientsKnown_ = true;
+  }
+  // Follow the properties that make up a window's identity, which toolkits may set after mapping.
+  const std::uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
+  for (const xcb_window_t w : added) xcb_change_window_attributes(display_.connection(), w, XCB_CW_EVENT_MASK, &mask);
+  xcb_flush(display_.connection());
+}
+
+void X11Workspace::watch() {
+  readClients();
+  readActive();
+  const Atoms& atoms = display_.atoms();
+  for (;;) {
+    xcb_generic_event_t* event = xcb_wait_for_event(display_.connection());
+    if (!event) return;
+    const std::uint8_t type = event->response_type & 0x7F;
+    if (type == XCB_CLIENT_MESSAGE) {
+      std::free(event);
+      std::lock_guard lock(mutex_);
+      if (stopping_) return;
+      continue;
+    }
+    if (type != XCB_PROPERTY_NOTIFY) {
+      std::free(event);
+      continue;
+    }
+    const auto* notify = reinterpret_cast<const xcb_property_notify_event_t*>(event);
+    const xcb_window_t window = notify->window;
+    const xcb_atom_t atom = notify->atom;
+    std::free(event);
+    if (window == display_.root()) {
+      if (atom == atoms.netClientList) readClients();
+      if (atom == atoms.netActiveWindow) readActive();
+      continue;
+    }
+    if (atom == XCB_ATOM_WM_CLASS || atom == atoms.netWmIcon || atom == atoms.gtkApplicationId ||
+        atom == atoms.kdeDesktopFile || atom == atoms.netWmPid || atom == atoms.netWmWindowType ||
+        atom == atoms.netWmState) {
+      bool isActive = false;
+      {
+        std::lock_guard lock(mutex_);
+        byWindow_.erase(window);
+        isActive = window == active_;
+      }
+      if (isActive) (void)cached(window);
+    }
+  }
+}
+
+std::optional<RunningApp> X11Workspace::frontmostApplication() {
+  xcb_window_t window = 0;
+  bool known = false;
+  {
+    std::lock_guard lock(mutex_);
+    window = active_;
+    known = activeKnown_;
+  }
+  if (!known) {
+    const auto active = display_.cardinals(display_.root(), display_.atoms().netActiveWindow, 1);
+    window = active && !active->empty() ? (*active)[0] : 0;
+  }
+  if (window == 0) return std::nullopt;
+  return cached(window).app;
+}
+
+std::vector<RunningApp> X11Workspace::runningApplications() {
+  std::vector<xcb_window_t> clients;
+  {
+    std::lock_guard lock(mutex_);
+    if (clientsKnown_) clients = clients_;
+  }
+  if (clients.empty()) clients = display_.clients();
+  std::vector<RunningApp> apps;
+  for (const xcb_window_t w : clients) {
+    const Resolved r = cached(w);
+    if (r.app.pid <= 0) continue;
+    auto same = std::find_if(apps.begin(), apps.end(), [&](const RunningApp& a) { return a.pid == r.app.pid; });
+    if (same == apps.end()) {
+      apps.push_back(r.app);
+    } else if (r.regular && !same->regular) {
+      *same = r.app;  // a normal window describes the app better than a panel or dialog
+    }
+  }
+  return apps;
+}
+
+bool X11Workspace::terminate(const RunningApp& app) {
+  if (app.pid <= 0) return false;
+  const Atoms& atoms = display_.atoms();
+  const bool closeByManager = display_.supported(atoms.netCloseWindow);
+  bool sent = false;
+  for (const xcb_window_t w : display_.clients()) {
+    if (cached(w).app.pid != app.pid) continue;
+    if (closeByManager) {
+      display_.sendToRoot(w, atoms.netCloseWindow, XCB_CURRENT_TIME, kSourcePager);
+      sent = true;
+      continue;
+    }
+    const auto protocols = display_.cardinals(w, atoms.wmProtocols, 32);
+    if (!protocols || std::find(protocols->begin(), protocols->end(), atoms.wmDeleteWindow) == protocols->end()) {
+      continue;
+    }
+    xcb_client_message_event_t message{};
+    message.response_type = XCB_CLIENT_MESSAGE;
+    message.format = 32;
+    message.window = w;
+    message.type = atoms.wmProtocols;
+    message.data.data32[0] = atoms.wmDeleteWindow;
+    message.data.data32[1] = XCB_CURRENT_TIME;
+    xcb_send_event(display_.connection(), 0, w, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&message));
+    sent = true;
+  }
+  xcb_flush(display_.connection());
+  return sent;
+}
+
+bool X11Workspace::isTerminated(std::int32_t pid) {
+  if (pid <= 0) return true;
+  if (kill(pid, 0) != 0 && errno == ESRCH) return true;
+  // A zombie has ended; only its parent has not collected it yet.
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(stat, line)) return true;
+  const std::size_t paren = line.rfind(')');
+  return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] == 'Z';
+}
+
+std::int32_t X11Workspace::ownPid() const { return static_cast<std::int32_t>(getpid()); }
+
+std::vector<std::string> X11Workspace::identifierEquivalents(IdentifierSet set) const {
+  std::vector<std::string> ids = os::linuxIdentifierEquivalents(set);
+  if (set == IdentifierSet::dock) ids.emplace_back(kDesktopShellId);
+  return ids;
+}
+
+}  // namespace tarry::platform::x11
