@@ -72,19 +72,19 @@ SqliteDefaultsStore::SqliteDefaultsStore(std::string path, std::function<void(co
     std::string aside;
     std::string moveError;
     if (!moveAside(aside, moveError)) {
-      emit("cannot use " + path_ + " (" + error + ") nor move it aside (" + moveError +
+      sendNote("cannot use " + path_ + " (" + error + ") nor move it aside (" + moveError +
            "); keeping preferences in memory only");
       return;
     }
-    emit("cannot use " + path_ + " (" + error + "); moved it to " + aside + " and started from defaults");
+    sendNote("cannot use " + path_ + " (" + error + "); moved it to " + aside + " and started from defaults");
     result = open(error);
   }
   if (result == OpenResult::busy) {
-    emit(path_ + " is locked by another process (" + error + "); keeping preferences in memory only");
+    sendNote(path_ + " is locked by another process (" + error + "); keeping preferences in memory only");
     return;
   }
   if (result != OpenResult::ok) {
-    emit("cannot create " + path_ + " (" + error + "); keeping preferences in memory only");
+    sendNote("cannot create " + path_ + " (" + error + "); keeping preferences in memory only");
     return;
   }
   persistent_ = true;
@@ -105,7 +105,7 @@ SqliteDefaultsStore::~SqliteDefaultsStore() {
 
 std::string SqliteDefaultsStore::defaultPath() { return configDirectory() + "/defaults.sqlite3"; }
 
-void SqliteDefaultsStore::emit(const std::string& line) const {
+void SqliteDefaultsStore::sendNote(const std::string& line) const {
   if (note_) note_("preferences: " + line);
 }
 
@@ -168,7 +168,7 @@ SqliteDefaultsStore::OpenResult SqliteDefaultsStore::open(std::string& error) {
   if (sqlite3_step(dataVersion_) == SQLITE_ROW) seenVersion_ = sqlite3_column_int64(dataVersion_, 0);
   sqlite3_reset(dataVersion_);
 
-  for (const auto& key : skipped) emit("ignored " + key + " in " + path_ + ": its value is not JSON");
+  for (const auto& key : skipped) sendNote("ignored " + key + " in " + path_ + ": its value is not JSON");
   const std::unique_lock values(mutex_);
   values_.clear();
   for (auto& [key, value] : rows) values_.emplace(key, std::make_shared<const Value>(std::move(value)));
@@ -354,8 +354,8 @@ bool SqliteDefaultsStore::persistPending() {
     const std::unique_lock lock(mutex_);
     for (auto& entry : batch) dirty_.insert(std::move(entry.first));
   }
-  if (!ok && !saveFailing_) emit("saving to " + path_ + " failed (" + error + "); will retry");
-  if (ok && saveFailing_) emit("saving to " + path_ + " works again");
+  if (!ok && !saveFailing_) sendNote("saving to " + path_ + " failed (" + error + "); will retry");
+  if (ok && saveFailing_) sendNote("saving to " + path_ + " works again");
   saveFailing_ = !ok;
   return ok;
 }

@@ -72,7 +72,7 @@ class SqliteDefaultsStore final : public DefaultsStore {
   bool markDirty(const std::string& key);
   void wakeWriter();
   void run();
-  void emit(const std::string& line) const;
+  void sendNote(const std::string& line) const;
 
   const std::string path_;
   const std::function<void(const std::string&)> note_;
