@@ -84,16 +84,22 @@ std::string cmdAudio(SimWorld& w, const Args& a) {
   constexpr const char* kUsage = "usage: audio mic|perprocess yes|no | audio play|record PID yes|no";
   bool on = false;
   if (a.size() == 2 && parseSwitch(a[1], on)) {
-    if (a[0] == "mic") w.careful.audio.microphone = on;
-    else if (a[0] == "perprocess") w.careful.audio.perProcess = on;
-    else return kUsage;
+    if (a[0] == "mic")
+      w.careful.audio.microphone = on;
+    else if (a[0] == "perprocess")
+      w.careful.audio.perProcess = on;
+    else
+      return kUsage;
     return "";
   }
   std::int32_t pid = 0;
   if (a.size() != 3 || !parsePid(a[1], pid) || !parseSwitch(a[2], on)) return kUsage;
-  if (a[0] == "play") w.careful.audio.setPlaying(pid, on);
-  else if (a[0] == "record") w.careful.audio.setRecording(pid, on);
-  else return kUsage;
+  if (a[0] == "play")
+    w.careful.audio.setPlaying(pid, on);
+  else if (a[0] == "record")
+    w.careful.audio.setRecording(pid, on);
+  else
+    return kUsage;
   return "";
 }
 
@@ -138,10 +144,11 @@ void RecordingCarefulPolicy::recordAttemptHour(guard::Combo combo) {
 }
 
 CarefulSim::CarefulSim(const settings::Preferences& prefs, const settings::Tunables& tunables,
-                       const platform::MainLoop& loop, const platform::Workspace& workspace, stats::Counters& counters,
-                       platform::sim::Journal& journal)
-    : policy({prefs, tunables, loop, workspace, processes, audio, windows},
-             [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); }, journal) {}
+                       const platform::MainLoop& loop, const platform::Workspace& workspace,
+                       stats::Counters& counters, platform::sim::Journal& journal)
+    : policy(
+          {prefs, tunables, loop, workspace, processes, audio, windows},
+          [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); }, journal) {}
 
 void addCarefulCommands(CommandTable& t) {
   t["careful"] = {"careful on|off", cmdCareful};

@@ -58,8 +58,9 @@ class RecordingCarefulPolicy final : public guard::HoldPolicy {
 /// Careful mode on simulated processes, sound and windows. `careful on` makes the next `start`
 /// hand this policy to the guard instead of the scripted answers.
 struct CarefulSim {
-  CarefulSim(const settings::Preferences& prefs, const settings::Tunables& tunables, const platform::MainLoop& loop,
-             const platform::Workspace& workspace, stats::Counters& counters, platform::sim::Journal& journal);
+  CarefulSim(const settings::Preferences& prefs, const settings::Tunables& tunables,
+             const platform::MainLoop& loop, const platform::Workspace& workspace, stats::Counters& counters,
+             platform::sim::Journal& journal);
 
   platform::sim::SimProcessInfo processes;
   platform::sim::SimAudio audio;

@@ -18,13 +18,13 @@ using settings::T;
 // Terminal emulators by the identifiers they have everywhere; the desktop adds its own through
 // Workspace::identifierEquivalents.
 constexpr std::array<std::string_view, 8> kTerminals = {
-    "com.apple.Terminal", "com.googlecode.iterm2", "dev.warp.Warp-Stable", "dev.warp.Warp",
-    "com.mitchellh.ghostty", "com.github.wez.wezterm", "org.alacritty", "net.kovidgoyal.kitty",
+    "com.apple.Terminal",    "com.googlecode.iterm2",  "dev.warp.Warp-Stable", "dev.warp.Warp",
+    "com.mitchellh.ghostty", "com.github.wez.wezterm", "org.alacritty",        "net.kovidgoyal.kitty",
 };
 
 // Shells and multiplexers sit between a terminal and the command the user runs; they are never
 // "a command" themselves. Compared in lower case.
-constexpr std::array<std::string_view, 9> kShells = {"zsh", "bash", "sh",   "fish", "login",
+constexpr std::array<std::string_view, 9> kShells = {"zsh",  "bash",   "sh", "fish", "login",
                                                      "tmux", "screen", "nu", "pwsh"};
 // iTerm2's per-session server process ("iTermServer-3.5.0"), in lower case.
 constexpr std::string_view kITermServerPrefix = "itermserver";
@@ -40,7 +40,9 @@ bool equalCaseless(std::string_view a, std::string_view b) {
   return a.size() == b.size() && lowered(a) == lowered(b);
 }
 
-bool contains(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
+bool contains(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
 
 }  // namespace
 
@@ -91,7 +93,8 @@ std::vector<std::string> CarefulHoldPolicy::busyReasons(const platform::RunningA
 
   if (isTerminal(app.bundleID)) {
     if (const auto command = runningCommand(s_.processes, tree)) {
-      reasons.push_back(command->empty() ? std::string("A command is running") : "`" + *command + "` is running");
+      reasons.push_back(command->empty() ? std::string("A command is running")
+                                         : "`" + *command + "` is running");
     }
   }
 
@@ -117,7 +120,8 @@ bool CarefulHoldPolicy::isTerminal(const std::string& bundleID) const {
     return true;
   }
   const auto extra = s_.workspace.identifierEquivalents(platform::IdentifierSet::terminals);
-  return std::any_of(extra.begin(), extra.end(), [&](const std::string& id) { return equalCaseless(id, bundleID); });
+  return std::any_of(extra.begin(), extra.end(),
+                     [&](const std::string& id) { return equalCaseless(id, bundleID); });
 }
 
 std::vector<std::int32_t> processTree(platform::ProcessInfo& processes, std::int32_t root, std::size_t cap) {
@@ -138,7 +142,8 @@ std::vector<std::int32_t> processTree(platform::ProcessInfo& processes, std::int
   return tree;
 }
 
-std::optional<std::string> runningCommand(platform::ProcessInfo& processes, const std::vector<std::int32_t>& tree) {
+std::optional<std::string> runningCommand(platform::ProcessInfo& processes,
+                                          const std::vector<std::int32_t>& tree) {
   for (std::size_t i = 1; i < tree.size(); ++i) {
     auto name = processes.name(tree[i]);
     if (!name || name->empty()) {
@@ -153,7 +158,8 @@ std::optional<std::string> runningCommand(platform::ProcessInfo& processes, cons
   return std::nullopt;
 }
 
-double sampleCpuPercent(platform::ProcessInfo& processes, const std::vector<std::int32_t>& pids, double sampleMs) {
+double sampleCpuPercent(platform::ProcessInfo& processes, const std::vector<std::int32_t>& pids,
+                        double sampleMs) {
   if (pids.empty()) return 0;
   std::vector<std::optional<std::uint64_t>> before;
   before.reserve(pids.size());

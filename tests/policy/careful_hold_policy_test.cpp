@@ -26,7 +26,8 @@ class TitleWindows final : public platform::WindowList {
  public:
   std::vector<platform::WindowInfo> windowsOf(std::int32_t pid) override {
     std::vector<platform::WindowInfo> out;
-    for (const auto& title : titles[pid]) out.push_back(platform::WindowInfo{0, title, "", 0, 0, 0, 0, false});
+    for (const auto& title : titles[pid])
+      out.push_back(platform::WindowInfo{0, title, "", 0, 0, 0, 0, false});
     return out;
   }
   bool setFrame(std::uint32_t, double, double, double, double, bool) override { return false; }
@@ -97,13 +98,13 @@ TEST_F(CarefulHoldPolicyTest, HoldTimesApplyRuleCarefulFactorAndClamps) {
 
 TEST_F(CarefulHoldPolicyTest, WorkHoursAcrossMidnightTestTodaysWeekday) {
   workHours(22, 6, true);
-  EXPECT_TRUE(carefulAt(kFridayMidnight + 23 * kHour));       // Friday 23:00
-  EXPECT_FALSE(carefulAt(kFridayMidnight + 47 * kHour));      // Saturday 23:00
-  EXPECT_FALSE(carefulAt(kFridayMidnight + 26 * kHour));      // Saturday 02:00, window began Friday
-  EXPECT_TRUE(carefulAt(kFridayMidnight + 5.99 * kHour));     // Friday 05:59
-  EXPECT_FALSE(carefulAt(kFridayMidnight + 6 * kHour));       // Friday 06:00, end is exclusive
-  EXPECT_FALSE(carefulAt(kFridayMidnight + 21.99 * kHour));   // Friday 21:59
-  EXPECT_TRUE(carefulAt(kFridayMidnight + 74 * kHour));       // Monday 02:00
+  EXPECT_TRUE(carefulAt(kFridayMidnight + 23 * kHour));      // Friday 23:00
+  EXPECT_FALSE(carefulAt(kFridayMidnight + 47 * kHour));     // Saturday 23:00
+  EXPECT_FALSE(carefulAt(kFridayMidnight + 26 * kHour));     // Saturday 02:00, window began Friday
+  EXPECT_TRUE(carefulAt(kFridayMidnight + 5.99 * kHour));    // Friday 05:59
+  EXPECT_FALSE(carefulAt(kFridayMidnight + 6 * kHour));      // Friday 06:00, end is exclusive
+  EXPECT_FALSE(carefulAt(kFridayMidnight + 21.99 * kHour));  // Friday 21:59
+  EXPECT_TRUE(carefulAt(kFridayMidnight + 74 * kHour));      // Monday 02:00
 
   prefs.setBool("workWeekdays", false);
   EXPECT_TRUE(carefulAt(kFridayMidnight + 47 * kHour));
@@ -156,16 +157,17 @@ TEST_F(CarefulHoldPolicyTest, BusyReasonsComeInTheirFixedOrder) {
 TEST_F(CarefulHoldPolicyTest, TerminalCommandSkipsShellsAndNamelessProcesses) {
   // Each chain hangs below its own terminal process: terminal → first → second → ...
   std::int32_t base = 10;
-  const auto reasonsWith = [&](std::vector<std::pair<std::optional<std::string>, std::optional<std::string>>> chain) {
-    base += 100;
-    processes.add(base, 1, "kitty");
-    std::int32_t pid = base;
-    for (auto& [name, exe] : chain) {
-      processes.add(pid + 1, pid, name, exe);
-      ++pid;
-    }
-    return policy.busyReasons(app(base, "net.kovidgoyal.kitty"));
-  };
+  const auto reasonsWith =
+      [&](std::vector<std::pair<std::optional<std::string>, std::optional<std::string>>> chain) {
+        base += 100;
+        processes.add(base, 1, "kitty");
+        std::int32_t pid = base;
+        for (auto& [name, exe] : chain) {
+          processes.add(pid + 1, pid, name, exe);
+          ++pid;
+        }
+        return policy.busyReasons(app(base, "net.kovidgoyal.kitty"));
+      };
   EXPECT_EQ(reasonsWith({{"zsh", {}}, {"TMUX", {}}, {"Bash", {}}, {"iTermServer-3.5", {}}, {"Python3", {}}}),
             (Reasons{"`Python3` is running"}));
   // No readable name: the executable's file name; neither: skipped.
@@ -220,10 +222,11 @@ TEST_F(CarefulHoldPolicyTest, CpuLoadIsSummedOverTheTreeAgainstTheThreshold) {
 }
 
 TEST(UnsavedTitles, MarkersOfCommonEditorsCountPlainTitlesDoNot) {
-  for (const char* title : {"*Untitled Document 1 - gedit", "● main.cpp - tarry - Visual Studio Code",
-                            "• notes", "notes.txt *", "notes.txt*", "notes.txt* - Kate", "notes.txt * — KWrite",
-                            "notes.txt • - Sublime Text", "report.odt [Modified]", "draft (modified) - Editor",
-                            "  *drawing.svg - Inkscape", "notes.txt + (~/src) - VIM", "Report [unsaved]"}) {
+  for (const char* title :
+       {"*Untitled Document 1 - gedit", "● main.cpp - tarry - Visual Studio Code", "• notes", "notes.txt *",
+        "notes.txt*", "notes.txt* - Kate", "notes.txt * — KWrite", "notes.txt • - Sublime Text",
+        "report.odt [Modified]", "draft (modified) - Editor", "  *drawing.svg - Inkscape",
+        "notes.txt + (~/src) - VIM", "Report [unsaved]"}) {
     EXPECT_TRUE(titleShowsUnsavedWork(title)) << title;
   }
   for (const char* title : {"", "   ", "notes.txt - gedit", "Inbox • Mail", "C++ reference - Firefox",

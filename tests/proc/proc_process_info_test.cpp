@@ -133,8 +133,9 @@ TEST_F(FakeProc, ParsesCommandNamesWithParenthesesAndEveryThreadsChildren) {
   fs::create_symlink("/opt/App/bin/my-app (deleted)", root / "100/exe");
   const char cmdline[] = "/usr/lib/chromium/chromium --type=renderer\0--lang=en";  // arguments end in NUL
   write("102/cmdline", std::string(cmdline, sizeof cmdline));
-  write("100/smaps_rollup", "55b92ddae000-7ffe24766000 ---p 00000000 00:00 0  [rollup]\nRss:  4000 kB\n"
-                            "Pss:  1000 kB\nPss_Anon:  500 kB\nSwap:  90 kB\nSwapPss:  24 kB\n");
+  write("100/smaps_rollup",
+        "55b92ddae000-7ffe24766000 ---p 00000000 00:00 0  [rollup]\nRss:  4000 kB\n"
+        "Pss:  1000 kB\nPss_Anon:  500 kB\nSwap:  90 kB\nSwapPss:  24 kB\n");
   ProcProcessInfo proc(root.string());
   EXPECT_EQ(proc.childrenOf(100), (std::vector<std::int32_t>{101, 102, 104}));
   EXPECT_EQ(proc.name(100), "x) y");
@@ -190,8 +191,9 @@ TEST_F(BusyProcesses, ASpinningTreeIsWorkingHard) {
   // Four spinning processes under one shell. The machine running the tests may be loaded by other
   // work, so the threshold is the lowest allowed: this is about reading the tree's CPU time, the
   // threshold itself is the logic's business.
-  Spawned spinner({"sh", "-c", "while :; do :; done & while :; do :; done & while :; do :; done & "
-                               "while :; do :; done"});
+  Spawned spinner({"sh", "-c",
+                   "while :; do :; done & while :; do :; done & while :; do :; done & "
+                   "while :; do :; done"});
   ASSERT_TRUE(eventually([&] { return proc.childrenOf(spinner.pid()).size() == 3; }));
   tunables.setNumber(settings::T::busyCpuPercent, 10);
   EXPECT_EQ(policy.busyReasons(app(spinner.pid(), "org.example.Compute")),

@@ -32,11 +32,11 @@ class PulseDaemon : public ::testing::Test {
     env = {"HOME=" + dir.string(), "XDG_RUNTIME_DIR=" + dir.string(), "PULSE_RUNTIME_PATH=" + dir.string(),
            "PULSE_SERVER=" + server};
     daemon = std::make_unique<Spawned>(
-        std::vector<std::string>{"pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
-                                 "--disable-shm=yes", "--system=no",
-                                 "--load=module-native-protocol-unix auth-anonymous=1 socket=" + (dir / "native").string(),
-                                 "--load=module-null-sink sink_name=speakers",
-                                 "--load=module-null-source source_name=mic"},
+        std::vector<std::string>{
+            "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
+            "--disable-shm=yes", "--system=no",
+            "--load=module-native-protocol-unix auth-anonymous=1 socket=" + (dir / "native").string(),
+            "--load=module-null-sink sink_name=speakers", "--load=module-null-source source_name=mic"},
         env, (dir / "daemon.log").string());
     if (!daemon->started() || !eventually([&] { return fs::exists(dir / "native"); })) {
       GTEST_SKIP() << "no PulseAudio daemon could be started (is the pulseaudio package installed?)";

@@ -134,7 +134,7 @@ std::vector<std::int32_t> ProcProcessInfo::childrenOf(std::int32_t pid) {
 }
 
 std::optional<std::vector<std::int32_t>> ProcProcessInfo::childrenFromTasks(std::int32_t pid,
-                                                                           bool& processExists) const {
+                                                                            bool& processExists) const {
   const auto tasks = numericEntries(path(pid, "task"));
   processExists = tasks.has_value();
   if (!tasks) return std::nullopt;
@@ -143,7 +143,8 @@ std::optional<std::vector<std::int32_t>> ProcProcessInfo::childrenFromTasks(std:
   std::unordered_set<std::int32_t> seen;
   bool anyFile = false;
   for (const auto tid : *tasks) {
-    const auto text = readFile(root_ + "/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/children");
+    const auto text =
+        readFile(root_ + "/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/children");
     if (!text) continue;
     anyFile = true;
     std::string_view rest(*text);
@@ -153,7 +154,8 @@ std::optional<std::vector<std::int32_t>> ProcProcessInfo::childrenFromTasks(std:
       rest.remove_prefix(start);
       const auto end = rest.find_first_of(" \n");
       const auto child = parseInteger(rest.substr(0, end));
-      if (child && *child > 0 && *child <= INT32_MAX && seen.insert(static_cast<std::int32_t>(*child)).second) {
+      if (child && *child > 0 && *child <= INT32_MAX &&
+          seen.insert(static_cast<std::int32_t>(*child)).second) {
         children.push_back(static_cast<std::int32_t>(*child));
       }
       if (end == std::string_view::npos) break;

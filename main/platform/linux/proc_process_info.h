@@ -46,7 +46,8 @@ class ProcProcessInfo final : public ProcessInfo {
 
   [[nodiscard]] std::string path(std::int32_t pid, const char* leaf) const;
   /// Children from the per-thread children files; nothing when the process has none of them.
-  [[nodiscard]] std::optional<std::vector<std::int32_t>> childrenFromTasks(std::int32_t pid, bool& processExists) const;
+  [[nodiscard]] std::optional<std::vector<std::int32_t>> childrenFromTasks(std::int32_t pid,
+                                                                           bool& processExists) const;
   [[nodiscard]] std::vector<std::int32_t> childrenFromScan(std::int32_t pid);
 
   std::string root_;

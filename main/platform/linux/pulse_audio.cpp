@@ -105,7 +105,8 @@ struct PulseAudio::Impl {
       return;
     }
     pa_context_set_state_callback(context, &Impl::onState, this);
-    if (pa_context_connect(context, server.empty() ? nullptr : server.c_str(), PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+    if (pa_context_connect(context, server.empty() ? nullptr : server.c_str(), PA_CONTEXT_NOAUTOSPAWN,
+                           nullptr) < 0) {
       scheduleRetry();
     }
   }
@@ -144,7 +145,8 @@ struct PulseAudio::Impl {
       case PA_CONTEXT_READY: {
         self->ready = true;
         pa_context_set_subscribe_callback(c, &Impl::onEvent, self);
-        const auto mask = static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SOURCE);
+        const auto mask =
+            static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SOURCE);
         if (pa_operation* op = pa_context_subscribe(c, mask, nullptr, nullptr)) pa_operation_unref(op);
         self->refresh(c);
         break;
@@ -158,7 +160,8 @@ struct PulseAudio::Impl {
     }
   }
 
-  static void onEvent(pa_context* c, pa_subscription_event_type_t type, std::uint32_t /*index*/, void* userdata) {
+  static void onEvent(pa_context* c, pa_subscription_event_type_t type, std::uint32_t /*index*/,
+                      void* userdata) {
     const auto facility = type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
     // A new default source arrives as a server event; a source starting or stopping as a source
     // change event.
@@ -177,7 +180,8 @@ struct PulseAudio::Impl {
       self->microphone = false;
       return;
     }
-    if (pa_operation* op = pa_context_get_source_info_by_name(c, info->default_source_name, &Impl::onDefaultSource, self)) {
+    if (pa_operation* op =
+            pa_context_get_source_info_by_name(c, info->default_source_name, &Impl::onDefaultSource, self)) {
       pa_operation_unref(op);
     }
   }
@@ -191,7 +195,8 @@ struct PulseAudio::Impl {
   }
 };
 
-PulseAudio::PulseAudio(std::string server, std::chrono::milliseconds queryTimeout) : impl_(std::make_unique<Impl>()) {
+PulseAudio::PulseAudio(std::string server, std::chrono::milliseconds queryTimeout)
+    : impl_(std::make_unique<Impl>()) {
   impl_->server = std::move(server);
   impl_->timeout = queryTimeout;
   impl_->loop = pa_threaded_mainloop_new();
