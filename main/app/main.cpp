@@ -1,6 +1,7 @@
 // Process entry: picks what this run of the program is (a command-line tool, a demo, or the
 // desktop program) before anything else starts.
 #include "app/defaults_command.h"
+#include "app/desktop.h"
 #include "app/hud_demo.h"
 #include "app/remote_config_demo.h"
 #include "platform/linux/sqlite_defaults_store.h"
@@ -54,7 +55,5 @@ int main(int argc, char** argv) {
   // before this one.
   if (hasFlag(argc, argv, "--remote-config-demo")) return tarry::app::runRemoteConfigDemo(argc, argv);
   if (hasFlag(argc, argv, "--hud-demo")) return tarry::app::runHudDemo(argc, argv);
-  // Entry points are added here as the program grows: defaults, demos, the desktop program.
-  std::fputs(kUsage, stderr);
-  return 2;
+  return tarry::app::runDesktop(argc, argv);
 }

@@ -175,9 +175,15 @@ TEST_F(X11EventTapTest, SwallowedPressKeepsTheKeyAndReportsRepeatsModifiersAndRe
   EXPECT_EQ(flags[0].flags & kFlagCommand, 0U);
   EXPECT_EQ(seenOf(EventType::keyUp)[0].keyCode, kKeyQ);
 
-  // The grab ended with the key: ordinary typing reaches the client.
+  // The grab ended with the key: ordinary typing reaches the client, and the next press of the
+  // combination is a new press.
   keyboard_->tap({kE});
   EXPECT_TRUE(probeGets(kE));
+  seen_.clear();
+  keyboard_->tap({kCtrl, kQ});
+  ASSERT_TRUE(loop_.pumpUntil([&] { return !seenOf(EventType::keyUp).empty(); }));
+  ASSERT_EQ(seenOf(EventType::keyDown).size(), 1U);
+  EXPECT_FALSE(seenOf(EventType::keyDown)[0].autorepeat);
 }
 
 TEST_F(X11EventTapTest, UnansweredPressIsLetThroughAndTheTapReportsTheTimeout) {

@@ -7,6 +7,7 @@
 #include <xcb/xtest.h>
 #include <xkbcommon/xkbcommon-x11.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -35,6 +36,9 @@ using XPtr = std::unique_ptr<T, FreeDeleter>;
 constexpr auto kOwnEventWindow = std::chrono::milliseconds(200);
 // A key-down posted without its key-up gets its grab back after this long.
 constexpr double kRegrabAfterSec = 1.0;
+
+// Stands for "some device" in the record of keys down when only a core event told.
+constexpr std::uint16_t kCoreSource = 0xFFFF;
 
 // Server timestamps wrap every 49.7 days; compare them as a signed difference.
 bool earlier(xcb_timestamp_t a, xcb_timestamp_t b) { return static_cast<std::int32_t>(b - a) > 0; }
@@ -103,6 +107,7 @@ class X11EventTap::Session final : public std::enable_shared_from_this<Session> 
   void onRaw(const xcb_ge_generic_event_t* event);
   void rebuild();
   bool downBefore(xcb_keycode_t keycode, xcb_timestamp_t time);
+  void noteCoreKey(xcb_keycode_t keycode, xcb_timestamp_t time, bool press);
   bool takeOwnEvent(xcb_keycode_t keycode);
 
   // Watchdog thread.
@@ -439,6 +444,17 @@ void X11EventTap::Session::onRaw(const xcb_ge_generic_event_t* event) {
   }
 }
 
+void X11EventTap::Session::noteCoreKey(xcb_keycode_t keycode, xcb_timestamp_t time, bool press) {
+  // The server sends no raw events to the client whose core grab is active; the core events it
+  // sends instead keep the record. They do not say which device sent them.
+  if (!press) {
+    std::erase_if(down_, [&](const auto& entry) { return entry.first.second == keycode; });
+    return;
+  }
+  const bool known = std::any_of(down_.begin(), down_.end(), [&](const auto& e) { return e.first.second == keycode; });
+  if (!known) down_.emplace(std::pair<std::uint16_t, xcb_keycode_t>{kCoreSource, keycode}, time);
+}
+
 bool X11EventTap::Session::downBefore(xcb_keycode_t keycode, xcb_timestamp_t time) {
   if (!xinputOpcode_) {
     std::lock_guard lock(pendingMutex_);
@@ -486,6 +502,8 @@ void X11EventTap::Session::onKey(const xcb_key_press_event_t* key, bool press) {
       if (takeOwnEvent(keycode)) event.userData = kOwnEventMarker;
     }
   }
+  if (xinputOpcode_) noteCoreKey(keycode, key->time, press);
+
   std::uint64_t id = 0;
   bool frozen = false;
   {
