@@ -67,8 +67,8 @@ struct Rig {
   guard::BasicHoldPolicy policy{prefs, tunables};
   guard::NoUndo undo;
   NullHud hud;
-  guard::Guard guard{guard::GuardDeps{sim.loop, sim.tap, sim.workspace, sim.sound, sim.activity, prefs, tunables,
-                                      counters, log, hud, policy, undo, telemetry}};
+  guard::Guard guard{guard::GuardDeps{sim.loop, sim.tap, sim.workspace, sim.sound, sim.activity, prefs,
+                                      tunables, counters, log, hud, policy, undo, telemetry}};
 };
 
 platform::KeyEvent keyDown(std::int64_t code, std::uint64_t flags, std::u16string text) {
@@ -85,7 +85,9 @@ platform::KeyEvent keyDown(std::int64_t code, std::uint64_t flags, std::u16strin
 void reportPercentiles(benchmark::State& state, std::vector<double>& seconds) {
   if (seconds.empty()) return;
   std::sort(seconds.begin(), seconds.end());
-  const auto at = [&](double q) { return seconds[static_cast<std::size_t>(q * static_cast<double>(seconds.size() - 1))]; };
+  const auto at = [&](double q) {
+    return seconds[static_cast<std::size_t>(q * static_cast<double>(seconds.size() - 1))];
+  };
   state.counters["p50_us"] = at(0.50) * 1e6;
   state.counters["p99_us"] = at(0.99) * 1e6;
   state.counters["max_us"] = seconds.back() * 1e6;
@@ -101,7 +103,8 @@ void BM_TapCallbackUnguardedKey(benchmark::State& state) {
     const auto start = Clock::now();
     benchmark::DoNotOptimize(rig.sim.tap.inject(event));
     const auto end = Clock::now();
-    if (samples.size() < samples.capacity()) samples.push_back(std::chrono::duration<double>(end - start).count());
+    if (samples.size() < samples.capacity())
+      samples.push_back(std::chrono::duration<double>(end - start).count());
   }
   reportPercentiles(state, samples);
 }

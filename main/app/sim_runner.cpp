@@ -77,7 +77,8 @@ std::u16string utf16(const std::string& s) {
       c = b & 0x1F;
       n = 2;
     }
-    for (std::size_t k = 1; k < n && i + k < s.size(); ++k) c = (c << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
+    for (std::size_t k = 1; k < n && i + k < s.size(); ++k)
+      c = (c << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
     i += n;
     if (c >= 0x10000) {
       c -= 0x10000;
@@ -128,10 +129,14 @@ std::string describe(const KeyEvent& e) {
       if (e.userData == platform::kOwnEventMarker) line += " marker";
       return line;
     }
-    case EventType::flagsChanged: return "key flags " + modifierText(e.flags);
-    case EventType::tapDisabledByTimeout: return "key tapDisabled timeout";
-    case EventType::tapDisabledByUserInput: return "key tapDisabled user";
-    case EventType::other: return "key other";
+    case EventType::flagsChanged:
+      return "key flags " + modifierText(e.flags);
+    case EventType::tapDisabledByTimeout:
+      return "key tapDisabled timeout";
+    case EventType::tapDisabledByUserInput:
+      return "key tapDisabled user";
+    case EventType::other:
+      return "key other";
   }
   return "key ?";
 }
@@ -178,7 +183,8 @@ bool parseYesNo(const std::string& s, bool& out) {
 bool parseIsoUtc(const std::string& s, double& out) {
   int y = 0, mo = 0, d = 0, h = 0, mi = 0, sec = 0;
   char z = 0;
-  if (std::sscanf(s.c_str(), "%d-%d-%dT%d:%d:%d%c", &y, &mo, &d, &h, &mi, &sec, &z) != 7 || z != 'Z') return false;
+  if (std::sscanf(s.c_str(), "%d-%d-%dT%d:%d:%d%c", &y, &mo, &d, &h, &mi, &sec, &z) != 7 || z != 'Z')
+    return false;
   if (mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || sec > 60) return false;
   // Days from civil date (proleptic Gregorian).
   const int yy = y - (mo <= 2 ? 1 : 0);
@@ -196,7 +202,8 @@ bool parseOffset(const std::string& s, double& out) {
   if (parseDouble(s, out)) return true;
   int h = 0, m = 0;
   if (s.size() < 3 || (s[0] != '+' && s[0] != '-')) return false;
-  if (std::sscanf(s.c_str() + 1, "%2d:%2d", &h, &m) != 2 && std::sscanf(s.c_str() + 1, "%2d%2d", &h, &m) != 2) {
+  if (std::sscanf(s.c_str() + 1, "%2d:%2d", &h, &m) != 2 &&
+      std::sscanf(s.c_str() + 1, "%2d%2d", &h, &m) != 2) {
     return false;
   }
   out = (s[0] == '-' ? -1 : 1) * (h * 3600.0 + m * 60.0);
@@ -217,15 +224,22 @@ std::optional<std::int64_t> keyCodeOf(const std::string& name) {
 }
 
 bool modifierFlag(const std::string& word, std::uint64_t& flags) {
-  if (word == "cmd") flags |= platform::kFlagCommand;
-  else if (word == "shift") flags |= platform::kFlagShift;
-  else if (word == "opt") flags |= platform::kFlagOption;
-  else if (word == "ctrl") flags |= platform::kFlagControl;
-  else return false;
+  if (word == "cmd")
+    flags |= platform::kFlagCommand;
+  else if (word == "shift")
+    flags |= platform::kFlagShift;
+  else if (word == "opt")
+    flags |= platform::kFlagOption;
+  else if (word == "ctrl")
+    flags |= platform::kFlagControl;
+  else
+    return false;
   return true;
 }
 
-bool startsWith(const std::string& s, std::string_view prefix) { return s.compare(0, prefix.size(), prefix) == 0; }
+bool startsWith(const std::string& s, std::string_view prefix) {
+  return s.compare(0, prefix.size(), prefix) == 0;
+}
 
 // MARK: - Commands
 
@@ -282,9 +296,12 @@ std::string cmdApp(SimWorld& w, const Args& a) {
   app.bundleID = a[1] == "-" ? "" : a[1];
   app.localizedName = a[2];
   for (std::size_t i = 3; i < a.size(); ++i) {
-    if (startsWith(a[i], "icon=")) app.icon.name = a[i].substr(5);
-    else if (startsWith(a[i], "path=")) app.path = a[i].substr(5);
-    else return "unknown app option: " + a[i];
+    if (startsWith(a[i], "icon="))
+      app.icon.name = a[i].substr(5);
+    else if (startsWith(a[i], "path="))
+      app.path = a[i].substr(5);
+    else
+      return "unknown app option: " + a[i];
   }
   w.sim.workspace.addApp(app);
   return "";
@@ -357,10 +374,14 @@ std::string cmdTz(SimWorld& w, const Args& a) {
 std::string cmdTap(SimWorld& w, const Args& a) {
   bool on = false;
   if (a.size() != 2 || !parseYesNo(a[1], on)) return "usage: tap trusted|fail|listen yes|no";
-  if (a[0] == "trusted") w.sim.tap.trusted = on;
-  else if (a[0] == "fail") w.sim.tap.failCreate = on;
-  else if (a[0] == "listen") w.sim.tap.listenGranted = on;
-  else return "usage: tap trusted|fail|listen yes|no";
+  if (a[0] == "trusted")
+    w.sim.tap.trusted = on;
+  else if (a[0] == "fail")
+    w.sim.tap.failCreate = on;
+  else if (a[0] == "listen")
+    w.sim.tap.listenGranted = on;
+  else
+    return "usage: tap trusted|fail|listen yes|no";
   return "";
 }
 
@@ -371,19 +392,26 @@ std::string cmdPolicy(SimWorld& w, const Args& a) {
     return "";
   }
   bool on = false;
-  if (a.size() != 2 || !parseYesNo(a[1], on)) return "usage: policy careful|unsaved yes|no | policy busy none|REASON...";
-  if (a[0] == "careful") w.policy.careful = on;
-  else if (a[0] == "unsaved") w.policy.unsaved = on;
-  else return "unknown policy answer: " + a[0];
+  if (a.size() != 2 || !parseYesNo(a[1], on))
+    return "usage: policy careful|unsaved yes|no | policy busy none|REASON...";
+  if (a[0] == "careful")
+    w.policy.careful = on;
+  else if (a[0] == "unsaved")
+    w.policy.unsaved = on;
+  else
+    return "unknown policy answer: " + a[0];
   return "";
 }
 
 std::string cmdUndo(SimWorld& w, const Args& a) {
   bool on = false;
   if (a.size() != 2 || !parseYesNo(a[1], on)) return "usage: undo can|snap yes|no";
-  if (a[0] == "can") w.undo.can = on;
-  else if (a[0] == "snap") w.undo.snaps = on;
-  else return "usage: undo can|snap yes|no";
+  if (a[0] == "can")
+    w.undo.can = on;
+  else if (a[0] == "snap")
+    w.undo.snaps = on;
+  else
+    return "usage: undo can|snap yes|no";
   return "";
 }
 
@@ -415,9 +443,9 @@ std::string cmdBackground(SimWorld& w, const Args& a) {
 std::string cmdStart(SimWorld& w, const Args& a) {
   if (!a.empty()) return "usage: start";
   if (w.guard) return "the guard is already started";
-  w.guard = std::make_unique<guard::Guard>(guard::GuardDeps{
-      w.sim.loop, w.tap, w.sim.workspace, w.sim.sound, w.activity, w.prefs, w.tunables, w.counters, w.log, w.hud,
-      w.holdPolicy(), w.undo, w.telemetry});
+  w.guard = std::make_unique<guard::Guard>(
+      guard::GuardDeps{w.sim.loop, w.tap, w.sim.workspace, w.sim.sound, w.activity, w.prefs, w.tunables,
+                       w.counters, w.log, w.hud, w.holdPolicy(), w.undo, w.telemetry});
   w.counters.start();
   const bool ok = w.guard->installTap();
   w.note(std::string("guard start tap=") + (ok ? "yes" : "no"));
@@ -442,7 +470,8 @@ std::string cmdUninstall(SimWorld& w, const Args& a) {
 
 /// Delivers an event as the session would; notes it when no enabled tap sees it.
 void deliver(SimWorld& w, const KeyEvent& e) {
-  const bool disabling = e.type == EventType::tapDisabledByTimeout || e.type == EventType::tapDisabledByUserInput;
+  const bool disabling =
+      e.type == EventType::tapDisabledByTimeout || e.type == EventType::tapDisabledByUserInput;
   if (!w.sim.tap.installed() || (!disabling && !w.sim.tap.enabled())) {
     w.note(describe(e) + " (no tap)");
     return;
@@ -474,12 +503,17 @@ std::string cmdKey(SimWorld& w, const Args& a) {
   for (std::size_t i = 2; i < a.size(); ++i) {
     const auto& word = a[i];
     if (modifierFlag(word, e.flags)) continue;
-    if (word == "repeat") e.autorepeat = true;
-    else if (word == "marker") e.userData = platform::kOwnEventMarker;
-    else if (startsWith(word, "text=")) text = word == "text=none" ? "" : word.substr(5);
+    if (word == "repeat")
+      e.autorepeat = true;
+    else if (word == "marker")
+      e.userData = platform::kOwnEventMarker;
+    else if (startsWith(word, "text="))
+      text = word == "text=none" ? "" : word.substr(5);
     else if (startsWith(word, "unmod=")) {
-      if (word == "unmod=none") unmodNone = true;
-      else unmod = word.substr(6);
+      if (word == "unmod=none")
+        unmodNone = true;
+      else
+        unmod = word.substr(6);
     } else {
       return "unknown key option: " + word;
     }
@@ -487,13 +521,16 @@ std::string cmdKey(SimWorld& w, const Args& a) {
   // A letter key types its letter (upper case with Shift) unless told otherwise.
   if (!text && !letter.empty()) {
     std::string typed = letter;
-    if ((e.flags & platform::kFlagShift) != 0 && typed[0] >= 'a' && typed[0] <= 'z') typed[0] = static_cast<char>(typed[0] - 32);
+    if ((e.flags & platform::kFlagShift) != 0 && typed[0] >= 'a' && typed[0] <= 'z')
+      typed[0] = static_cast<char>(typed[0] - 32);
     text = typed;
   }
   e.text = utf16(text.value_or(""));
   if (!unmodNone) {
-    if (unmod) e.unmodifiedText = utf16(*unmod);
-    else if (!letter.empty()) e.unmodifiedText = utf16(letter);
+    if (unmod)
+      e.unmodifiedText = utf16(*unmod);
+    else if (!letter.empty())
+      e.unmodifiedText = utf16(letter);
   }
   deliver(w, e);
   return "";
@@ -545,8 +582,8 @@ std::string cmdState(SimWorld& w, const Args& a) {
 std::string cmdCounter(SimWorld& w, const Args& a) {
   if (a.empty()) return "usage: counter NAME...";
   for (const auto& name : a) {
-    w.note("counter " + name + " today=" + std::to_string(w.counters.today(name)) +
-           " period=" + std::to_string(w.counters.period(name)) + " all=" + std::to_string(w.counters.allTime(name)));
+    w.note("counter " + name + " today=" + std::to_string(w.counters.today(name)) + " period=" +
+           std::to_string(w.counters.period(name)) + " all=" + std::to_string(w.counters.allTime(name)));
   }
   return "";
 }
@@ -559,7 +596,8 @@ std::int64_t RecordingStore::addInteger(std::string_view key, std::int64_t amoun
   const std::int64_t sum = inner_.addInteger(key, amount);
   if (key.substr(0, 4) == "all.") {
     char text[64];
-    std::snprintf(text, sizeof text, " %+lld =%lld", static_cast<long long>(amount), static_cast<long long>(sum));
+    std::snprintf(text, sizeof text, " %+lld =%lld", static_cast<long long>(amount),
+                  static_cast<long long>(sum));
     journal_.add("count " + std::string(key.substr(4)) + text);
   }
   return sum;
@@ -568,7 +606,8 @@ std::int64_t RecordingStore::addInteger(std::string_view key, std::int64_t amoun
 bool RecordingFiles::append(const std::string& path, std::string_view bytes) {
   const bool ok = inner_.append(path, bytes);
   constexpr std::string_view kEvents = "/events.log";
-  if (path.size() >= kEvents.size() && path.compare(path.size() - kEvents.size(), kEvents.size(), kEvents) == 0) {
+  if (path.size() >= kEvents.size() &&
+      path.compare(path.size() - kEvents.size(), kEvents.size(), kEvents) == 0) {
     std::string_view line = bytes;
     if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
     journal_.add("log " + std::string(line) + (ok ? "" : " (write failed)"));
@@ -704,7 +743,8 @@ CommandTable buildCommandTable() {
   return table;
 }
 
-std::optional<Args> splitWords(const std::string& line, std::string& error, std::vector<std::size_t>* starts) {
+std::optional<Args> splitWords(const std::string& line, std::string& error,
+                               std::vector<std::size_t>* starts) {
   Args words;
   if (starts) starts->clear();
   std::string current;
@@ -731,8 +771,10 @@ std::optional<Args> splitWords(const std::string& line, std::string& error, std:
     }
     if (!inWord && starts) starts->push_back(i);
     inWord = true;
-    if (c == '"') inQuotes = true;
-    else current += c;
+    if (c == '"')
+      inQuotes = true;
+    else
+      current += c;
   }
   if (inQuotes) {
     error = "unterminated quote";
@@ -758,7 +800,8 @@ Scenario parseScenario(const std::string& text) {
   return s;
 }
 
-std::optional<std::vector<std::string>> runScenario(const std::vector<std::string>& commands, std::string& error) {
+std::optional<std::vector<std::string>> runScenario(const std::vector<std::string>& commands,
+                                                    std::string& error) {
   const CommandTable table = buildCommandTable();
   SimWorld world;
   for (std::size_t n = 0; n < commands.size(); ++n) {
@@ -786,7 +829,8 @@ std::optional<std::vector<std::string>> runScenario(const std::vector<std::strin
     Args args;
     if (it->second.raw) {
       std::string rest = first + 1 < starts.size() ? commands[n].substr(starts[first + 1]) : std::string();
-      while (!rest.empty() && (rest.back() == ' ' || rest.back() == '\t' || rest.back() == '\r')) rest.pop_back();
+      while (!rest.empty() && (rest.back() == ' ' || rest.back() == '\t' || rest.back() == '\r'))
+        rest.pop_back();
       args.push_back(std::move(rest));
     } else {
       args.assign(words->begin() + static_cast<std::ptrdiff_t>(first) + 1, words->end());
@@ -808,9 +852,10 @@ std::vector<std::string> renderTranscript(const Journal& journal, double origin)
     const auto& entry = entries[i];
     if (entry.line.compare(0, kUpdate.size(), kUpdate) == 0) {
       std::size_t last = i;
-      while (last + 1 < entries.size() && entries[last + 1].line.compare(0, kUpdate.size(), kUpdate) == 0) ++last;
-      lines.push_back(fixed3(entries[last].time - origin) + " hud update x" + std::to_string(last - i + 1) + " last " +
-                      entries[last].line.substr(kUpdate.size()));
+      while (last + 1 < entries.size() && entries[last + 1].line.compare(0, kUpdate.size(), kUpdate) == 0)
+        ++last;
+      lines.push_back(fixed3(entries[last].time - origin) + " hud update x" + std::to_string(last - i + 1) +
+                      " last " + entries[last].line.substr(kUpdate.size()));
       i = last;
       continue;
     }

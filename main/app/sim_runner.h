@@ -28,10 +28,14 @@ using platform::sim::Journal;
 class RecordingStore final : public platform::DefaultsStore {
  public:
   RecordingStore(platform::DefaultsStore& inner, Journal& journal) : inner_(inner), journal_(journal) {}
-  [[nodiscard]] std::optional<platform::Value> get(std::string_view key) const override { return inner_.get(key); }
+  [[nodiscard]] std::optional<platform::Value> get(std::string_view key) const override {
+    return inner_.get(key);
+  }
   void set(std::string_view key, platform::Value value) override { inner_.set(key, std::move(value)); }
   void remove(std::string_view key) override { inner_.remove(key); }
-  [[nodiscard]] std::vector<std::string> keys(std::string_view prefix) const override { return inner_.keys(prefix); }
+  [[nodiscard]] std::vector<std::string> keys(std::string_view prefix) const override {
+    return inner_.keys(prefix);
+  }
   std::int64_t addInteger(std::string_view key, std::int64_t amount) override;
   void flush() override { inner_.flush(); }
 
@@ -49,8 +53,11 @@ class RecordingFiles final : public platform::FileSystem {
   bool createDirectories(const std::string& path) override { return inner_.createDirectories(path); }
   bool append(const std::string& path, std::string_view bytes) override;
   bool write(const std::string& path, std::string_view bytes) override { return inner_.write(path, bytes); }
-  [[nodiscard]] std::optional<std::uint64_t> size(const std::string& path) const override { return inner_.size(path); }
-  [[nodiscard]] std::optional<std::string> readTail(const std::string& path, std::uint64_t maxBytes) const override {
+  [[nodiscard]] std::optional<std::uint64_t> size(const std::string& path) const override {
+    return inner_.size(path);
+  }
+  [[nodiscard]] std::optional<std::string> readTail(const std::string& path,
+                                                    std::uint64_t maxBytes) const override {
     return inner_.readTail(path, maxBytes);
   }
   [[nodiscard]] std::optional<std::vector<std::string>> list(const std::string& path) const override {

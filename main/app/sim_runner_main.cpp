@@ -75,7 +75,8 @@ int main(int argc, char** argv) {
   if (argc == 2 && std::string_view(argv[1]) == "--commands") return listCommands();
   if (argc == 2 && argv[1][0] != '-') {
     path = argv[1];
-  } else if (argc == 3 && (std::string_view(argv[1]) == "--check" || std::string_view(argv[1]) == "--update")) {
+  } else if (argc == 3 &&
+             (std::string_view(argv[1]) == "--check" || std::string_view(argv[1]) == "--update")) {
     mode = argv[1];
     path = argv[2];
   } else {

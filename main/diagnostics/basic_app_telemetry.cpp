@@ -7,15 +7,19 @@ namespace tarry::diagnostics {
 namespace {
 
 constexpr std::array<std::string_view, 6> kTerminals = {
-    "com.apple.Terminal", "com.googlecode.iterm2", "net.kovidgoyal.kitty",
+    "com.apple.Terminal", "com.googlecode.iterm2",  "net.kovidgoyal.kitty",
     "io.alacritty",       "com.github.wez.wezterm", "dev.warp.Warp-Stable",
 };
 
 constexpr std::array<std::string_view, 16> kBrowsers = {
-    "com.apple.Safari",        "com.google.Chrome",        "org.mozilla.firefox",   "firefox",
-    "firefox-esr",             "org.mozilla.firefox.desktop", "com.microsoft.edgemac", "microsoft-edge",
-    "com.brave.Browser",       "brave-browser",            "org.chromium.Chromium", "chromium",
-    "google-chrome",           "com.operasoftware.Opera",  "org.gnome.Epiphany",    "vivaldi-stable",
+    "com.apple.Safari",      "com.google.Chrome",
+    "org.mozilla.firefox",   "firefox",
+    "firefox-esr",           "org.mozilla.firefox.desktop",
+    "com.microsoft.edgemac", "microsoft-edge",
+    "com.brave.Browser",     "brave-browser",
+    "org.chromium.Chromium", "chromium",
+    "google-chrome",         "com.operasoftware.Opera",
+    "org.gnome.Epiphany",    "vivaldi-stable",
 };
 
 bool contains(const std::vector<std::string>& ids, const std::string& id) {
@@ -34,7 +38,8 @@ void BasicAppTelemetry::recordAppSeen(const std::string& bundleID, std::string_v
 std::string BasicAppTelemetry::category(const platform::RunningApp& app) {
   const std::string& id = app.bundleID;
   if (id.empty()) return "other";
-  if (id == "com.apple.finder" || contains(workspace_.identifierEquivalents(platform::IdentifierSet::neverTerminate), id)) {
+  if (id == "com.apple.finder" ||
+      contains(workspace_.identifierEquivalents(platform::IdentifierSet::neverTerminate), id)) {
     return "finder";
   }
   if (std::find(kTerminals.begin(), kTerminals.end(), id) != kTerminals.end() ||

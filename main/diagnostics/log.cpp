@@ -43,8 +43,9 @@ std::string Log::timestamp(double secondsSince1970) {
   unsigned day = 0;
   civilFromDays(days, year, month, day);
   char text[40];
-  std::snprintf(text, sizeof text, "%04lld-%02u-%02uT%02d:%02d:%02dZ", static_cast<long long>(year), month, day,
-                static_cast<int>(rest / 3600), static_cast<int>(rest % 3600 / 60), static_cast<int>(rest % 60));
+  std::snprintf(text, sizeof text, "%04lld-%02u-%02uT%02d:%02d:%02dZ", static_cast<long long>(year), month,
+                day, static_cast<int>(rest / 3600), static_cast<int>(rest % 3600 / 60),
+                static_cast<int>(rest % 60));
   return text;
 }
 
@@ -81,7 +82,8 @@ std::string Log::directory() {
 void Log::write(const std::string& record) {
   const std::string path = directory() + "/" + kFileName;
   if (!files_.append(path, record)) return;
-  const auto maxBytes = static_cast<std::uint64_t>(std::max<std::int64_t>(tunables_.integer(settings::T::logMaxBytes), 0));
+  const auto maxBytes =
+      static_cast<std::uint64_t>(std::max<std::int64_t>(tunables_.integer(settings::T::logMaxBytes), 0));
   const auto size = files_.size(path);
   if (!size || *size <= maxBytes) return;
   // Keep five twelfths of the cap, so the file does not need cutting again for a long while.

@@ -20,7 +20,9 @@ class BasicHoldPolicy final : public HoldPolicy {
   [[nodiscard]] HoldTime holdDuration(Combo combo, const std::string& rule) override;
   [[nodiscard]] bool isCarefulNow() override { return false; }
   [[nodiscard]] bool hasUnsavedWork(const platform::RunningApp& /*app*/) override { return false; }
-  [[nodiscard]] std::vector<std::string> busyReasons(const platform::RunningApp& /*app*/) override { return {}; }
+  [[nodiscard]] std::vector<std::string> busyReasons(const platform::RunningApp& /*app*/) override {
+    return {};
+  }
   void recordAttemptHour(Combo /*combo*/) override {}
 
  private:

@@ -35,7 +35,9 @@ bool contains(const std::vector<std::string>& ids, const std::string& id) {
 std::int64_t wholeMs(double seconds) { return std::llround(std::max(seconds, 0.0) * 1000); }
 
 std::string trimmed(std::string_view s) {
-  const auto isSpace = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; };
+  const auto isSpace = [](char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+  };
   while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
   while (!s.empty() && isSpace(s.back())) s.remove_suffix(1);
   return std::string(s);
@@ -45,9 +47,12 @@ std::string trimmed(std::string_view s) {
 
 std::string actionText(Combo combo, const std::string& appName) {
   switch (combo) {
-    case Combo::quit: return "quit " + appName;
-    case Combo::close: return "close this window";
-    case Combo::logout: return "log out";
+    case Combo::quit:
+      return "quit " + appName;
+    case Combo::close:
+      return "close this window";
+    case Combo::logout:
+      return "log out";
   }
   return {};
 }
@@ -118,9 +123,11 @@ TapVerdict Guard::handleEvent(const KeyEvent& event) {
       }
       return TapVerdict::pass;
 
-    case EventType::keyDown: break;
+    case EventType::keyDown:
+      break;
 
-    case EventType::other: return TapVerdict::pass;
+    case EventType::other:
+      return TapVerdict::pass;
   }
 
   if (event.userData == platform::kOwnEventMarker) return TapVerdict::pass;
@@ -136,9 +143,8 @@ TapVerdict Guard::handleEvent(const KeyEvent& event) {
   if (!repeat && (event.flags & kModifierMask) == (platform::kFlagOption | platform::kFlagCommand)) {
     // The character the key types with every modifier cleared; a layout (or a failed event copy)
     // that gives none falls back to the physical Z key.
-    const bool hotKey = event.unmodifiedText && !event.unmodifiedText->empty()
-                            ? *event.unmodifiedText == u"z"
-                            : keyCode == platform::kKeyZ;
+    const bool hotKey = event.unmodifiedText && !event.unmodifiedText->empty() ? *event.unmodifiedText == u"z"
+                                                                               : keyCode == platform::kKeyZ;
     if (hotKey && deps_.undo.canUndo()) {
       swallowedCode = keyCode;
       std::weak_ptr<char> alive = alive_;
@@ -192,7 +198,8 @@ std::optional<Combo> Guard::classify(const KeyEvent& event) {
 // MARK: - Deciding
 
 bool Guard::isDock(const std::string& bundleID) const {
-  return bundleID == kDock || contains(deps_.workspace.identifierEquivalents(platform::IdentifierSet::dock), bundleID);
+  return bundleID == kDock ||
+         contains(deps_.workspace.identifierEquivalents(platform::IdentifierSet::dock), bundleID);
 }
 
 bool Guard::isNeverTerminate(const std::string& bundleID) const {
@@ -403,7 +410,7 @@ void Guard::cancelHold() {
   const double e = deps_.loop.uptime() - startTime;
   holdSnap.reset();
   deps_.counters.add("cancelMs", wholeMs(e));
-  const char* bucket = e < 0.25 ? "cancel.lt250ms"
+  const char* bucket = e < 0.25  ? "cancel.lt250ms"
                        : e < 0.5 ? "cancel.lt500ms"
                        : e < 1   ? "cancel.lt1s"
                        : e < 2   ? "cancel.lt2s"
@@ -470,9 +477,14 @@ void Guard::quitApp(const RunningApp& app) {
 
 void Guard::noteBlocked(Combo c) {
   switch (c) {
-    case Combo::close: deps_.counters.add("wblocked"); return;
-    case Combo::logout: deps_.counters.add("lblocked"); return;
-    case Combo::quit: break;
+    case Combo::close:
+      deps_.counters.add("wblocked");
+      return;
+    case Combo::logout:
+      deps_.counters.add("lblocked");
+      return;
+    case Combo::quit:
+      break;
   }
   deps_.counters.add("saved");
   if (onQuitBlocked) onQuitBlocked();

@@ -139,6 +139,7 @@ class Guard final {
   std::optional<actions::Snap> holdSnap;
 
   GuardDeps deps_;
+  /// NOTE: there is one guard per process, so this is the once-per-process flag of the tap failure line.
   bool loggedTapFailure_ = false;
   /// Weak references to this token stand for weak references to the guard.
   std::shared_ptr<char> alive_ = std::make_shared<char>();

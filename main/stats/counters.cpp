@@ -63,7 +63,8 @@ void Counters::addChecked(const std::string& key, std::int64_t amount) {
   // anywhere near either end, so reaching one is treated as the overflow.
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
   constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
-  const auto before = static_cast<std::int64_t>(static_cast<std::uint64_t>(sum) - static_cast<std::uint64_t>(amount));
+  const auto before =
+      static_cast<std::int64_t>(static_cast<std::uint64_t>(sum) - static_cast<std::uint64_t>(amount));
   std::int64_t check = 0;
   if (__builtin_add_overflow(before, amount, &check)) overflow(key);
   if ((amount > 0 && sum == kMax) || (amount < 0 && sum == kMin)) overflow(key);

@@ -36,8 +36,12 @@ class DeferringLoop final : public platform::MainLoop {
   double uptime() const override { return sim.uptime(); }
   double now() const override { return sim.now(); }
   platform::CalendarFields localTime(double t) const override { return sim.localTime(t); }
-  platform::Scheduled after(double d, std::function<void()> w, double tol) override { return sim.after(d, std::move(w), tol); }
-  platform::Scheduled every(double i, std::function<void()> w, double tol) override { return sim.every(i, std::move(w), tol); }
+  platform::Scheduled after(double d, std::function<void()> w, double tol) override {
+    return sim.after(d, std::move(w), tol);
+  }
+  platform::Scheduled every(double i, std::function<void()> w, double tol) override {
+    return sim.every(i, std::move(w), tol);
+  }
   platform::Scheduled post(std::function<void()> w) override { return sim.post(std::move(w)); }
   void dispatchMain(std::function<void()> w) override { sim.dispatchMain(std::move(w)); }
   void background(std::function<void()> w) override { sim.background(std::move(w)); }
@@ -103,7 +107,7 @@ TEST_F(LogTest, KeepsAnExistingDirectoryAndReplacesAMissingOne) {
 
 TEST_F(LogTest, CutsToFiveTwelfthsOfTheCapOnceOverIt) {
   tunables.setNumber(settings::T::logMaxBytes, 120000);
-  const std::string text(100, 'x');  // 122-byte records
+  const std::string text(100, 'x');             // 122-byte records
   for (int i = 0; i < 983; ++i) log.log(text);  // 119926 bytes: at the cap, not over
   loop.queues["app.log"].drain();
   const std::string path = dir() + "/events.log";

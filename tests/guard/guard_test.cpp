@@ -27,7 +27,9 @@ constexpr std::uint64_t kCmd = platform::kFlagCommand;
 constexpr std::uint64_t kShift = platform::kFlagShift;
 
 struct FakeHud final : HudDisplay {
-  void show(const std::string& title, const platform::Icon&, double) override { calls.push_back("show " + title); }
+  void show(const std::string& title, const platform::Icon&, double) override {
+    calls.push_back("show " + title);
+  }
   void update(double, double) override { ++updates; }
   void setReasons(const std::vector<std::string>&) override { calls.emplace_back("reasons"); }
   void flash(const std::string& message, const platform::Icon& icon, double) override {
@@ -48,12 +50,15 @@ struct FakeUndo final : UndoHooks {
     snap.name = "capture " + std::to_string(captures);
     return snap;
   }
-  void remember(const platform::RunningApp&, actions::Snap snap, HudDisplay&) override { remembered.push_back(snap.name); }
+  void remember(const platform::RunningApp&, actions::Snap snap, HudDisplay&) override {
+    remembered.push_back(snap.name);
+  }
   int captures = 0;
   std::vector<std::string> remembered;
 };
 
-KeyEvent key(EventType type, std::int64_t code, std::uint64_t flags, std::u16string text, bool repeat = false) {
+KeyEvent key(EventType type, std::int64_t code, std::uint64_t flags, std::u16string text,
+             bool repeat = false) {
   KeyEvent e;
   e.type = type;
   e.keyCode = code;
@@ -74,8 +79,8 @@ class GuardTest : public ::testing::Test {
   }
 
   void makeGuard() {
-    guard = std::make_unique<Guard>(GuardDeps{p.loop, p.tap, p.workspace, p.sound, p.activity, prefs, tunables,
-                                              counters, log, hud, policy, undo, telemetry});
+    guard = std::make_unique<Guard>(GuardDeps{p.loop, p.tap, p.workspace, p.sound, p.activity, prefs,
+                                              tunables, counters, log, hud, policy, undo, telemetry});
     ASSERT_TRUE(guard->installTap());
   }
 
@@ -83,7 +88,9 @@ class GuardTest : public ::testing::Test {
                   bool repeat = false) {
     return p.tap.inject(key(EventType::keyDown, code, flags, std::move(text), repeat));
   }
-  TapVerdict up(std::int64_t code = platform::kKeyQ) { return p.tap.inject(key(EventType::keyUp, code, kCmd, u"q")); }
+  TapVerdict up(std::int64_t code = platform::kKeyQ) {
+    return p.tap.inject(key(EventType::keyUp, code, kCmd, u"q"));
+  }
   std::int64_t all(const char* name) const { return counters.allTime(name); }
 
   platform::sim::SimPlatform p;
@@ -109,16 +116,16 @@ TEST(GuardClassify, FollowsTheLayoutsCharacterAndFallsBackToTheKeyCode) {
       {12, kCmd, u"q", Combo::quit},
       {12, kCmd | kShift, u"Q", Combo::logout},
       {13, kCmd, u"w", Combo::close},
-      {13, kCmd | kShift, u"W", std::nullopt},                    // ⌘⇧W is never guarded
-      {12, kCmd | platform::kFlagControl, u"q", std::nullopt},     // ⌃⌘Q
-      {12, kCmd | platform::kFlagOption, u"œ", std::nullopt},      // ⌥⌘Q
-      {12, 0, u"q", std::nullopt},                                 // no Command
-      {12, kCmd, u"a", std::nullopt},                              // AZERTY: the Q key types a
-      {0, kCmd, u"q", Combo::quit},                                // AZERTY: the A key types q
-      {12, kCmd, u"", Combo::quit},                                // no character: physical Q
+      {13, kCmd | kShift, u"W", std::nullopt},                  // ⌘⇧W is never guarded
+      {12, kCmd | platform::kFlagControl, u"q", std::nullopt},  // ⌃⌘Q
+      {12, kCmd | platform::kFlagOption, u"œ", std::nullopt},   // ⌥⌘Q
+      {12, 0, u"q", std::nullopt},                              // no Command
+      {12, kCmd, u"a", std::nullopt},                           // AZERTY: the Q key types a
+      {0, kCmd, u"q", Combo::quit},                             // AZERTY: the A key types q
+      {12, kCmd, u"", Combo::quit},                             // no character: physical Q
       {13, kCmd | kShift, u"", std::nullopt},
-      {12, kCmd, u"й", Combo::quit},                               // not in 33…126: physical Q
-      {12, kCmd, u"qq", Combo::quit},                              // more than one unit: physical Q
+      {12, kCmd, u"й", Combo::quit},   // not in 33…126: physical Q
+      {12, kCmd, u"qq", Combo::quit},  // more than one unit: physical Q
       {0, kCmd, u"", std::nullopt},
   };
   for (const auto& c : cases) {
