@@ -1,5 +1,7 @@
 #include "platform/sim/memory_defaults_store.h"
 
+#include <limits>
+
 namespace tarry::platform::sim {
 
 std::optional<Value> MemoryDefaultsStore::get(std::string_view key) const {
@@ -33,8 +35,13 @@ std::vector<std::string> MemoryDefaultsStore::keys(std::string_view prefix) cons
 std::int64_t MemoryDefaultsStore::addInteger(std::string_view key, std::int64_t amount) {
   const std::lock_guard lock(mutex_);
   auto it = values_.find(key);
-  std::int64_t sum = amount;
-  if (it != values_.end() && it->second.is_number_integer()) sum += it->second.get<std::int64_t>();
+  const std::int64_t current =
+      it != values_.end() && it->second.is_number_integer() ? it->second.get<std::int64_t>() : 0;
+  // Saturates at the ends of the range, like the SQLite store; the counters treat an end as overflow.
+  std::int64_t sum = 0;
+  if (__builtin_add_overflow(current, amount, &sum)) {
+    sum = amount > 0 ? std::numeric_limits<std::int64_t>::max() : std::numeric_limits<std::int64_t>::min();
+  }
   values_.insert_or_assign(std::string(key), Value(sum));
   return sum;
 }
