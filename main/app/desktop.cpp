@@ -193,7 +193,9 @@ int runDesktop(int argc, char** argv) {
   // Another program may hold one of the combinations; try again now and then, as one would wait
   // for a permission.
   platform::Scheduled retry;
-  if (!guard.installTap()) {
+  if (guard.installTap()) {
+    log.log("keyboard guard on");
+  } else {
     const std::string why = tap->lastError();
     log.log("keyboard guard off: " + why);
     std::fprintf(stderr, "tarry: the keyboard guard is off: %s\n", why.c_str());

@@ -5,7 +5,9 @@
 //
 //   tarry-test-client [--class INSTANCE,CLASS] [--windows N] [--title TEXT] [--log FILE]
 //                     [--type normal|dock|desktop] [--skip-taskbar] [--gtk-app-id ID]
-//                     [--icon SIZE,SIZE,...]
+//                     [--icon SIZE,SIZE,...] [--keep-running]
+//
+// --keep-running: Ctrl+Q is only logged (for checks that go on after it reached the client).
 //
 // Log lines: "<monotonic µs> <what>", where what is "ready <window>...", "press|release <keycode>
 // <state> <keysym>", "close <window>", "quit".
@@ -76,6 +78,7 @@ int main(int argc, char** argv) {
   std::string title = "Tarry test client";
   std::string type = "normal";
   bool skipTaskbar = false;
+  bool keepRunning = false;
   std::string gtkAppId;
   std::vector<std::uint32_t> iconSizes;
   for (int i = 1; i < argc; ++i) {
@@ -99,6 +102,8 @@ int main(int argc, char** argv) {
     } else if (arg == "--type") {
       type = value;
       ++i;
+    } else if (arg == "--keep-running") {
+      keepRunning = true;
     } else if (arg == "--skip-taskbar") {
       skipTaskbar = true;
     } else if (arg == "--gtk-app-id") {
@@ -219,7 +224,7 @@ int main(int argc, char** argv) {
       note(at, line);
       const std::uint16_t mods = key->state & (XCB_MOD_MASK_SHIFT | XCB_MOD_MASK_CONTROL | XCB_MOD_MASK_1 | XCB_MOD_MASK_4);
       const xkb_keysym_t lowerSym = xkb_keysym_to_lower(sym);
-      if (kind == XCB_KEY_PRESS && mods == XCB_MOD_MASK_CONTROL && lowerSym == XKB_KEY_q) {
+      if (kind == XCB_KEY_PRESS && mods == XCB_MOD_MASK_CONTROL && lowerSym == XKB_KEY_q && !keepRunning) {
         note(at, "quit");
         break;
       }

@@ -9,6 +9,7 @@
 #include <xcb/xcb.h>
 
 #include <chrono>
+#include <random>
 #include <cstdlib>
 #include <thread>
 
@@ -71,27 +72,48 @@ pid_t XServer::start(const std::vector<std::string>& argv, int keepFd) const {
 }
 
 XServer::XServer(bool windowManager) {
-  int fds[2];
-  if (pipe(fds) != 0) return;
-  server_ = start({"Xvfb", "-displayfd", std::to_string(fds[1]), "-screen", "0", "1280x800x24", "-nolisten",
-                   "tcp", "-noreset"},
-                  fds[1]);
-  close(fds[1]);
+  // A random display number well above the ones `Xvfb -displayfd` hands out from 0 up: a server
+  // that starts while another one searches that way can lose its socket file to it.
+  std::mt19937 random(std::random_device{}());
   std::string number;
-  pollfd pfd{fds[0], POLLIN, 0};
-  while (poll(&pfd, 1, 10000) > 0) {
-    char c = 0;
-    if (read(fds[0], &c, 1) != 1 || c == '\n') break;
-    number += c;
+  for (int attempt = 0; attempt < 20 && number.empty(); ++attempt) {
+    const int candidate = std::uniform_int_distribution<int>(200, 999)(random);
+    const std::string name = std::to_string(candidate);
+    if (access(("/tmp/.X" + name + "-lock").c_str(), F_OK) == 0 ||
+        access(("/tmp/.X11-unix/X" + name).c_str(), F_OK) == 0) {
+      continue;
+    }
+    int fds[2];
+    if (pipe(fds) != 0) return;
+    const pid_t server = spawn({}, {"Xvfb", ":" + name, "-displayfd", std::to_string(fds[1]), "-screen", "0",
+                                    "1280x800x24", "-nolisten", "tcp", "-noreset"},
+                               fds[1]);
+    close(fds[1]);
+    std::string written;
+    pollfd pfd{fds[0], POLLIN, 0};
+    while (poll(&pfd, 1, 10000) > 0) {
+      char c = 0;
+      if (read(fds[0], &c, 1) != 1 || c == '\n') break;
+      written += c;
+    }
+    close(fds[0]);
+    if (written == name) {
+      server_ = server;
+      number = name;
+    } else {
+      stop(server);  // the number was taken after all
+    }
   }
-  close(fds[0]);
   if (number.empty()) return;
   display_ = ":" + number;
   if (windowManager) {
     windowManager_ = start({"openbox", "--sm-disable"});
     // openbox drops windows mapped while it starts up: it is ready once a window of ours gets
     // mapped through it (reparented into a frame).
-    xcb_connection_t* c = xcb_connect(display_.c_str(), nullptr);
+    // NOTE: the connection stays open until the server goes: were it closed, the next client
+    // would get its window ids while openbox may still hold the old windows under them.
+    probe_ = xcb_connect(display_.c_str(), nullptr);
+    xcb_connection_t* c = probe_;
     const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
     for (int attempt = 0; attempt < 100; ++attempt) {
       const xcb_window_t w = xcb_generate_id(c);
@@ -115,11 +137,11 @@ XServer::XServer(bool windowManager) {
       xcb_flush(c);
       if (reparented) break;
     }
-    xcb_disconnect(c);
   }
 }
 
 XServer::~XServer() {
+  if (probe_) xcb_disconnect(probe_);
   stop(windowManager_);
   stop(server_);
 }

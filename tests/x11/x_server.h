@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <xcb/xcb.h>
 
 #include <string>
 #include <vector>
@@ -44,6 +45,7 @@ class XServer final {
   std::string display_;
   pid_t server_ = -1;
   pid_t windowManager_ = -1;
+  xcb_connection_t* probe_ = nullptr;
 };
 
 }  // namespace tarry::test

@@ -1,0 +1,276 @@
+"""A private X11 desktop for end-to-end runs of tarry: Xvfb on a free display, openbox, the
+tarry-test-client, tarry itself with its own configuration, and xdotool as the user's hands.
+
+Every process started here is ended by `close()` (also on SIGTERM, which ctest sends on a
+timeout), and the temporary directory is removed.
+"""
+
+import json
+import os
+import random
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+CLIENT_ENTRY = """[Desktop Entry]
+Type=Application
+Name=Tarry Test Client
+Exec=tarry-test-client
+Icon=utilities-terminal
+StartupWMClass=TarryTestClient
+"""
+CLIENT_ID = "org.tarry.TestClient"
+
+
+class Failure(Exception):
+    pass
+
+
+def wait_for(what, condition, timeout=10.0, interval=0.02):
+    """Polls `condition` until it returns a true value; fails with `what` after `timeout`."""
+    end = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise Failure("timed out waiting for " + what)
+        time.sleep(interval)
+
+
+class Client:
+    """A running tarry-test-client and its key log."""
+
+    def __init__(self, harness, name, args):
+        self.log = os.path.join(harness.tmp, name + ".log")
+        self.process = harness.spawn([harness.client, "--log", self.log] + list(args), name)
+        self.windows = wait_for(name + " to map its windows", self._ready, timeout=5)
+
+    def _ready(self):
+        for at, words in self.lines():
+            if words[0] == "ready":
+                return [int(w) for w in words[1:]]
+        return None
+
+    def lines(self):
+        """(monotonic seconds, words) for every line logged so far."""
+        out = []
+        try:
+            with open(self.log, encoding="utf-8") as f:
+                for line in f:
+                    parts = line.split()
+                    if len(parts) >= 2:
+                        out.append((int(parts[0]) / 1e6, parts[1:]))
+        except FileNotFoundError:
+            pass
+        return out
+
+    def presses(self, keycode=None):
+        """(time, keycode, state, keysym) of every key press received."""
+        out = []
+        for at, words in self.lines():
+            if words[0] == "press" and (keycode is None or int(words[1]) == keycode):
+                out.append((at, int(words[1]), int(words[2], 16), words[3]))
+        return out
+
+    def closed(self):
+        return [int(words[1]) for at, words in self.lines() if words[0] == "close"]
+
+    def alive(self):
+        return self.process.poll() is None
+
+
+class Harness:
+    def __init__(self, tarry, client):
+        self.tarry = tarry
+        self.client = client
+        self.tmp = tempfile.mkdtemp(prefix="tarry-e2e-")
+        self.procs = []
+        self.tarry_proc = None
+        self.clients = []
+        env = dict(os.environ)
+        for name in ("WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "DISPLAY", "TARRY_DEBUG_STALL_ON_PRESS"):
+            env.pop(name, None)
+        runtime = os.path.join(self.tmp, "run")
+        os.makedirs(runtime, mode=0o700)
+        env.update({
+            "XDG_CONFIG_HOME": os.path.join(self.tmp, "config"),
+            "XDG_DATA_HOME": os.path.join(self.tmp, "data"),
+            "XDG_RUNTIME_DIR": runtime,
+            "LC_ALL": "C.UTF-8",
+        })
+        self.env = env
+        apps = os.path.join(self.tmp, "data", "applications")
+        os.makedirs(apps)
+        with open(os.path.join(apps, CLIENT_ID + ".desktop"), "w", encoding="utf-8") as f:
+            f.write(CLIENT_ENTRY)
+        signal.signal(signal.SIGTERM, self._on_signal)
+        try:
+            self._start_x()
+            os.makedirs(os.path.join(self.tmp, "logs"))
+            self.defaults("write", "logDir", json.dumps(os.path.join(self.tmp, "logs")))
+        except BaseException:
+            self.close()
+            raise
+
+    def _on_signal(self, signum, frame):
+        self.close()
+        raise SystemExit(128 + signum)
+
+    # ---- processes ----
+
+    def spawn(self, argv, name, extra_env=None):
+        env = dict(self.env)
+        if extra_env:
+            env.update(extra_env)
+        out = open(os.path.join(self.tmp, name + ".out"), "ab")
+        proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=out)
+        out.close()
+        self.procs.append(proc)
+        return proc
+
+    def close(self):
+        for proc in reversed(self.procs):
+            if proc.poll() is None:
+                proc.terminate()
+        for proc in reversed(self.procs):
+            try:
+                proc.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+                proc.wait()
+        self.procs = []
+        shutil.rmtree(self.tmp, ignore_errors=True)
+
+    def _start_x(self):
+        # A random display number well above the ones `Xvfb -displayfd` hands out from 0 up: a
+        # server that starts while another searches that way can lose its socket file to it.
+        for attempt in range(20):
+            number = random.randint(200, 999)
+            if os.path.exists("/tmp/.X%d-lock" % number) or os.path.exists("/tmp/.X11-unix/X%d" % number):
+                continue
+            read_end, write_end = os.pipe()
+            server = subprocess.Popen(
+                ["Xvfb", ":%d" % number, "-displayfd", str(write_end), "-screen", "0", "1280x800x24",
+                 "-nolisten", "tcp"],
+                pass_fds=(write_end,), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL)
+            os.close(write_end)
+            with os.fdopen(read_end, "rb") as pipe:
+                ready = pipe.readline().strip() == str(number).encode()
+            if ready:
+                self.procs.append(server)
+                break
+            server.wait()  # the number was taken after all
+        else:
+            raise Failure("Xvfb did not start")
+        self.env["DISPLAY"] = ":%d" % number
+        self.spawn(["openbox", "--sm-disable"], "openbox")
+        # openbox loses windows mapped while it starts: it is ready once one gets mapped. The probe
+        # stays (as a desktop window, below everything): were it to go, the next client would get
+        # its window ids while openbox may still hold the old windows under them.
+        for attempt in range(50):
+            probe = os.path.join(self.tmp, "probe.log")
+            proc = self.spawn([self.client, "--log", probe, "--class", "probe,Probe", "--type", "desktop"],
+                              "probe")
+            try:
+                wait_for("probe", lambda: os.path.exists(probe) and "ready" in open(probe).read(),
+                         timeout=0.5)
+                return
+            except Failure:
+                proc.terminate()
+                proc.wait()
+                self.procs.remove(proc)
+        raise Failure("openbox did not start managing windows")
+
+
+    # ---- the program ----
+
+    def defaults(self, *args):
+        """Runs `tarry defaults ...`; its standard output."""
+        result = subprocess.run([self.tarry, "defaults"] + list(args), env=self.env,
+                                capture_output=True, text=True, timeout=20)
+        if result.returncode != 0:
+            raise Failure("tarry defaults %s failed: %s" % (" ".join(args), result.stderr))
+        return result.stdout.strip()
+
+    def counter(self, name):
+        result = subprocess.run([self.tarry, "defaults", "read", "all." + name], env=self.env,
+                                capture_output=True, text=True, timeout=20)
+        text = result.stdout.strip()
+        return int(text) if result.returncode == 0 and text else 0
+
+    def events_log(self):
+        try:
+            with open(os.path.join(self.tmp, "logs", "events.log"), encoding="utf-8") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def start_tarry(self, extra_env=None):
+        self.tarry_proc = self.spawn([self.tarry], "tarry", extra_env)
+        wait_for("tarry to install its keyboard guard",
+                 lambda: "keyboard guard on" in self.events_log() or self.tarry_proc.poll() is not None)
+        if self.tarry_proc.poll() is not None:
+            raise Failure("tarry ended at start: " + self.output("tarry"))
+
+    def output(self, name):
+        try:
+            with open(os.path.join(self.tmp, name + ".out"), encoding="utf-8", errors="replace") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def start_client(self, name, *args):
+        client = Client(self, name, args)
+        self.clients.append(client)
+        # openbox does not always focus a new window (for one, while it is busy starting up).
+        self.activate(client.windows[-1])
+        return client
+
+    def report(self):
+        """What the processes said, for a failure message."""
+        parts = ["--- tarry output:\n" + self.output("tarry"), "--- events.log:\n" + self.events_log(),
+                 "--- openbox output:\n" + self.output("openbox")]
+        for client in self.clients:
+            try:
+                with open(client.log, encoding="utf-8") as f:
+                    parts.append("--- %s:\n%s" % (os.path.basename(client.log), f.read()))
+            except FileNotFoundError:
+                pass
+        return "\n".join(parts)
+
+    # ---- the user's hands ----
+
+    def x(self, *argv):
+        subprocess.run(list(argv), env=self.env, check=True, timeout=30,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def key(self, *keys):
+        self.x("xdotool", "key", "--clearmodifiers", *keys)
+
+    def keydown(self, keys):
+        self.x("xdotool", "keydown", keys)
+
+    def keyup(self, keys):
+        self.x("xdotool", "keyup", keys)
+
+    def activate(self, window):
+        # A window that has only just been mapped may still lack the properties xdotool reads.
+        def attempt():
+            result = subprocess.run(["xdotool", "windowactivate", "--sync", str(window)], env=self.env,
+                                    capture_output=True, text=True, timeout=10)
+            attempt.error = result.stderr
+            return result.returncode == 0
+        try:
+            wait_for("window %d to become active" % window, attempt, timeout=5, interval=0.1)
+        except Failure:
+            raise Failure("cannot activate window %d: %s" % (window, attempt.error))
+
+    def hud_visible(self):
+        """True while a window of tarry is mapped (the HUD is its only one)."""
+        result = subprocess.run(["xdotool", "search", "--onlyvisible", "--classname", "^tarry$"], env=self.env,
+                                capture_output=True, text=True, timeout=10)
+        return result.returncode == 0 and result.stdout.strip() != ""
