@@ -173,7 +173,8 @@ class Harness:
         # its window ids while openbox may still hold the old windows under them.
         for attempt in range(50):
             probe = os.path.join(self.tmp, "probe.log")
-            proc = self.spawn([self.client, "--log", probe, "--class", "probe,Probe", "--type", "desktop"],
+            proc = self.spawn([self.client, "--log", probe, "--class", "probe,Probe", "--type", "desktop",
+                               "--geometry", "1x1+0+0"],
                               "probe")
             try:
                 wait_for("probe", lambda: os.path.exists(probe) and "ready" in open(probe).read(),

@@ -5,7 +5,7 @@
 //
 //   tarry-test-client [--class INSTANCE,CLASS] [--windows N] [--title TEXT] [--log FILE]
 //                     [--type normal|dock|desktop] [--skip-taskbar] [--gtk-app-id ID]
-//                     [--icon SIZE,SIZE,...] [--keep-running]
+//                     [--icon SIZE,SIZE,...] [--geometry WxH+X+Y] [--keep-running]
 //
 // --keep-running: Ctrl+Q is only logged (for checks that go on after it reached the client).
 //
@@ -79,6 +79,7 @@ int main(int argc, char** argv) {
   std::string type = "normal";
   bool skipTaskbar = false;
   bool keepRunning = false;
+  int width = 400, height = 300, left = 40, top = 40;
   std::string gtkAppId;
   std::vector<std::uint32_t> iconSizes;
   for (int i = 1; i < argc; ++i) {
@@ -101,6 +102,9 @@ int main(int argc, char** argv) {
       ++i;
     } else if (arg == "--type") {
       type = value;
+      ++i;
+    } else if (arg == "--geometry") {
+      std::sscanf(value, "%dx%d+%d+%d", &width, &height, &left, &top);
       ++i;
     } else if (arg == "--keep-running") {
       keepRunning = true;
@@ -157,7 +161,13 @@ int main(int argc, char** argv) {
   for (const std::uint32_t side : iconSizes) {
     icon.push_back(side);
     icon.push_back(side);
-    icon.insert(icon.end(), static_cast<std::size_t>(side) * side, 0xFF000000U | (side * 0x010203U));
+    // A blue square with a white one inside, so it is recognisable in a screenshot.
+    for (std::uint32_t y = 0; y < side; ++y) {
+      for (std::uint32_t x = 0; x < side; ++x) {
+        const bool inner = x >= side / 3 && x < 2 * side / 3 && y >= side / 3 && y < 2 * side / 3;
+        icon.push_back(inner ? 0xFFFFFFFFU : 0xFF2F6FDEU);
+      }
+    }
   }
   std::string classValue = instance;
   classValue.push_back('\0');
@@ -170,7 +180,9 @@ int main(int argc, char** argv) {
     const xcb_window_t w = xcb_generate_id(c);
     const std::uint32_t values[] = {screen->white_pixel, XCB_EVENT_MASK_KEY_PRESS | XCB_EVENT_MASK_KEY_RELEASE |
                                                              XCB_EVENT_MASK_STRUCTURE_NOTIFY};
-    xcb_create_window(c, XCB_COPY_FROM_PARENT, w, screen->root, 40 + 30 * n, 40 + 30 * n, 400, 300, 0,
+    xcb_create_window(c, XCB_COPY_FROM_PARENT, w, screen->root, static_cast<std::int16_t>(left + 30 * n),
+                      static_cast<std::int16_t>(top + 30 * n), static_cast<std::uint16_t>(width),
+                      static_cast<std::uint16_t>(height), 0,
                       XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual, XCB_CW_BACK_PIXEL | XCB_CW_EVENT_MASK,
                       values);
     const std::string name = count == 1 ? title : title + " " + std::to_string(n + 1);

@@ -124,13 +124,10 @@ X11Workspace::Resolved X11Workspace::resolve(xcb_window_t window) const {
   app.localizedName = entry && !entry->name.empty() ? entry->name : !wmClass.empty() ? wmClass : instance;
   if (app.localizedName.empty()) app.localizedName = std::filesystem::path(exe).filename().string();
   app.path = entry ? entry->path : exe;
-  // The entry's theme icon comes first: some window managers (openbox) write a generic
-  // placeholder into _NET_WM_ICON of every window that has none of its own.
-  if (entry && !entry->icon.empty()) {
-    app.icon.name = entry->icon;
-  } else if (auto pixels = display_.cardinals(window, atoms.netWmIcon)) {
-    app.icon = pickWindowIcon(*pixels);
-  }
+  // NOTE: some window managers (openbox) put a generic picture into _NET_WM_ICON of windows that
+  // bring none; that is what their task bars show too.
+  if (auto pixels = display_.cardinals(window, atoms.netWmIcon)) app.icon = pickWindowIcon(*pixels);
+  if (app.icon.empty() && entry) app.icon.name = entry->icon;
 
   const bool shell = display_.hasType(window, atoms.netWmWindowTypeDesktop) ||
                      display_.hasType(window, atoms.netWmWindowTypeDock);

@@ -16,7 +16,7 @@ namespace tarry::platform::x11 {
 /// An application is a process that owns managed windows (`_NET_CLIENT_LIST`); the frontmost one
 /// owns `_NET_ACTIVE_WINDOW`. Its identifier is the desktop-file id (`_GTK_APPLICATION_ID`,
 /// `_KDE_NET_WM_DESKTOP_FILE`, then WM_CLASS matched against the installed entries), else the
-/// executable's name; its icon the entry's theme icon, else the window's `_NET_WM_ICON`. A
+/// executable's name; its icon the window's `_NET_WM_ICON`, else the entry's theme icon. A
 /// backend thread follows the root window's properties, so the tap
 /// callback's question "who is frontmost" is answered from memory.
 class X11Workspace final : public Workspace {
