@@ -202,12 +202,14 @@ bool X11EventTap::Session::open(const std::string& display, std::string& error) 
   }
 
   // Without detectable auto-repeat the server reports a held key as release/press pairs, and
-  // the first fake release would end a hold.
+  // the first fake release would end a hold. Events that come through a grab carry XKB's grab
+  // state, which leaves out the group (and locked modifiers); the lookup state tells which
+  // layout the key was typed in.
+  constexpr std::uint32_t wantedFlags =
+      XCB_XKB_PER_CLIENT_FLAG_DETECTABLE_AUTO_REPEAT | XCB_XKB_PER_CLIENT_FLAG_LOOKUP_STATE_WHEN_GRABBED;
   XPtr<xcb_xkb_per_client_flags_reply_t> flags(xcb_xkb_per_client_flags_reply(
       connection_,
-      xcb_xkb_per_client_flags(connection_, XCB_XKB_ID_USE_CORE_KBD,
-                               XCB_XKB_PER_CLIENT_FLAG_DETECTABLE_AUTO_REPEAT,
-                               XCB_XKB_PER_CLIENT_FLAG_DETECTABLE_AUTO_REPEAT, 0, 0, 0),
+      xcb_xkb_per_client_flags(connection_, XCB_XKB_ID_USE_CORE_KBD, wantedFlags, wantedFlags, 0, 0, 0),
       nullptr));
   if (!flags || !(flags->value & XCB_XKB_PER_CLIENT_FLAG_DETECTABLE_AUTO_REPEAT)) {
     error = "the X server does not offer detectable auto-repeat";
