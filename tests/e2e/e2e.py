@@ -96,6 +96,24 @@ def close_hold_reposts_ctrl_w(h):
 
 
 @case
+def press_twice_close_reposts_ctrl_w(h):
+    # Here the Ctrl+W is re-posted from inside the tap callback, while the keyboard is still
+    # frozen at the second press.
+    h.defaults("write", "style", "1")
+    h.defaults("write", "closeHold", "1")
+    client = h.start_client("app", "--windows", "2")
+    h.start_tarry()
+    h.key("ctrl+w")
+    settle()
+    check(not client.closed(), "the first Ctrl+W closed a window")
+    h.key("ctrl+w")
+    wait_for("a window to close", client.closed, timeout=5)
+    settle()
+    check(len(client.closed()) == 1, "closed %d windows" % len(client.closed()))
+    wait_for("the confirmation to be counted", lambda: h.counter("twice.confirmed") == 1)
+
+
+@case
 def unguarded_keys_pass_untouched(h):
     client = h.start_client("app")
     h.start_tarry()
