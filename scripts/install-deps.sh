@@ -11,7 +11,7 @@ packages=(
   # logic and storage
   nlohmann-json3-dev libsqlite3-dev sqlite3
   # Qt 6: run loop, HUD, windows, HTTP
-  qt6-base-dev qt6-base-dev-tools qt6-svg-dev libgl-dev
+  qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins libgl-dev
   # X11 backends
   libxcb1-dev libxcb-ewmh-dev libxcb-icccm4-dev libxcb-xtest0-dev libxcb-xkb-dev
   libxcb-res0-dev libxkbcommon-dev libxkbcommon-x11-dev libxcb-xinput-dev
