@@ -49,6 +49,8 @@ std::string Log::timestamp(double secondsSince1970) {
   return text;
 }
 
+Log::~Log() { loop_.serialQueue(kQueue).drain(); }
+
 void Log::log(std::string line) {
   // The moment is taken here, on the caller's thread: the record tells when the event happened,
   // not when the queue got round to it.

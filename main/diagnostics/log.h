@@ -11,13 +11,14 @@ namespace tarry::diagnostics {
 
 /// The diagnostic event log: one line per event in "events.log" inside the log directory.
 /// NOTE: every file operation runs on the serial queue "app.log", so lines never interleave and the
-/// caller never waits for the disk; every file error is swallowed. Queued writes use this object:
-/// drain the queue before destroying it (it lives as long as the program).
+/// caller never waits for the disk; every file error is swallowed. Queued writes use this object,
+/// so destroying it waits for the queue to finish what it holds.
 class Log final {
  public:
   Log(platform::MainLoop& loop, platform::FileSystem& files, platform::DefaultsStore& store,
       const settings::Tunables& tunables)
       : loop_(loop), files_(files), store_(store), tunables_(tunables) {}
+  ~Log();
   Log(const Log&) = delete;
   Log& operator=(const Log&) = delete;
 
