@@ -104,18 +104,26 @@ void HUD::place() {
   panel.orderFront();
 }
 
+void HUD::setLabel(const Rect& frame, double fontSize, int maxLines, LineBreak lineBreak, std::string text) {
+  label.frame = frame;
+  label.font = Font{fontSize, FontWeight::semibold, false};
+  label.maxLines = maxLines;
+  label.lineBreak = lineBreak;
+  label.text = std::move(text);
+}
+
+void HUD::setMeterVisible(bool visible) {
+  barVisible_ = visible;
+  timeLabel.visible = visible;
+  pctLabel.visible = visible;
+}
+
 void HUD::show(const std::string& title, const platform::Icon& image, double duration) {
   // A message's pending fade-out must not hide the hold.
   hideWork.cancel();
-  label.frame = kTitleFrame;
-  label.font = Font{14, FontWeight::semibold, false};
-  label.maxLines = 1;
-  label.lineBreak = LineBreak::truncateTail;
-  label.text = title;
+  setLabel(kTitleFrame, 14, 1, LineBreak::truncateTail, title);
   icon.image = image;
-  barVisible_ = true;
-  timeLabel.visible = true;
-  pctLabel.visible = true;
+  setMeterVisible(true);
   update(0, duration);
   // Setting the opacity outright also stops a fade that is still running.
   panel.setAlpha(tunables_.real(T::hudShowAlpha));
@@ -147,25 +155,15 @@ void HUD::setReasons(const std::vector<std::string>& reasons) {
     if (!joined.empty()) joined += " · ";
     joined += reason;
   }
-  label.frame = kReasonsFrame;
-  label.font = Font{12, FontWeight::semibold, false};
-  label.maxLines = 2;
-  label.lineBreak = LineBreak::wordWrap;
-  label.text = "⚠️ " + joined + ". Keep holding.";
+  setLabel(kReasonsFrame, 12, 2, LineBreak::wordWrap, "⚠️ " + joined + ". Keep holding.");
   redraw();
 }
 
 void HUD::flash(const std::string& message, const platform::Icon& image, double seconds) {
   hideWork.cancel();
-  label.frame = kMessageFrame;
-  label.font = Font{14, FontWeight::semibold, false};
-  label.maxLines = 2;
-  label.lineBreak = LineBreak::wordWrap;
-  label.text = message;
+  setLabel(kMessageFrame, 14, 2, LineBreak::wordWrap, message);
   icon.image = image;
-  barVisible_ = false;
-  timeLabel.visible = false;
-  pctLabel.visible = false;
+  setMeterVisible(false);
   redraw();
   panel.setAlpha(0);
   place();

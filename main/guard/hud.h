@@ -38,6 +38,9 @@ class HUD final : public HudDisplay {
  private:
   void redraw();
   void place();
+  void setLabel(const platform::Rect& frame, double fontSize, int maxLines, platform::LineBreak lineBreak,
+                std::string text);
+  void setMeterVisible(bool visible);
 
   platform::HudPanel& panel;
   platform::HudImage icon;

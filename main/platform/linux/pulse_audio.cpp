@@ -111,6 +111,20 @@ struct PulseAudio::Impl {
     }
   }
 
+  /// Stops retrying, drops the connection and frees the loop; `running` when its thread started.
+  void shutDown(bool running) {
+    pa_threaded_mainloop_lock(loop);
+    stopping = true;
+    if (retry != nullptr) api->time_free(retry);
+    retry = nullptr;
+    // Cancels every operation still running; their state callbacks release waiting queries.
+    dropContext();
+    pa_threaded_mainloop_unlock(loop);
+    if (running) pa_threaded_mainloop_stop(loop);
+    pa_threaded_mainloop_free(loop);
+    loop = nullptr;
+  }
+
   void dropContext() {
     if (context == nullptr) return;
     pa_context_set_state_callback(context, nullptr, nullptr);
@@ -206,29 +220,11 @@ PulseAudio::PulseAudio(std::string server, std::chrono::milliseconds queryTimeou
   pa_threaded_mainloop_lock(impl_->loop);
   impl_->connect();
   pa_threaded_mainloop_unlock(impl_->loop);
-  if (pa_threaded_mainloop_start(impl_->loop) < 0) {
-    pa_threaded_mainloop_lock(impl_->loop);
-    impl_->stopping = true;
-    if (impl_->retry != nullptr) impl_->api->time_free(impl_->retry);
-    impl_->retry = nullptr;
-    impl_->dropContext();
-    pa_threaded_mainloop_unlock(impl_->loop);
-    pa_threaded_mainloop_free(impl_->loop);
-    impl_->loop = nullptr;
-  }
+  if (pa_threaded_mainloop_start(impl_->loop) < 0) impl_->shutDown(false);
 }
 
 PulseAudio::~PulseAudio() {
-  if (impl_->loop == nullptr) return;
-  pa_threaded_mainloop_lock(impl_->loop);
-  impl_->stopping = true;
-  if (impl_->retry != nullptr) impl_->api->time_free(impl_->retry);
-  impl_->retry = nullptr;
-  // Cancels every operation still running; their state callbacks release waiting queries.
-  impl_->dropContext();
-  pa_threaded_mainloop_unlock(impl_->loop);
-  pa_threaded_mainloop_stop(impl_->loop);
-  pa_threaded_mainloop_free(impl_->loop);
+  if (impl_->loop != nullptr) impl_->shutDown(true);
 }
 
 bool PulseAudio::microphoneInUse() { return impl_->microphone.load(); }
