@@ -14,7 +14,7 @@ packages=(
   qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins libgl-dev
   # X11 backends
   libxcb1-dev libxcb-ewmh-dev libxcb-icccm4-dev libxcb-xtest0-dev libxcb-xkb-dev
-  libxcb-res0-dev libxkbcommon-dev libxkbcommon-x11-dev libxcb-xinput-dev
+  libxcb-res0-dev libxkbcommon-dev libxkbcommon-x11-dev libxcb-xinput-dev libxcb-screensaver0-dev
   # audio
   libpulse-dev pulseaudio pulseaudio-utils  # a real daemon with a null sink for the audio tests
   # end-to-end tests on a real X server
