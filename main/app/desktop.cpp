@@ -10,10 +10,12 @@
 #include "platform/linux/linux_file_system.h"
 #include "platform/linux/proc_process_info.h"
 #include "platform/linux/pulse_audio.h"
+#include "platform/linux/pulse_sound.h"
 #include "platform/linux/sqlite_defaults_store.h"
 #include "platform/qt/qt_hud_panel.h"
 #include "platform/qt/qt_main_loop.h"
 #include "platform/qt/qt_screens.h"
+#include "platform/x11/x11_activity.h"
 #include "platform/x11/x11_display.h"
 #include "platform/x11/x11_event_tap.h"
 #include "platform/x11/x11_window_list.h"
@@ -39,22 +41,6 @@ namespace tarry::app {
 namespace {
 
 constexpr double kRetryTapSec = 2.0;
-
-// ---- Services without a desktop backend yet ----
-
-/// Plays nothing: the program has no sound backend yet, and a missing sound is silent anyway.
-class SilentSound final : public platform::Sound {
- public:
-  void play(std::string_view /*name*/) override {}
-};
-
-/// Holds no inhibition: a hold lasts seconds, far shorter than any idle timeout of the desktop.
-class NoIdleInhibit final : public platform::Activity {
- public:
-  [[nodiscard]] std::unique_ptr<platform::ActivityToken> begin(std::string_view /*reason*/) override {
-    return std::make_unique<platform::ActivityToken>();
-  }
-};
 
 /// A hidden debugging aid: with TARRY_DEBUG_STALL_ON_PRESS=<seconds> the main thread sleeps that
 /// long on the next guarded press before the guard sees it, to show that the keyboard is let go
@@ -182,8 +168,9 @@ int runDesktop(int argc, char** argv) {
     tap = stalling.get();
   }
 
-  SilentSound sound;
-  NoIdleInhibit power;
+  platform::os::PulseSound sound;
+  // On the display's own connection: the server ends the suspension if the program dies mid-hold.
+  platform::x11::X11Activity power(display->connection());
   guard::NoUndo undo;
   diagnostics::BasicAppTelemetry telemetry(workspace);
   guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log, hud,
