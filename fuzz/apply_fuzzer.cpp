@@ -13,7 +13,7 @@
 namespace {
 
 using tarry::settings::kTunableCount;
-using tarry::settings::kTunableSpecs;
+using tarry::settings::kTunableRows;
 using tarry::settings::T;
 using tarry::settings::TunableKind;
 
@@ -39,21 +39,21 @@ long utf8Length(const std::string& s) {
 
 void check(const tarry::settings::Tunables& tunables) {
   for (std::size_t i = 0; i < kTunableCount; ++i) {
-    const auto& spec = kTunableSpecs[i];
+    const auto& row = kTunableRows[i];
     const T t = static_cast<T>(i);
-    const std::string key(spec.key);
-    if (spec.kind == TunableKind::string) {
+    const std::string key(row.key);
+    if (row.kind == TunableKind::string) {
       const std::string text = tunables.text(t);
       const long length = utf8Length(text);
       if (length < 0) fail(key.c_str(), "text is not valid UTF-8");
-      if (static_cast<std::size_t>(length) > spec.maxChars) fail(key.c_str(), "text too long");
-      if (spec.emptyTextIgnored && text.empty()) fail(key.c_str(), "text emptied");
+      if (static_cast<std::size_t>(length) > row.maxChars) fail(key.c_str(), "text too long");
+      if (row.emptyTextIgnored && text.empty()) fail(key.c_str(), "text emptied");
       continue;
     }
     const double v = tunables.real(t);
-    if (!(v >= spec.lower && v <= spec.upper)) fail(key.c_str(), "number out of bounds");
-    if (spec.kind == TunableKind::integer && v != std::trunc(v)) fail(key.c_str(), "integer has a fraction");
-    if (spec.kind == TunableKind::boolean && v != 0 && v != 1) fail(key.c_str(), "flag is not 0 or 1");
+    if (!(v >= row.lower && v <= row.upper)) fail(key.c_str(), "number out of bounds");
+    if (row.kind == TunableKind::integer && v != std::trunc(v)) fail(key.c_str(), "integer has a fraction");
+    if (row.kind == TunableKind::boolean && v != 0 && v != 1) fail(key.c_str(), "flag is not 0 or 1");
   }
 }
 

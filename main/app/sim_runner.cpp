@@ -266,24 +266,24 @@ std::string cmdUnpref(SimWorld& w, const Args& a) {
 std::string cmdTunable(SimWorld& w, const Args& a) {
   if (a.size() < 2) return "usage: tunable KEY VALUE";
   for (std::size_t i = 0; i < settings::kTunableCount; ++i) {
-    const auto& spec = settings::kTunableSpecs[i];
-    if (spec.key != a[0]) continue;
+    const auto& row = settings::kTunableRows[i];
+    if (row.key != a[0]) continue;
     const auto t = static_cast<settings::T>(i);
-    if (spec.kind == settings::TunableKind::string) {
+    if (row.kind == settings::TunableKind::string) {
       std::string text = joined(a, 1);
-      if (text.size() > spec.maxChars) text.resize(spec.maxChars);
+      if (text.size() > row.maxChars) text.resize(row.maxChars);
       w.tunables.setText(t, std::move(text));
       return "";
     }
     double v = 0;
     bool flag = false;
-    if (spec.kind == settings::TunableKind::boolean && parseYesNo(a[1], flag)) {
+    if (row.kind == settings::TunableKind::boolean && parseYesNo(a[1], flag)) {
       v = flag ? 1 : 0;
     } else if (!parseDouble(a[1], v)) {
       return "not a number: " + a[1];
     }
-    if (spec.kind == settings::TunableKind::integer) v = std::trunc(v);
-    w.tunables.setNumber(t, std::clamp(v, spec.lower, spec.upper));
+    if (row.kind == settings::TunableKind::integer) v = std::trunc(v);
+    w.tunables.setNumber(t, std::clamp(v, row.lower, row.upper));
     return "";
   }
   return "no tunable named " + a[0];

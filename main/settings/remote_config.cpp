@@ -20,27 +20,27 @@ std::optional<double> numberOf(const nlohmann::json& value) {
   return std::nullopt;
 }
 
-double clampReal(double v, const TunableSpec& spec) {
-  if (!std::isfinite(v)) return spec.lower;
-  return std::clamp(v, spec.lower, spec.upper);
+double clampReal(double v, const TunableRow& row) {
+  if (!std::isfinite(v)) return row.lower;
+  return std::clamp(v, row.lower, row.upper);
 }
 
-void applyOne(Tunables& tunables, T t, const TunableSpec& spec, const nlohmann::json& value) {
-  if (spec.kind == TunableKind::string) {
+void applyOne(Tunables& tunables, T t, const TunableRow& row, const nlohmann::json& value) {
+  if (row.kind == TunableKind::string) {
     if (!value.is_string()) return;
     const auto& text = value.get_ref<const std::string&>();
-    if (text.empty() && spec.emptyTextIgnored) return;
-    tunables.setText(t, firstCharacters(text, spec.maxChars));
+    if (text.empty() && row.emptyTextIgnored) return;
+    tunables.setText(t, firstCharacters(text, row.maxChars));
     return;
   }
   const auto number = numberOf(value);
   if (!number) return;
-  switch (spec.kind) {
+  switch (row.kind) {
     case TunableKind::real:
-      tunables.setNumber(t, clampReal(*number, spec));
+      tunables.setNumber(t, clampReal(*number, row));
       break;
     case TunableKind::integer:
-      tunables.setNumber(t, std::trunc(clampReal(*number, spec)));
+      tunables.setNumber(t, std::trunc(clampReal(*number, row)));
       break;
     case TunableKind::boolean:
       tunables.setNumber(t, *number >= 1 ? 1.0 : 0.0);
@@ -87,10 +87,10 @@ bool applyRemoteConfig(Tunables& tunables, const platform::HttpResponse& respons
 void applyConfigObject(Tunables& tunables, const nlohmann::json& object) {
   if (!object.is_object()) return;
   for (std::size_t i = 0; i < kTunableCount; ++i) {
-    const TunableSpec& spec = kTunableSpecs[i];
-    const auto it = object.find(std::string(spec.key));
+    const TunableRow& row = kTunableRows[i];
+    const auto it = object.find(std::string(row.key));
     if (it == object.end()) continue;
-    applyOne(tunables, static_cast<T>(i), spec, *it);
+    applyOne(tunables, static_cast<T>(i), row, *it);
   }
 }
 

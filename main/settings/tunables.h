@@ -106,7 +106,7 @@ enum class T : std::size_t {
 };
 
 /// One row of the table.
-struct TunableSpec {
+struct TunableRow {
   std::string_view key;
   TunableKind kind;
   double defaultNumber;
@@ -117,16 +117,16 @@ struct TunableSpec {
   bool emptyTextIgnored;    // strings: an empty document value leaves the current text
 };
 
-inline constexpr std::array kTunableSpecs = {
-#define TARRY_TUNABLE_SPEC(key, kind, def, lo, hi, text, maxChars, ignoreEmpty) \
-  TunableSpec{#key, TunableKind::kind, def, lo, hi, text, maxChars, ignoreEmpty},
-    TARRY_TUNABLES(TARRY_TUNABLE_SPEC)
-#undef TARRY_TUNABLE_SPEC
+inline constexpr std::array kTunableRows = {
+#define TARRY_TUNABLE_ROW(key, kind, def, lo, hi, text, maxChars, ignoreEmpty) \
+  TunableRow{#key, TunableKind::kind, def, lo, hi, text, maxChars, ignoreEmpty},
+    TARRY_TUNABLES(TARRY_TUNABLE_ROW)
+#undef TARRY_TUNABLE_ROW
 };
 
-inline constexpr std::size_t kTunableCount = kTunableSpecs.size();
+inline constexpr std::size_t kTunableCount = kTunableRows.size();
 
-[[nodiscard]] constexpr const TunableSpec& spec(T t) { return kTunableSpecs[static_cast<std::size_t>(t)]; }
+[[nodiscard]] constexpr const TunableRow& row(T t) { return kTunableRows[static_cast<std::size_t>(t)]; }
 
 /// The process-wide tunables: compiled-in defaults, overridden in memory by the remote
 /// configuration, never persisted.
@@ -156,10 +156,10 @@ class Tunables final {
   /// Back to the compiled-in defaults.
   void reset() {
     for (std::size_t i = 0; i < kTunableCount; ++i) {
-      numbers_[i].store(kTunableSpecs[i].defaultNumber, std::memory_order_relaxed);
+      numbers_[i].store(kTunableRows[i].defaultNumber, std::memory_order_relaxed);
     }
     const std::lock_guard lock(textMutex_);
-    for (std::size_t i = 0; i < kTunableCount; ++i) texts_[i] = std::string(kTunableSpecs[i].defaultText);
+    for (std::size_t i = 0; i < kTunableCount; ++i) texts_[i] = std::string(kTunableRows[i].defaultText);
   }
 
  private:

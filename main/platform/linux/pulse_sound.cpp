@@ -135,11 +135,11 @@ void PulseSound::Impl::playPop() {
   }
   const auto deadline = Clock::now() + timeout + kPlayLimit;
 
-  const pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, kRate, 1};
+  const pa_sample_spec format{PA_SAMPLE_FLOAT32NE, kRate, 1};
   pa_proplist* props = pa_proplist_new();
   pa_proplist_sets(props, PA_PROP_MEDIA_ROLE, "event");
   pa_proplist_sets(props, PA_PROP_EVENT_ID, "Pop");
-  pa_stream* stream = pa_stream_new_with_proplist(context, "Pop", &spec, nullptr, props);
+  pa_stream* stream = pa_stream_new_with_proplist(context, "Pop", &format, nullptr, props);
   pa_proplist_free(props);
   if (stream == nullptr) {
     disconnect();
@@ -150,7 +150,7 @@ void PulseSound::Impl::playPop() {
   // late after the key. All samples go in at once; a stream accepts more than its target length.
   pa_buffer_attr buffer{};
   buffer.maxlength = static_cast<std::uint32_t>(-1);
-  buffer.tlength = static_cast<std::uint32_t>(pa_usec_to_bytes(kLatencyUsec, &spec));
+  buffer.tlength = static_cast<std::uint32_t>(pa_usec_to_bytes(kLatencyUsec, &format));
   buffer.prebuf = static_cast<std::uint32_t>(-1);
   buffer.minreq = static_cast<std::uint32_t>(-1);
   buffer.fragsize = static_cast<std::uint32_t>(-1);

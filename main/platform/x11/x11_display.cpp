@@ -109,9 +109,9 @@ std::optional<std::string> X11Display::text(xcb_window_t window, xcb_atom_t prop
 std::int32_t X11Display::pidOf(xcb_window_t window) const {
   if (hasRes_) {
     // The server knows the peer process of local clients; _NET_WM_PID is only what the client says.
-    xcb_res_client_id_spec_t spec{window, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
+    xcb_res_client_id_spec_t client{window, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
     XPtr<xcb_res_query_client_ids_reply_t> reply(
-        xcb_res_query_client_ids_reply(connection_, xcb_res_query_client_ids(connection_, 1, &spec), nullptr));
+        xcb_res_query_client_ids_reply(connection_, xcb_res_query_client_ids(connection_, 1, &client), nullptr));
     if (reply) {
       for (auto it = xcb_res_query_client_ids_ids_iterator(reply.get()); it.rem; xcb_res_client_id_value_next(&it)) {
         if ((it.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) &&
