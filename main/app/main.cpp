@@ -55,5 +55,13 @@ int main(int argc, char** argv) {
   // before this one.
   if (hasFlag(argc, argv, "--remote-config-demo")) return tarry::app::runRemoteConfigDemo(argc, argv);
   if (hasFlag(argc, argv, "--hud-demo")) return tarry::app::runHudDemo(argc, argv);
+  // Qt's own single-dash options (-display, -platform, …) pass on to the desktop program; a long
+  // option this program does not know is a mistake worth saying so about.
+  for (int i = 1; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--", 2) == 0) {
+      std::fprintf(stderr, "tarry: unknown option %s\n%s", argv[i], kUsage);
+      return 2;
+    }
+  }
   return tarry::app::runDesktop(argc, argv);
 }
