@@ -106,11 +106,6 @@ TEST(ProcProcessInfo, AVanishedProcessYieldsNothing) {
 /// built to trip a naive parser.
 class FakeProc : public ::testing::Test {
  protected:
-  void SetUp() override {
-    root = fs::temp_directory_path() / ("tarry-proc-" + std::to_string(::getpid()));
-    fs::remove_all(root);
-  }
-  void TearDown() override { fs::remove_all(root); }
   void write(const std::string& relative, const std::string& text) {
     const auto path = root / relative;
     fs::create_directories(path.parent_path());
@@ -122,7 +117,8 @@ class FakeProc : public ::testing::Test {
                                              std::to_string(stime) + " 0 0 20 0 1 0 12345 1000 100\n");
     fs::create_directories(root / std::to_string(pid) / "task" / std::to_string(pid));
   }
-  fs::path root;
+  testing::TempDir dir;
+  fs::path root = dir.path();
 };
 
 TEST_F(FakeProc, ParsesCommandNamesWithParenthesesAndEveryThreadsChildren) {

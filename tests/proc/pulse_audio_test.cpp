@@ -1,6 +1,6 @@
 #include "platform/linux/pulse_audio.h"
 
-#include "spawned.h"
+#include "pulse_daemon.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -8,7 +8,6 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -17,43 +16,24 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::eventually;
+using testing::PulseDaemon;
 using testing::Spawned;
-namespace fs = std::filesystem;
 
-/// A private PulseAudio daemon with a null sink ("speakers", whose monitor is a source too) and a
-/// null source ("mic", the default), in a runtime directory of its own.
-class PulseDaemon : public ::testing::Test {
+/// A private PulseAudio daemon with a null source ("mic", the default) besides its speakers.
+class PulseDaemonTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir = fs::temp_directory_path() / ("tarry-pulse-" + std::to_string(::getpid()));
-    fs::remove_all(dir);
-    fs::create_directories(dir);
-    server = "unix:" + (dir / "native").string();
-    env = {"HOME=" + dir.string(), "XDG_RUNTIME_DIR=" + dir.string(), "PULSE_RUNTIME_PATH=" + dir.string(),
-           "PULSE_SERVER=" + server};
-    daemon = std::make_unique<Spawned>(
-        std::vector<std::string>{
-            "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
-            "--disable-shm=yes", "--system=no",
-            "--load=module-native-protocol-unix auth-anonymous=1 socket=" + (dir / "native").string(),
-            "--load=module-null-sink sink_name=speakers", "--load=module-null-source source_name=mic"},
-        env, (dir / "daemon.log").string());
-    if (!daemon->started() || !eventually([&] { return fs::exists(dir / "native"); })) {
+    if (!pulse.start({"module-null-source source_name=mic"})) {
       GTEST_SKIP() << "no PulseAudio daemon could be started (is the pulseaudio package installed?)";
     }
-    audio = std::make_unique<PulseAudio>(server, milliseconds(2000));
+    audio = std::make_unique<PulseAudio>(pulse.server(), milliseconds(2000));
     if (!eventually([&] { return audio->reportsPerProcess(); })) {
-      GTEST_SKIP() << "the PulseAudio daemon did not accept a connection; see " << (dir / "daemon.log");
+      GTEST_SKIP() << "the PulseAudio daemon did not accept a connection; see " << pulse.log();
     }
-  }
-  void TearDown() override {
-    audio.reset();
-    daemon.reset();
-    fs::remove_all(dir);
   }
   /// The server's own listing (pactl) of `kind` shows a stream of `pid`.
   bool serverLists(const std::string& kind, pid_t pid) const {
-    const auto command = "pactl -s '" + server + "' list " + kind + " 2>/dev/null";
+    const auto command = "pactl -s '" + pulse.server() + "' list " + kind + " 2>/dev/null";
     FILE* out = ::popen(command.c_str(), "r");
     if (out == nullptr) return false;
     std::string text;
@@ -63,17 +43,14 @@ class PulseDaemon : public ::testing::Test {
     return text.find("application.process.id = \"" + std::to_string(pid) + "\"") != std::string::npos;
   }
   std::unique_ptr<Spawned> client(const std::vector<std::string>& argv) {
-    return std::make_unique<Spawned>(argv, env);
+    return std::make_unique<Spawned>(argv, pulse.env);
   }
 
-  fs::path dir;
-  std::string server;
-  std::vector<std::string> env;
-  std::unique_ptr<Spawned> daemon;
-  std::unique_ptr<PulseAudio> audio;
+  PulseDaemon pulse;
+  std::unique_ptr<PulseAudio> audio;  // NOTE: declared after the daemon, so it goes first
 };
 
-TEST_F(PulseDaemon, ReportsTheMicrophoneAndEachProcesssStreams) {
+TEST_F(PulseDaemonTest, ReportsTheMicrophoneAndEachProcesssStreams) {
   EXPECT_FALSE(audio->microphoneInUse());
   auto recorder = client({"parec", "--raw", "--device=mic"});
   auto player = client({"pacat", "--raw", "--playback", "--device=speakers", "/dev/zero"});
@@ -94,10 +71,10 @@ TEST_F(PulseDaemon, ReportsTheMicrophoneAndEachProcesssStreams) {
   EXPECT_TRUE(eventually([&] { return !audio->microphoneInUse(); }));
 }
 
-TEST_F(PulseDaemon, AServerThatGoesAwayAnswersNothingWithoutWaiting) {
+TEST_F(PulseDaemonTest, AServerThatGoesAwayAnswersNothingWithoutWaiting) {
   auto recorder = client({"parec", "--raw", "--device=mic"});
   ASSERT_TRUE(eventually([&] { return audio->microphoneInUse(); }));
-  daemon->stop();
+  pulse.stop();
   EXPECT_TRUE(eventually([&] { return !audio->reportsPerProcess() && !audio->microphoneInUse(); }));
   const auto start = std::chrono::steady_clock::now();
   const auto use = audio->processUse({recorder->pid()});

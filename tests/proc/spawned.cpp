@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <thread>
 
 extern char** environ;
 
@@ -49,15 +48,6 @@ void Spawned::stop() {
   while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
   }
   pid_ = -1;
-}
-
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return condition();
 }
 
 }  // namespace tarry::testing

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "linux/temp_dir.h"  // eventually, TempDir
+
 #include <sys/types.h>
 
-#include <chrono>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -29,9 +29,5 @@ class Spawned final {
  private:
   pid_t pid_ = -1;
 };
-
-/// Polls `condition` every 10 ms until it holds or `limit` has passed; its last answer.
-bool eventually(const std::function<bool()>& condition,
-                std::chrono::milliseconds limit = std::chrono::milliseconds(5000));
 
 }  // namespace tarry::testing

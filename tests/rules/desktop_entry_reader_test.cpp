@@ -1,5 +1,7 @@
 #include "platform/linux/desktop_entry_reader.h"
 
+#include "linux/temp_dir.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -18,9 +20,6 @@ namespace fs = std::filesystem;
 class DesktopEntryReaderTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root = fs::temp_directory_path() / ("tarry-desktop-" + std::to_string(::getpid()) + "-" +
-                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(root);
     for (const char* name : {"XDG_DATA_HOME", "XDG_DATA_DIRS", "LC_ALL", "LC_MESSAGES", "LANG"}) {
       const char* value = std::getenv(name);
       saved.emplace_back(name, value != nullptr ? std::optional<std::string>(value) : std::nullopt);
@@ -34,7 +33,6 @@ class DesktopEntryReaderTest : public ::testing::Test {
       if (value) ::setenv(name.c_str(), value->c_str(), 1);
       else ::unsetenv(name.c_str());
     }
-    fs::remove_all(root);
   }
 
   fs::path write(const std::string& dataDir, const std::string& relative, const std::string& text) {
@@ -48,7 +46,8 @@ class DesktopEntryReaderTest : public ::testing::Test {
     return "[Desktop Entry]\nType=Application\nName=" + name + "\nExec=" + name + "\n" + extra;
   }
 
-  fs::path root;
+  tarry::testing::TempDir dir;
+  fs::path root = dir.path();
   std::vector<std::pair<std::string, std::optional<std::string>>> saved;
 };
 

@@ -5,6 +5,7 @@
 
 #include "platform/linux/desktop_entry_reader.h"
 #include "platform/sim/sim_workspace.h"
+#include "linux/temp_dir.h"
 #include "settings/app_list_controller.h"
 #include "settings/app_rules.h"
 
@@ -46,8 +47,6 @@ void press(QWidget* widget, int key) {
 class QtAppListWindowTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir = fs::temp_directory_path() / ("tarry-rules-qt-" + std::to_string(::getpid()));
-    fs::remove_all(dir);
     fs::create_directories(dir / "data/applications");
     std::ofstream(dir / "data/applications/org.example.Notes.desktop")
         << "[Desktop Entry]\nType=Application\nName=Notes\nExec=notes\n";
@@ -71,10 +70,10 @@ class QtAppListWindowTest : public ::testing::Test {
   void TearDown() override {
     controller.reset();
     store.reset();
-    fs::remove_all(dir);
   }
 
-  fs::path dir;
+  tarry::testing::TempDir temp;
+  fs::path dir = temp.path();
   std::unique_ptr<os::SqliteDefaultsStore> store;
   std::unique_ptr<settings::Preferences> preferences;
   int reschedules = 0;

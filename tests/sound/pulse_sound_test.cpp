@@ -1,6 +1,6 @@
 #include "platform/linux/pulse_sound.h"
 
-#include "spawned.h"
+#include "pulse_daemon.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -24,6 +24,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::eventually;
+using testing::PulseDaemon;
 using testing::Spawned;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -51,40 +52,16 @@ std::vector<Burst> bursts(const std::string& file) {
 }
 double ms(const Burst& b) { return 1000.0 * static_cast<double>(b.end - b.begin) / kRate; }
 
-/// A private runtime directory for a PulseAudio daemon with a null sink whose monitor is recorded.
+/// A private PulseAudio daemon whose speakers are recorded into `recording`.
 class PulseSoundTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "tarry-sound-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    dir = pattern;
-    server = "unix:" + socket();
-    env = {"HOME=" + dir.string(), "XDG_RUNTIME_DIR=" + dir.string(), "PULSE_RUNTIME_PATH=" + dir.string()};
-  }
-  void TearDown() override {
-    recorder.reset();
-    daemon.reset();
-    fs::remove_all(dir);
-  }
-  [[nodiscard]] std::string socket() const { return (dir / "native").string(); }
-
-  /// Starts the daemon and records its speakers into `recording`; false when it does not come up.
+  /// Starts the daemon and its recorder; false when it does not come up.
   /// NOTE: a fresh null sink first renders a block of about two seconds before it follows the
   /// recorder's short latency, so this returns only once samples flow steadily.
   bool startDaemon() {
-    daemon = std::make_unique<Spawned>(
-        std::vector<std::string>{"pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1",
-                                 "--use-pid-file=no", "--disable-shm=yes", "--system=no",
-                                 "--load=module-native-protocol-unix auth-anonymous=1 socket=" + socket(),
-                                 "--load=module-null-sink sink_name=speakers"},
-        env, (dir / "daemon.log").string());
-    const auto answers = [&] {
-      return std::system(("pactl -s " + server + " info >/dev/null 2>&1").c_str()) == 0;
-    };
-    if (!daemon->started() || !eventually(answers, milliseconds(10000))) return false;
-    recording = (dir / "monitor.raw").string();
+    if (!pulse.start()) return false;
     recorder = std::make_unique<Spawned>(std::vector<std::string>{
-        "parec", "-s", server, "--raw", "--format=s16le", "--channels=1", "--rate=" + std::to_string(kRate),
+        "parec", "-s", pulse.server(), "--raw", "--format=s16le", "--channels=1", "--rate=" + std::to_string(kRate),
         "--latency-msec=10", "--device=speakers.monitor", recording});
     std::uintmax_t last = 0;
     int grew = 0;
@@ -105,21 +82,18 @@ class PulseSoundTest : public ::testing::Test {
     return bursts(recording);
   }
 
-  fs::path dir;
-  std::string server;
-  std::vector<std::string> env;
-  std::unique_ptr<Spawned> daemon;
+  PulseDaemon pulse;
+  std::string recording = pulse.dir / "monitor.raw";
   std::unique_ptr<Spawned> recorder;
-  std::string recording;
 };
 
 #define START_DAEMON_OR_SKIP() \
   if (!startDaemon())          \
-  GTEST_SKIP() << "no PulseAudio daemon with a recorded null sink; see " << dir / "daemon.log"
+  GTEST_SKIP() << "no PulseAudio daemon with a recorded null sink; see " << pulse.log()
 
 TEST_F(PulseSoundTest, PopIsAShortAudibleSoundOtherNamesAreSilentAndOverlapsAreDropped) {
   START_DAEMON_OR_SKIP();
-  PulseSound sound(server);
+  PulseSound sound(pulse.server());
   for (const char* name : {"Beep", "pop", "", "Pop "}) sound.play(name);
   std::this_thread::sleep_for(milliseconds(500));
   EXPECT_TRUE(bursts(recording).empty());
@@ -148,21 +122,21 @@ TEST_F(PulseSoundTest, NoServerOrAHungOneNeverHoldsUpTheCallerAndLaterPlaysConne
     return Clock::now() - start < milliseconds(200);
   };
   {
-    PulseSound lonely(server);  // nothing listens
+    PulseSound lonely(pulse.server());  // nothing listens
     EXPECT_TRUE(returnsAtOnce(lonely));
   }
   // A server that takes the connection and never answers the handshake.
   const int hung = ::socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socket().c_str(), sizeof address.sun_path - 1);
+  std::strncpy(address.sun_path, pulse.socket().c_str(), sizeof address.sun_path - 1);
   ASSERT_EQ(::bind(hung, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(::listen(hung, 8), 0);
-  PulseSound sound(server, milliseconds(800));
+  PulseSound sound(pulse.server(), milliseconds(800));
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(returnsAtOnce(sound));
   auto start = Clock::now();
   {
-    PulseSound stuck(server, milliseconds(20000));
+    PulseSound stuck(pulse.server(), milliseconds(20000));
     stuck.play("Pop");
     std::this_thread::sleep_for(milliseconds(100));
     start = Clock::now();
@@ -170,7 +144,7 @@ TEST_F(PulseSoundTest, NoServerOrAHungOneNeverHoldsUpTheCallerAndLaterPlaysConne
   EXPECT_LT(Clock::now() - start, milliseconds(2000)) << "shutting down waited out a connection attempt";
 
   // The attempt on the hung server gave up; a real server on the same path is found by a later play.
-  fs::remove(socket());
+  fs::remove(pulse.socket());
   START_DAEMON_OR_SKIP();
   EXPECT_TRUE(eventually(
       [&] {

@@ -32,7 +32,7 @@ KeyProbe::KeyProbe(const std::string& display) : connection_(xcb_connect(display
       if (type == XCB_KEY_PRESS || type == XCB_KEY_RELEASE) {
         const auto* key = reinterpret_cast<const xcb_key_press_event_t*>(event);
         std::lock_guard lock(mutex_);
-        keys_.push_back(Key{type == XCB_KEY_PRESS, key->detail, key->state, std::chrono::steady_clock::now()});
+        keys_.push_back(Key{type == XCB_KEY_PRESS, key->detail, key->state});
       }
       std::free(event);
     }
@@ -61,11 +61,6 @@ int KeyProbe::presses(xcb_keycode_t keycode) const {
   int n = 0;
   for (const Key& key : keys_) n += key.press && key.keycode == keycode;
   return n;
-}
-
-void KeyProbe::clear() {
-  std::lock_guard lock(mutex_);
-  keys_.clear();
 }
 
 Keyboard::Keyboard(const std::string& display) : connection_(xcb_connect(display.c_str(), nullptr)) {}

@@ -3,7 +3,6 @@
 #include <xcb/xcb.h>
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -19,7 +18,6 @@ class KeyProbe final {
     bool press = false;
     xcb_keycode_t keycode = 0;
     std::uint16_t state = 0;
-    std::chrono::steady_clock::time_point at;
   };
 
   explicit KeyProbe(const std::string& display);
@@ -30,7 +28,6 @@ class KeyProbe final {
   [[nodiscard]] std::vector<Key> keys() const;
   /// Presses of `keycode` received so far.
   [[nodiscard]] int presses(xcb_keycode_t keycode) const;
-  void clear();
 
  private:
   xcb_connection_t* connection_;
