@@ -176,53 +176,44 @@ TEST(SqliteDefaultsStore, WritesOfAKilledProcessAreOnDisk) {
 
 // An unusable file is kept for inspection under another name; the program starts from defaults
 // and saves into a fresh database.
-void expectMovedAsideAndFresh(const TempDir& dir, const std::string& path) {
-  Notes notes;
-  {
-    SqliteDefaultsStore store(path, notes.sink());
-    EXPECT_TRUE(store.persistent());
-    EXPECT_TRUE(store.keys("").empty());
-    store.set("enabled", false);
+TEST(SqliteDefaultsStore, UnusableFileIsMovedAsideAndAFreshOneUsed) {
+  const std::vector<std::pair<const char*, std::function<void(const std::string&)>>> damages = {
+      {"garbage", [](const std::string& path) { std::ofstream(path) << std::string(5000, '\x5a') << "not a database"; }},
+      {"a directory", [](const std::string& path) { std::filesystem::create_directories(path + "/inside"); }},
+      {"a damaged page",
+       [](const std::string& path) {
+         {
+           SqliteDefaultsStore store(path);
+           for (int i = 0; i < 50; ++i) store.set("key" + std::to_string(i), std::string(40, 'v'));
+         }
+         // Page 1 (the schema) stays intact; the table's own page is overwritten.
+         ASSERT_GE(std::filesystem::file_size(path), 8192U);
+         std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+         file.seekp(4096);
+         file << std::string(4096, '\x5a');
+       }},
+  };
+  for (const auto& [name, damage] : damages) {
+    SCOPED_TRACE(name);
+    TempDir dir;
+    const std::string path = dir / "defaults.sqlite3";
+    damage(path);
+    Notes notes;
+    {
+      SqliteDefaultsStore store(path, notes.sink());
+      EXPECT_TRUE(store.persistent());
+      EXPECT_TRUE(store.keys("").empty());
+      store.set("enabled", false);
+    }
+    ASSERT_EQ(notes.lines().size(), 1U);
+    EXPECT_NE(notes.lines()[0].find("moved it to " + path + ".corrupt-"), std::string::npos)
+        << notes.lines()[0];
+    EXPECT_EQ(asideCopies(dir).size(), 1U);
+    Notes again;
+    SqliteDefaultsStore reopened(path, again.sink());
+    EXPECT_TRUE(again.lines().empty());
+    EXPECT_EQ(reopened.get("enabled"), Value(false));
   }
-  ASSERT_EQ(notes.lines().size(), 1U);
-  EXPECT_NE(notes.lines()[0].find("moved it to " + path + ".corrupt-"), std::string::npos)
-      << notes.lines()[0];
-  EXPECT_EQ(asideCopies(dir).size(), 1U);
-  Notes again;
-  SqliteDefaultsStore reopened(path, again.sink());
-  EXPECT_TRUE(again.lines().empty());
-  EXPECT_EQ(reopened.get("enabled"), Value(false));
-}
-
-TEST(SqliteDefaultsStore, GarbageFileIsMovedAside) {
-  TempDir dir;
-  const std::string path = dir / "defaults.sqlite3";
-  std::ofstream(path) << std::string(5000, '\x5a') << "not a database";
-  expectMovedAsideAndFresh(dir, path);
-}
-
-TEST(SqliteDefaultsStore, DirectoryInPlaceOfTheFileIsMovedAside) {
-  TempDir dir;
-  const std::string path = dir / "defaults.sqlite3";
-  std::filesystem::create_directories(path + "/inside");
-  expectMovedAsideAndFresh(dir, path);
-}
-
-TEST(SqliteDefaultsStore, DamagedPageIsMovedAside) {
-  TempDir dir;
-  const std::string path = dir / "defaults.sqlite3";
-  {
-    SqliteDefaultsStore store(path);
-    for (int i = 0; i < 50; ++i) store.set("key" + std::to_string(i), std::string(40, 'v'));
-  }
-  // Page 1 (the schema) stays intact; the table's own page is overwritten.
-  ASSERT_GE(std::filesystem::file_size(path), 8192U);
-  {
-    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-    file.seekp(4096);
-    file << std::string(4096, '\x5a');
-  }
-  expectMovedAsideAndFresh(dir, path);
 }
 
 TEST(SqliteDefaultsStore, NoWritablePlaceKeepsValuesInMemory) {
