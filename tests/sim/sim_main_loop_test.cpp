@@ -58,23 +58,5 @@ TEST(SimMainLoop, HeldBackgroundWorkRunsOnlyWhenReleased) {
   EXPECT_EQ(ranOnMain, 1);
 }
 
-TEST(SimMainLoop, LocalTimeFollowsTheConfiguredZone) {
-  SimMainLoop loop;
-  // 2026-11-20T23:30:00Z was a Friday.
-  const double t = 1795217400.0;
-  auto utc = loop.localTime(t);
-  EXPECT_EQ(utc.year, 2026);
-  EXPECT_EQ(utc.month, 11);
-  EXPECT_EQ(utc.day, 20);
-  EXPECT_EQ(utc.hour, 23);
-  EXPECT_EQ(utc.minute, 30);
-  EXPECT_EQ(utc.weekday, 5);
-  loop.setUtcOffset(3600);
-  auto cet = loop.localTime(t);
-  EXPECT_EQ(cet.day, 21);
-  EXPECT_EQ(cet.hour, 0);
-  EXPECT_EQ(cet.weekday, 6);
-}
-
 }  // namespace
 }  // namespace tarry::platform::sim
