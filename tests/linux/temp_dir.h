@@ -51,13 +51,14 @@ class Notes final {
   std::vector<std::string> lines_;
 };
 
-/// Polls `condition` until it holds or `limit` passes; for work another thread or process does.
+/// Polls `condition` every 10 ms until it holds or `limit` passes; for work another thread or
+/// process does.
 inline bool eventually(const std::function<bool()>& condition,
                        std::chrono::milliseconds limit = std::chrono::seconds(10)) {
   const auto end = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
 }

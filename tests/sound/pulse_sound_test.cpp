@@ -57,7 +57,8 @@ class PulseSoundTest : public ::testing::Test {
  protected:
   /// Starts the daemon and its recorder; false when it does not come up.
   /// NOTE: a fresh null sink first renders a block of about two seconds before it follows the
-  /// recorder's short latency, so this returns only once samples flow steadily.
+  /// recorder's short latency, so this returns only once samples flow steadily (the file grew at
+  /// five polls 10 ms apart).
   bool startDaemon() {
     if (!pulse.start()) return false;
     recorder = std::make_unique<Spawned>(std::vector<std::string>{
