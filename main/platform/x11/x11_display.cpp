@@ -1,4 +1,5 @@
 #include "platform/x11/x11_display.h"
+#include "platform/x11/xcb_reply.h"
 
 #include <xcb/res.h>
 
@@ -8,15 +9,6 @@
 #include <utility>
 
 namespace tarry::platform::x11 {
-namespace {
-
-struct FreeDeleter {
-  void operator()(void* p) const { std::free(p); }
-};
-template <typename T>
-using XPtr = std::unique_ptr<T, FreeDeleter>;
-
-}  // namespace
 
 std::unique_ptr<X11Display> X11Display::open(const std::string& display, std::string& error) {
   std::unique_ptr<X11Display> out(new X11Display());

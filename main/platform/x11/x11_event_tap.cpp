@@ -1,4 +1,5 @@
 #include "platform/x11/x11_event_tap.h"
+#include "platform/x11/xcb_reply.h"
 
 #include "platform/x11/xcb_xkb.h"
 
@@ -24,12 +25,6 @@ namespace tarry::platform::x11 {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-struct FreeDeleter {
-  void operator()(void* p) const { std::free(p); }
-};
-template <typename T>
-using XPtr = std::unique_ptr<T, FreeDeleter>;
 
 // A press this program posted comes back through a grab only in the moment between the injection
 // and the regrab; anything later is the user's own.

@@ -1,4 +1,5 @@
 #include "platform/x11/x11_window_list.h"
+#include "platform/x11/xcb_reply.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -6,12 +7,6 @@
 
 namespace tarry::platform::x11 {
 namespace {
-
-struct FreeDeleter {
-  void operator()(void* p) const { std::free(p); }
-};
-template <typename T>
-using XPtr = std::unique_ptr<T, FreeDeleter>;
 
 constexpr std::uint32_t kIconicState = 3;
 constexpr std::uint32_t kSourcePager = 2;
