@@ -4,15 +4,15 @@
 #
 #   scripts/hud-screenshot.sh [OUTPUT.png]
 #
-# TARRY_BIN picks the program (default: the first build found under build*/main/app/tarry);
-# HUD_SCREEN sets the screen size (default 1280x800). With HUD_COMPOSITOR=1 and xcompmgr
+# TARRY_BIN picks the program (default: the first one built under build/release, build/debug or
+# build-*); HUD_SCREEN sets the screen size (default 1280x800). With HUD_COMPOSITOR=1 and xcompmgr
 # installed, a compositing manager runs too, so translucency and the shadow show.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bin="${TARRY_BIN:-}"
 if [ -z "$bin" ]; then
-  for candidate in build/main/app/tarry build-*/main/app/tarry; do
+  for candidate in build/release/main/app/tarry build/debug/main/app/tarry build-*/main/app/tarry; do
     if [ -x "$candidate" ]; then bin="$candidate"; break; fi
   done
 fi
