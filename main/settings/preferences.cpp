@@ -19,6 +19,10 @@ std::optional<double> number(const platform::DefaultsStore& store, const char* k
   return std::nullopt;
 }
 
+/// A hold time as the ⌘Q hold is kept: to the nearest half second within 0.5 … 7.0; 2.0 for a value
+/// that is not a number.
+double halfSeconds(double v) { return std::isfinite(v) ? std::clamp(std::round(2 * v) / 2, 0.5, 7.0) : 2.0; }
+
 int clampedHour(const platform::DefaultsStore& store, const char* key, int fallback) {
   const auto v = number(store, key);
   if (!v || !std::isfinite(*v)) return fallback;
@@ -39,9 +43,10 @@ bool Preferences::flagDefaultFalse(const char* key) const {
 
 double Preferences::holdSeconds() const {
   const auto v = number(store_, "holdSeconds");
-  if (!v || !std::isfinite(*v)) return 2.0;
-  return std::clamp(std::round(2 * *v) / 2, 0.5, 7.0);
+  return v ? halfSeconds(*v) : 2.0;
 }
+
+void Preferences::setHoldSeconds(double seconds) { setDouble("holdSeconds", halfSeconds(seconds)); }
 
 bool Preferences::pressTwice() const {
   // An Integer key: a stored 0.5 reads as 0, hold style.

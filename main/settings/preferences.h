@@ -37,6 +37,8 @@ class Preferences final {
 
   /// ⌘Q hold time: round(2v)/2 clamped to 0.5 … 7.0; 2.0 when absent or not a number.
   [[nodiscard]] double holdSeconds() const;
+  /// Stores a ⌘Q hold time under the same rounding and clamp (2.0 for a value that is not a number).
+  void setHoldSeconds(double seconds);
   /// True when `style` > 0 (press ⌘Q twice).
   [[nodiscard]] bool pressTwice() const;
   /// `appearance` clamped to 0 … 2.

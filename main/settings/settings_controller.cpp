@@ -2,8 +2,6 @@
 
 #include "settings/choice_lists.h"
 
-#include <algorithm>
-#include <cmath>
 #include <utility>
 
 namespace tarry::settings {
@@ -115,8 +113,7 @@ void SettingsController::changed(const SettingsControls& c) {
 }
 
 void SettingsController::holdSliderMoved(double value, const SettingsControls& controls) {
-  const double held = std::isfinite(value) ? std::clamp(std::round(2 * value) / 2, 0.5, 7.0) : 2.0;
-  prefs_.setDouble("holdSeconds", held);
+  prefs_.setHoldSeconds(value);
   changed(controls);
 }
 
