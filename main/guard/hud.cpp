@@ -99,7 +99,8 @@ void HUD::place() {
   }
   if (!target) target = screens_.mainScreenFrame();
   if (target) {
-    panel.setOrigin({target->midX() - 165, target->midY() - 48 + tunables_.real(T::hudVerticalOffset)});
+    panel.setOrigin({target->midX() - kPanelWidth / 2,
+                     target->midY() - kPanelHeight / 2 + tunables_.real(T::hudVerticalOffset)});
   }
   panel.orderFront();
 }
