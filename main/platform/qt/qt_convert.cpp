@@ -6,6 +6,18 @@
 #include <QSvgRenderer>
 
 namespace tarry::platform::qt {
+namespace {
+
+/// The SVG drawn onto a transparent `size` × `size` image.
+QImage rendered(QSvgRenderer& renderer, int size) {
+  QImage image(size, size, QImage::Format_ARGB32_Premultiplied);
+  image.fill(Qt::transparent);
+  QPainter painter(&image);
+  renderer.render(&painter);
+  return image;
+}
+
+}  // namespace
 
 QImage toQImage(const Icon& icon, int size) {
   if (icon.argb && icon.width > 0 && icon.height > 0 &&
@@ -22,22 +34,12 @@ QImage toQImage(const Icon& icon, int size) {
   const QString shipped = QStringLiteral(":/icons/%1.svg").arg(name);
   if (QFile::exists(shipped)) {
     QSvgRenderer renderer(shipped);
-    QImage image(size, size, QImage::Format_ARGB32_Premultiplied);
-    image.fill(Qt::transparent);
-    QPainter painter(&image);
-    renderer.render(&painter);
-    return image;
+    return rendered(renderer, size);
   }
   if (name.startsWith('/')) {
     if (name.endsWith(QStringLiteral(".svg"))) {
       QSvgRenderer renderer(name);
-      if (renderer.isValid()) {
-        QImage image(size, size, QImage::Format_ARGB32_Premultiplied);
-        image.fill(Qt::transparent);
-        QPainter painter(&image);
-        renderer.render(&painter);
-        return image;
-      }
+      if (renderer.isValid()) return rendered(renderer, size);
     }
     QImage image(name);
     if (!image.isNull()) return image;
