@@ -129,15 +129,24 @@ bool compositingActive() {
   auto* x11 = qGuiApp == nullptr ? nullptr : qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
   if (x11 == nullptr || x11->connection() == nullptr) return true;
   xcb_connection_t* connection = x11->connection();
-  static const char kName[] = "_NET_WM_CM_S0";
-  xcb_intern_atom_reply_t* atom =
-      xcb_intern_atom_reply(connection, xcb_intern_atom(connection, 0, sizeof kName - 1, kName), nullptr);
-  if (atom == nullptr) return false;
+  // An atom keeps its value for as long as the connection's server runs, so it is interned once
+  // and only the owner is asked each time: this runs at every orderFront, on the path of the key
+  // press that starts a hold.
+  static xcb_connection_t* internedOn = nullptr;
+  static xcb_atom_t selection = XCB_ATOM_NONE;
+  if (internedOn != connection) {
+    static const char kName[] = "_NET_WM_CM_S0";
+    xcb_intern_atom_reply_t* atom =
+        xcb_intern_atom_reply(connection, xcb_intern_atom(connection, 0, sizeof kName - 1, kName), nullptr);
+    if (atom == nullptr) return false;
+    selection = atom->atom;
+    internedOn = connection;
+    std::free(atom);
+  }
   xcb_get_selection_owner_reply_t* owner =
-      xcb_get_selection_owner_reply(connection, xcb_get_selection_owner(connection, atom->atom), nullptr);
+      xcb_get_selection_owner_reply(connection, xcb_get_selection_owner(connection, selection), nullptr);
   const bool active = owner != nullptr && owner->owner != XCB_NONE;
   std::free(owner);
-  std::free(atom);
   return active;
 }
 
