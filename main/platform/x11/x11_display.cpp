@@ -10,21 +10,29 @@
 
 namespace tarry::platform::x11 {
 
-std::unique_ptr<X11Display> X11Display::open(const std::string& display, std::string& error) {
-  std::unique_ptr<X11Display> out(new X11Display());
+xcb_connection_t* connectToDisplay(const std::string& display, xcb_window_t& root, std::string& error) {
   int screenNumber = 0;
-  out->connection_ = xcb_connect(display.empty() ? nullptr : display.c_str(), &screenNumber);
-  if (xcb_connection_has_error(out->connection_)) {
+  xcb_connection_t* connection = xcb_connect(display.empty() ? nullptr : display.c_str(), &screenNumber);
+  if (xcb_connection_has_error(connection)) {
+    xcb_disconnect(connection);
     error = "cannot open the X display " + (display.empty() ? std::string("($DISPLAY)") : display);
     return nullptr;
   }
-  xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(out->connection_));
+  xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection));
   for (int i = 0; i < screenNumber && screens.rem; ++i) xcb_screen_next(&screens);
   if (!screens.rem) {
+    xcb_disconnect(connection);
     error = "the X display has no screen";
     return nullptr;
   }
-  out->root_ = screens.data->root;
+  root = screens.data->root;
+  return connection;
+}
+
+std::unique_ptr<X11Display> X11Display::open(const std::string& display, std::string& error) {
+  std::unique_ptr<X11Display> out(new X11Display());
+  out->connection_ = connectToDisplay(display, out->root_, error);
+  if (!out->connection_) return nullptr;
 
   Atoms& a = out->atoms_;
   const std::pair<xcb_atom_t*, const char*> names[] = {

@@ -10,6 +10,10 @@
 
 namespace tarry::platform::x11 {
 
+/// Connects to `display` (empty: `$DISPLAY`) and finds the root window of the screen it names;
+/// null with `error` set when the display cannot be reached or lacks that screen.
+[[nodiscard]] xcb_connection_t* connectToDisplay(const std::string& display, xcb_window_t& root, std::string& error);
+
 /// The atoms the workspace and window backends read and send.
 struct Atoms {
   xcb_atom_t utf8String = 0;

@@ -1,4 +1,5 @@
 #include "platform/x11/x11_event_tap.h"
+#include "platform/x11/x11_display.h"
 #include "platform/x11/xcb_reply.h"
 
 #include "platform/x11/xcb_xkb.h"
@@ -167,19 +168,8 @@ class X11EventTap::Session final : public std::enable_shared_from_this<Session> 
 };
 
 bool X11EventTap::Session::open(const std::string& display, std::string& error) {
-  int screenNumber = 0;
-  connection_ = xcb_connect(display.empty() ? nullptr : display.c_str(), &screenNumber);
-  if (xcb_connection_has_error(connection_)) {
-    error = "cannot open the X display " + (display.empty() ? std::string("($DISPLAY)") : display);
-    return false;
-  }
-  xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection_));
-  for (int i = 0; i < screenNumber && screens.rem; ++i) xcb_screen_next(&screens);
-  if (!screens.rem) {
-    error = "the X display has no screen";
-    return false;
-  }
-  root_ = screens.data->root;
+  connection_ = connectToDisplay(display, root_, error);
+  if (!connection_) return false;
 
   std::uint8_t xkbError = 0;
   if (!xkb_x11_setup_xkb_extension(connection_, XKB_X11_MIN_MAJOR_XKB_VERSION,
