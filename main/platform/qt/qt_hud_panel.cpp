@@ -193,7 +193,11 @@ class HudWindow final : public QWidget {
     const bool geometryChanged =
         l.width != layout.width || l.height != layout.height || l.cornerRadius != layout.cornerRadius || l.shadow != layout.shadow;
     layout = l;
-    if (geometryChanged) reconfigure();
+    if (geometryChanged) {
+      // The shadow follows the panel's size and corners; nothing else changes it.
+      shadow_ = {};
+      reconfigure();
+    }
     update();
   }
 
@@ -264,7 +268,6 @@ class HudWindow final : public QWidget {
       path.addRoundedRect(QRectF(c), layout.cornerRadius, layout.cornerRadius);
       setMask(QRegion(path.toFillPolygon().toPolygon()));
     }
-    shadow_ = {};
     reposition();
   }
 
