@@ -25,6 +25,7 @@
 #include "stats/counters.h"
 
 #include <QApplication>
+#include <QThreadPool>
 
 #include <signal.h>
 #include <unistd.h>
@@ -199,6 +200,11 @@ int runDesktop(int argc, char** argv) {
     status = loop.run();
   }
   guard.removeTap();
+  // NOTE: a busy or unsaved-work check may still be running on the global pool; it uses the
+  // policy's processes, sound and windows and this loop, all destroyed on return, while Qt waits for
+  // the pool only in QApplication's destructor, after them. Its answer, queued for the main thread,
+  // is dropped with the loop.
+  QThreadPool::globalInstance()->waitForDone();
   log.log("quit");
   store.flush();
   return status;
