@@ -3,33 +3,11 @@
 #include "app/sim_runner.h"
 #include "stats/counters.h"
 
-#include <cmath>
-#include <cstdlib>
 #include <optional>
 #include <utility>
 
 namespace tarry::app::simrun {
 namespace {
-
-std::string answerText(const std::vector<std::string>& reasons) {
-  if (reasons.empty()) return "none";
-  std::string out;
-  for (const auto& r : reasons) out += (out.empty() ? "\"" : " \"") + r + "\"";
-  return out;
-}
-
-bool parseNumber(const std::string& s, double& out) {
-  char* end = nullptr;
-  out = std::strtod(s.c_str(), &end);
-  return !s.empty() && end == s.c_str() + s.size() && std::isfinite(out);
-}
-
-bool parsePid(const std::string& s, std::int32_t& out) {
-  double v = 0;
-  if (!parseNumber(s, v) || v != std::trunc(v) || v < 0 || v > 2147483647.0) return false;
-  out = static_cast<std::int32_t>(v);
-  return true;
-}
 
 bool parseSwitch(const std::string& s, bool& out) {
   if (s != "yes" && s != "on" && s != "no" && s != "off") return false;
@@ -57,7 +35,7 @@ std::string cmdProc(SimWorld& w, const Args& a) {
   for (std::size_t i = 3; i < a.size(); ++i) {
     if (a[i].rfind("exe=", 0) == 0) {
       exe = a[i].substr(4);
-    } else if (a[i].rfind("cpu=", 0) != 0 || !parseNumber(a[i].substr(4), cpu)) {
+    } else if (a[i].rfind("cpu=", 0) != 0 || !parseDouble(a[i].substr(4), cpu)) {
       return kUsage;
     }
   }
@@ -68,7 +46,7 @@ std::string cmdProc(SimWorld& w, const Args& a) {
 std::string cmdCpu(SimWorld& w, const Args& a) {
   std::int32_t pid = 0;
   double percent = 0;
-  if (a.size() != 2 || !parsePid(a[0], pid) || !parseNumber(a[1], percent)) return "usage: cpu PID PERCENT";
+  if (a.size() != 2 || !parsePid(a[0], pid) || !parseDouble(a[1], percent)) return "usage: cpu PID PERCENT";
   w.careful.processes.setCpuPercent(pid, percent);
   return "";
 }
@@ -134,7 +112,7 @@ bool RecordingCarefulPolicy::hasUnsavedWork(const platform::RunningApp& app) {
 
 std::vector<std::string> RecordingCarefulPolicy::busyReasons(const platform::RunningApp& app) {
   auto reasons = inner_.busyReasons(app);
-  journal_.add("policy busy pid=" + std::to_string(app.pid) + " -> " + answerText(reasons));
+  journal_.add("policy busy pid=" + std::to_string(app.pid) + " -> " + reasonsText(reasons));
   return reasons;
 }
 

@@ -141,31 +141,7 @@ std::string describe(const KeyEvent& e) {
   return "key ?";
 }
 
-std::string reasonsText(const std::vector<std::string>& reasons) {
-  if (reasons.empty()) return "none";
-  std::string out;
-  for (const auto& r : reasons) {
-    if (!out.empty()) out += " ";
-    out += quoted(r);
-  }
-  return out;
-}
-
 // MARK: - Argument parsing
-
-bool parseDouble(const std::string& s, double& out) {
-  if (s.empty()) return false;
-  char* end = nullptr;
-  out = std::strtod(s.c_str(), &end);
-  return end == s.c_str() + s.size() && std::isfinite(out);
-}
-
-bool parsePid(const std::string& s, std::int32_t& out) {
-  double v = 0;
-  if (!parseDouble(s, v) || v != std::trunc(v) || v < 0 || v > 2147483647.0) return false;
-  out = static_cast<std::int32_t>(v);
-  return true;
-}
 
 bool parseYesNo(const std::string& s, bool& out) {
   if (s == "yes" || s == "true" || s == "1" || s == "on") {
@@ -589,6 +565,32 @@ std::string cmdCounter(SimWorld& w, const Args& a) {
 }
 
 }  // namespace
+
+// MARK: - Shared helpers
+
+std::string reasonsText(const std::vector<std::string>& reasons) {
+  if (reasons.empty()) return "none";
+  std::string out;
+  for (const auto& r : reasons) {
+    if (!out.empty()) out += " ";
+    out += quoted(r);
+  }
+  return out;
+}
+
+bool parseDouble(const std::string& s, double& out) {
+  if (s.empty()) return false;
+  char* end = nullptr;
+  out = std::strtod(s.c_str(), &end);
+  return end == s.c_str() + s.size() && std::isfinite(out);
+}
+
+bool parsePid(const std::string& s, std::int32_t& out) {
+  double v = 0;
+  if (!parseDouble(s, v) || v != std::trunc(v) || v < 0 || v > 2147483647.0) return false;
+  out = static_cast<std::int32_t>(v);
+  return true;
+}
 
 // MARK: - Recorders
 

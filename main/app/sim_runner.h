@@ -12,6 +12,7 @@
 #include "settings/tunables.h"
 #include "stats/counters.h"
 
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -209,6 +210,13 @@ void addGuardCommands(CommandTable& table);
 void addCarefulCommands(CommandTable& table);
 /// Every command the runner knows. Each area adds its own `add…Commands` here.
 [[nodiscard]] CommandTable buildCommandTable();
+
+/// A finite number written out in full ("2.5", "1e3"); false for anything else.
+[[nodiscard]] bool parseDouble(const std::string& s, double& out);
+/// A whole number from 0 to 2147483647.
+[[nodiscard]] bool parsePid(const std::string& s, std::int32_t& out);
+/// Transcript form of a list of reasons: each quoted, separated by spaces; "none" when empty.
+[[nodiscard]] std::string reasonsText(const std::vector<std::string>& reasons);
 
 /// Splits a scenario line into words: white space separates, "…" quotes (\" and \\ escape inside),
 /// '#' outside quotes starts a comment. `starts`, when given, receives where each word begins.
