@@ -48,25 +48,29 @@ std::optional<std::int64_t> parseInteger(std::string_view text) {
   return value;
 }
 
+/// The words of `text`, split at spaces and newlines.
+std::vector<std::string_view> words(std::string_view text) {
+  std::vector<std::string_view> out;
+  while (!text.empty()) {
+    const auto start = text.find_first_not_of(" \n");
+    if (start == std::string_view::npos) break;
+    text.remove_prefix(start);
+    const auto end = text.find_first_of(" \n");
+    out.push_back(text.substr(0, end));
+    if (end == std::string_view::npos) break;
+    text.remove_prefix(end);
+  }
+  return out;
+}
+
 /// The fields of `/proc/<pid>/stat` after the command name, split at spaces: index 0 is the
 /// state, 1 the ppid, 11 utime, 12 stime.
 /// NOTE: the command name is in parentheses and may itself hold spaces and parentheses
 /// ("(a) (b)"), so the fields start after the last ')', never at a fixed space count.
 std::vector<std::string_view> statFields(std::string_view stat) {
-  std::vector<std::string_view> fields;
   const auto close = stat.rfind(')');
-  if (close == std::string_view::npos) return fields;
-  std::string_view rest = stat.substr(close + 1);
-  while (!rest.empty()) {
-    const auto start = rest.find_first_not_of(" \n");
-    if (start == std::string_view::npos) break;
-    rest.remove_prefix(start);
-    const auto end = rest.find_first_of(" \n");
-    fields.push_back(rest.substr(0, end));
-    if (end == std::string_view::npos) break;
-    rest.remove_prefix(end);
-  }
-  return fields;
+  if (close == std::string_view::npos) return {};
+  return words(stat.substr(close + 1));
 }
 
 std::string baseName(std::string_view path) {
@@ -147,19 +151,12 @@ std::optional<std::vector<std::int32_t>> ProcProcessInfo::childrenFromTasks(std:
         readFile(root_ + "/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/children");
     if (!text) continue;
     anyFile = true;
-    std::string_view rest(*text);
-    while (!rest.empty()) {
-      const auto start = rest.find_first_not_of(" \n");
-      if (start == std::string_view::npos) break;
-      rest.remove_prefix(start);
-      const auto end = rest.find_first_of(" \n");
-      const auto child = parseInteger(rest.substr(0, end));
+    for (const auto word : words(*text)) {
+      const auto child = parseInteger(word);
       if (child && *child > 0 && *child <= INT32_MAX &&
           seen.insert(static_cast<std::int32_t>(*child)).second) {
         children.push_back(static_cast<std::int32_t>(*child));
       }
-      if (end == std::string_view::npos) break;
-      rest.remove_prefix(end);
     }
   }
   if (!anyFile) return std::nullopt;
