@@ -7,6 +7,7 @@
 #include "guard/basic_hold_policy.h"
 #include "guard/guard.h"
 #include "guard/no_undo.h"
+#include "linux/temp_dir.h"
 #include "platform/linux/sqlite_defaults_store.h"
 #include "platform/sim/sim_platform.h"
 #include "settings/preferences.h"
@@ -14,11 +15,9 @@
 #include "stats/counters.h"
 
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,11 +36,6 @@ class NullHud final : public guard::HudDisplay {
   void hideNow() override {}
 };
 
-std::string makeTempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "tarry-guard-bench-XXXXXX").string();
-  return ::mkdtemp(pattern.data()) != nullptr ? pattern : std::string("/tmp");
-}
-
 /// The guard with everything it needs; the store is the SQLite one, in a fresh directory.
 struct Rig {
   Rig() {
@@ -50,14 +44,10 @@ struct Rig {
     sim.loop.setHoldBackground(true);
     (void)guard.installTap();
   }
-  ~Rig() {
-    store.flush();
-    std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
-  }
 
-  std::string dir = makeTempDir();
-  platform::os::SqliteDefaultsStore store{dir + "/defaults.sqlite3"};
+  /// NOTE: first, so that it is removed after the store has closed its file.
+  tarry::testing::TempDir dir;
+  platform::os::SqliteDefaultsStore store{dir / "defaults.sqlite3"};
   platform::sim::SimPlatform sim;
   settings::Preferences prefs{store};
   settings::Tunables tunables;

@@ -3,15 +3,15 @@
 // ever waits while the writer thread commits.
 #include "platform/linux/sqlite_defaults_store.h"
 
+#include "linux/temp_dir.h"
+
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,25 +20,8 @@ namespace {
 
 using tarry::platform::Value;
 using tarry::platform::os::SqliteDefaultsStore;
+using tarry::testing::TempDir;
 using Clock = std::chrono::steady_clock;
-
-class TempDir final {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tarry-bench-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data()) != nullptr ? pattern : std::string("/tmp");
-  }
-  ~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  [[nodiscard]] std::string file() const { return path_ + "/defaults.sqlite3"; }
-
- private:
-  std::string path_;
-};
 
 // Another process's view of the file.
 class Reader final {
@@ -121,7 +104,7 @@ std::vector<std::string> populate(SqliteDefaultsStore& store) {
 
 void BM_StoreGet(benchmark::State& state) {
   TempDir dir;
-  SqliteDefaultsStore store(dir.file());
+  SqliteDefaultsStore store(dir / "defaults.sqlite3");
   const auto keys = populate(store);
   std::vector<double> samples;
   samples.reserve(static_cast<std::size_t>(state.max_iterations));
@@ -139,7 +122,7 @@ BENCHMARK(BM_StoreGet)->Iterations(200000);
 
 void BM_StoreSet(benchmark::State& state) {
   TempDir dir;
-  SqliteDefaultsStore store(dir.file());
+  SqliteDefaultsStore store(dir / "defaults.sqlite3");
   const auto keys = populate(store);
   std::vector<double> samples;
   samples.reserve(static_cast<std::size_t>(state.max_iterations));
@@ -168,8 +151,8 @@ void BM_CounterBurstVisible(benchmark::State& state) {
   std::vector<double> burst;
   for (auto _ : state) {
     TempDir dir;
-    SqliteDefaultsStore store(dir.file());
-    Reader reader(dir.file());
+    SqliteDefaultsStore store(dir / "defaults.sqlite3");
+    Reader reader(dir / "defaults.sqlite3");
     const auto start = Clock::now();
     for (int i = 0; i < kAdds; ++i) {
       const std::size_t n = static_cast<std::size_t>(i) % names.size() * 3;
@@ -211,8 +194,8 @@ void BM_SetWhileCommitting(benchmark::State& state) {
   for (int i = 0; i < kKeys; ++i) keys.push_back("appset.bench." + std::to_string(i));
   for (auto _ : state) {
     TempDir dir;
-    SqliteDefaultsStore store(dir.file());
-    Reader reader(dir.file());
+    SqliteDefaultsStore store(dir / "defaults.sqlite3");
+    Reader reader(dir / "defaults.sqlite3");
     for (const auto& key : keys) store.set(key, std::string(512, 'a'));
     store.flush();
     // What the caller would wait for if it committed itself.
