@@ -1,5 +1,5 @@
 // Cost of the guard's tap callback, which runs for every key press of the session: a key that is
-// not guarded, and a guarded ⌘Q that starts a hold with its counter adds. The preferences live in
+// not guarded, and a guarded Ctrl+Q that starts a hold with its counter adds. The preferences live in
 // the real SQLite store; the clock, workspace and tap are simulated so that only the guard's own work
 // (and the store's) is measured. Background checks are held, as they would run on another thread.
 #include "diagnostics/basic_app_telemetry.h"
@@ -83,7 +83,7 @@ void reportPercentiles(benchmark::State& state, std::vector<double>& seconds) {
   state.counters["max_us"] = seconds.back() * 1e6;
 }
 
-/// A plain key (⌘A here, which is neither guarded nor the undo hot key) goes straight through.
+/// A plain key (Ctrl+A here, which is neither guarded nor the undo hot key) goes straight through.
 void BM_TapCallbackUnguardedKey(benchmark::State& state) {
   Rig rig;
   const auto event = keyDown(0, platform::kFlagCommand, u"a");
@@ -100,7 +100,7 @@ void BM_TapCallbackUnguardedKey(benchmark::State& state) {
 }
 BENCHMARK(BM_TapCallbackUnguardedKey);
 
-/// ⌘Q over Safari: classification, the preference reads, six counter writes, the hold start and its
+/// Ctrl+Q over Safari: classification, the preference reads, six counter writes, the hold start and its
 /// ticker. Only the key-down is timed; the key-up that cancels the hold between presses is not.
 void BM_TapCallbackGuardedQuitStartsHold(benchmark::State& state) {
   Rig rig;

@@ -1,5 +1,6 @@
 #include "app/hud_demo.h"
 
+#include "guard/combo.h"
 #include "guard/hud.h"
 #include "platform/qt/qt_hud_panel.h"
 #include "platform/qt/qt_main_loop.h"
@@ -53,7 +54,7 @@ int runHudDemo(int argc, char** argv) {
   guard::HUD hud(panel, screens, loop, tunables);
 
   constexpr double kHoldSeconds = 3.0;
-  hud.show("Hold ⌘Q to quit Demo", platform::Icon{"app.fill", 0, 0, nullptr}, kHoldSeconds);
+  hud.show("Hold " + std::string(guard::keysText(guard::Shortcut::quit)) + " to quit Demo", platform::Icon{"app.fill", 0, 0, nullptr}, kHoldSeconds);
   const double shownAt = loop.uptime();
   const platform::Scheduled ticker =
       loop.every(1.0 / 60, [&] { hud.update(loop.uptime() - shownAt, kHoldSeconds); });

@@ -2,7 +2,7 @@
 
 namespace tarry::app {
 
-/// `tarry --hud-demo`: shows the HUD's hold layout for a three-second hold of ⌘Q on an app named
+/// `tarry --hud-demo`: shows the HUD's hold layout for a three-second hold of Ctrl+Q on an app named
 /// Demo and lets it run; the meter stops at its cap. Returns the loop's exit status, or 1 when
 /// there is no display to show it on.
 int runHudDemo(int argc, char** argv);

@@ -398,7 +398,7 @@ void Guard::finishHold() {
   deps_.counters.add("complete." + std::string(word(c)));
   deps_.counters.add("completeMs", wholeMs(holdDuration));
   if (c == Combo::close) {
-    // The window to close belongs to the app the hold began on; never send ⌘W to another app.
+    // The window to close belongs to the app the hold began on; never send Ctrl+W to another app.
     const auto front = deps_.workspace.frontmostApplication();
     if (!front || front->pid != app->pid) return;
   }

@@ -69,8 +69,8 @@ struct GuardState {
   bool hasHoldSnap = false;
 };
 
-/// The key guard: sees every key press of the session through the event tap, swallows ⌘Q, ⌘W and
-/// ⌘⇧Q, and lets the action through only after a completed hold or a second press.
+/// The key guard: sees every key press of the session through the event tap, swallows Ctrl+Q, Ctrl+W and
+/// Ctrl+Shift+Q, and lets the action through only after a completed hold or a second press.
 /// NOTE: main thread only. Timers, work items and background checks hold the guard weakly, so
 /// nothing runs on a destroyed guard; background results are matched to their hold by `holdSerial`.
 class Guard final {

@@ -40,7 +40,7 @@ struct RunningApp {
 /// Fixed identifier sets that the logic keeps with their original identifiers; the backend adds
 /// the equivalents of its own desktop.
 enum class IdentifierSet {
-  dock,              // the desktop/panel shell, where ⌘Q is swallowed silently
+  dock,              // the desktop/panel shell, where Ctrl+Q is swallowed silently
   neverTerminate,    // file managers that must never be quit
   terminals,         // terminal emulators
   sessionRestorers,  // apps that restore their own windows on relaunch

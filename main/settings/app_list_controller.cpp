@@ -1,5 +1,7 @@
 #include "settings/app_list_controller.h"
 
+#include "guard/combo.h"
+
 #include <algorithm>
 
 namespace tarry::settings {
@@ -31,7 +33,7 @@ AppListController::AppListController(std::unique_ptr<platform::AppListView> view
       desktopEntries_(desktopEntries) {
   platform::AppListTexts texts;
   texts.title = "Tarry App Rules";
-  texts.subtitle = "Choose how ⌘Q works for each app.";
+  texts.subtitle = "Choose how " + std::string(guard::keysText(guard::Shortcut::quit)) + " works for each app.";
   texts.protectLabel = "Protect:";
   if (this->extras) texts.protectItems = {"All apps", "Only apps in this list"};
   for (const Choice& choice : choices) texts.ruleTitles.push_back(choice.title);

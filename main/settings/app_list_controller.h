@@ -14,7 +14,7 @@
 
 namespace tarry::settings {
 
-/// Presents the App Rules window: one row per app with its ⌘Q rule and RAM Saver idle limit, the
+/// Presents the App Rules window: one row per app with its Ctrl+Q rule and RAM Saver idle limit, the
 /// protect switch, and adding an app by its `.desktop` file. Every change is stored at once.
 ///
 /// Listed apps: those with a rule, those with an idle limit, and the running regular apps other

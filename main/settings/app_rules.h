@@ -10,7 +10,7 @@
 
 namespace tarry::settings {
 
-/// A ⌘Q rule: the word stored in `appModes` and the title the window shows for it.
+/// A Ctrl+Q rule: the word stored in `appModes` and the title the window shows for it.
 struct Choice {
   std::string raw;
   std::string title;
@@ -31,7 +31,7 @@ inline constexpr const char* addedRule = "never";
 /// NOTE: kept exactly; RAM Saver tests for this value.
 inline constexpr double neverCloseHours = -1;
 
-/// The ⌘Q rules, in the order the window offers them; the default comes first.
+/// The Ctrl+Q rules, in the order the window offers them; the default comes first.
 [[nodiscard]] const std::vector<Choice>& ruleChoices();
 /// The idle limits, in the order the window offers them; "Default" comes first.
 [[nodiscard]] const std::vector<IdleChoice>& idleChoiceTable();

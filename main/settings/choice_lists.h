@@ -14,13 +14,12 @@ struct PopUpChoice {
 };
 
 // The pop-ups of the Settings window. `style` and `appearance` store the selected index itself.
-inline constexpr std::array<std::string_view, 2> kStyleTitles = {"Hold ⌘Q", "Press ⌘Q twice"};
 inline constexpr std::array<std::string_view, 3> kAppearanceTitles = {"Light", "Dark", "Match system"};
 
-/// ⌘W hold, seconds.
+/// Ctrl+W hold, seconds.
 inline constexpr std::array<PopUpChoice, 4> kCloseHoldChoices = {
     {{"Off", 0}, {"1 second", 1}, {"2 seconds", 2}, {"3 seconds", 3}}};
-/// ⌘⇧Q hold, seconds.
+/// Ctrl+Shift+Q hold, seconds.
 inline constexpr std::array<PopUpChoice, 4> kLogoutHoldChoices = {
     {{"Off", 0}, {"2 seconds", 2}, {"3 seconds", 3}, {"5 seconds", 5}}};
 /// Global RAM Saver idle threshold, hours.
@@ -32,6 +31,9 @@ inline constexpr std::array<PopUpChoice, 6> kRamSaverChoices = {{{"Off", 0},
                                                                  {"After 8 hours idle", 8}}};
 
 inline constexpr int kHourCount = 24;
+
+/// Titles of the `style` pop-up: "Hold Ctrl+Q", "Press Ctrl+Q twice".
+[[nodiscard]] std::array<std::string, 2> styleTitles();
 
 /// Title of the work-hours entry for `hour`: "09:00".
 [[nodiscard]] std::string hourTitle(int hour);

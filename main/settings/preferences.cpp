@@ -19,7 +19,7 @@ std::optional<double> number(const platform::DefaultsStore& store, const char* k
   return std::nullopt;
 }
 
-/// A hold time as the ⌘Q hold is kept: to the nearest half second within 0.5 … 7.0; 2.0 for a value
+/// A hold time as the Ctrl+Q hold is kept: to the nearest half second within 0.5 … 7.0; 2.0 for a value
 /// that is not a number.
 double halfSeconds(double v) { return std::isfinite(v) ? std::clamp(std::round(2 * v) / 2, 0.5, 7.0) : 2.0; }
 

@@ -35,18 +35,18 @@ class Preferences final {
   [[nodiscard]] bool onlyListedApps() const { return flagDefaultFalse("onlyListedApps"); }
   [[nodiscard]] bool loginDefaultDone() const { return flagDefaultFalse("loginDefaultDone"); }
 
-  /// ⌘Q hold time: round(2v)/2 clamped to 0.5 … 7.0; 2.0 when absent or not a number.
+  /// Ctrl+Q hold time: round(2v)/2 clamped to 0.5 … 7.0; 2.0 when absent or not a number.
   [[nodiscard]] double holdSeconds() const;
-  /// Stores a ⌘Q hold time under the same rounding and clamp (2.0 for a value that is not a number).
+  /// Stores a Ctrl+Q hold time under the same rounding and clamp (2.0 for a value that is not a number).
   void setHoldSeconds(double seconds);
-  /// True when `style` > 0 (press ⌘Q twice).
+  /// True when `style` > 0 (press Ctrl+Q twice).
   [[nodiscard]] bool pressTwice() const;
   /// `appearance` clamped to 0 … 2.
   [[nodiscard]] int appearance() const;
   /// Hours clamped to 0 … 23; 9 and 17 when absent.
   [[nodiscard]] int workFrom() const;
   [[nodiscard]] int workTo() const;
-  /// ⌘W and ⌘⇧Q hold times in seconds (0 = not guarded).
+  /// Ctrl+W and Ctrl+Shift+Q hold times in seconds (0 = not guarded).
   [[nodiscard]] double closeHold() const;
   [[nodiscard]] double logoutHold() const;
   /// One of 0, 0.5, 1, 2, 4, 8; anything else reads as 0.
@@ -57,7 +57,7 @@ class Preferences final {
   [[nodiscard]] long long lastAnnounceId() const;
   void setLastAnnounceId(long long id) { setInteger("lastAnnounceId", id); }
 
-  /// Per-app ⌘Q rules (bundle identifier → rule word); entries whose value is not a string are
+  /// Per-app Ctrl+Q rules (bundle identifier → rule word); entries whose value is not a string are
   /// dropped.
   [[nodiscard]] std::map<std::string, std::string> appModes() const;
   void setAppModes(const std::map<std::string, std::string>& modes);

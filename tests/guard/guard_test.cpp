@@ -112,7 +112,7 @@ TEST(GuardClassify, FollowsTheLayoutsCharacterAndFallsBackToTheKeyCode) {
     std::u16string text;
     std::optional<Combo> want;
   };
-  // The plain combinations, ⌘⇧W, ⌃⌘Q, ⌥⌘Q and no Command are in not_guarded.scn and the others.
+  // The plain combinations, Ctrl+Shift+W, Super+Ctrl+Q, Ctrl+Alt+Q and no Command are in not_guarded.scn and the others.
   const std::vector<Case> cases = {
       {12, kCmd, u"a", std::nullopt},                           // AZERTY: the Q key types a
       {0, kCmd, u"q", Combo::quit},                             // AZERTY: the A key types q
@@ -156,7 +156,7 @@ TEST_F(GuardTest, PressTwiceNeedsTheSameCombinationAndApp) {
   down();
   up();
   p.loop.advance(0.3);
-  // ⌘W on the same app is a different first press: the pending ⌘Q counts as blocked.
+  // Ctrl+W on the same app is a different first press: the pending Ctrl+Q counts as blocked.
   EXPECT_EQ(down(platform::kKeyW, kCmd, u"w"), TapVerdict::swallow);
   EXPECT_EQ(all("saved"), 1);
   EXPECT_EQ(all("twice.first"), 2);

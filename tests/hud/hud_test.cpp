@@ -42,7 +42,7 @@ struct Reading {
 };
 
 TEST_F(HudTest, UpdateTruncatesThePercentageCapsAtNinetyNineAndPicksTheColour) {
-  hud.show("Hold ⌘Q to quit Safari", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Safari", appIcon, 2.0);
   const std::vector<Reading> readings = {
       {1.2, 2.0, "60%", kSystemYellow, "1.2 s of 2.0 s"},
       {2.5, 2.0, "99%", kSystemRed, "2.0 s of 2.0 s"},
@@ -88,7 +88,7 @@ TEST_F(HudTest, TheSmallestProgressIsARoundDotNotASliver) {
 }
 
 TEST_F(HudTest, ReasonsReplaceTheTitleOnUpToTwoLines) {
-  hud.show("Hold ⌘Q to quit Terminal", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Terminal", appIcon, 2.0);
   EXPECT_EQ(shown().label.maxLines, 1);
   EXPECT_EQ(shown().label.lineBreak, platform::LineBreak::truncateTail);
 
@@ -100,8 +100,8 @@ TEST_F(HudTest, ReasonsReplaceTheTitleOnUpToTwoLines) {
   EXPECT_EQ(shown().label.lineBreak, platform::LineBreak::wordWrap);
 
   // The next hold brings the one-line title back.
-  hud.show("Hold ⌘Q to quit Safari", appIcon, 2.0);
-  EXPECT_EQ(shown().label.text, "Hold ⌘Q to quit Safari");
+  hud.show("Hold Ctrl+Q to quit Safari", appIcon, 2.0);
+  EXPECT_EQ(shown().label.text, "Hold Ctrl+Q to quit Safari");
   EXPECT_EQ(shown().label.frame, (Rect{76, 62, 238, 20}));
 }
 
@@ -132,9 +132,9 @@ TEST_F(HudTest, FlashFadesInToFullOpacityAndHidesAfterItsSecondsAndTheFade) {
 
 TEST_F(HudTest, ShowDuringAMessageKeepsTheHoldVisible) {
   // Within the message's time: its fade-out must never run.
-  hud.flash("Press ⌘Q again to quit Safari", appIcon, 1.6);
+  hud.flash("Press Ctrl+Q again to quit Safari", appIcon, 1.6);
   loop.advance(0.5);
-  hud.show("Hold ⌘Q to quit Safari", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Safari", appIcon, 2.0);
   loop.advance(10);
   EXPECT_TRUE(panel.visible);
   EXPECT_DOUBLE_EQ(panel.alpha(), tunables.real(T::hudShowAlpha));
@@ -142,10 +142,10 @@ TEST_F(HudTest, ShowDuringAMessageKeepsTheHoldVisible) {
 
   // Already fading out: the hold stops the fade, and the fade's end must not hide the hold.
   hud.hideNow();
-  hud.flash("Quit Safari. ⌥⌘Z to undo.", appIcon, 1.0);
+  hud.flash("Quit Safari. Ctrl+Alt+Z to undo.", appIcon, 1.0);
   loop.advance(1.1);
   ASSERT_TRUE(panel.animating());
-  hud.show("Hold ⌘Q to quit Mail", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Mail", appIcon, 2.0);
   loop.advance(10);
   EXPECT_TRUE(panel.visible);
   EXPECT_DOUBLE_EQ(panel.alpha(), tunables.real(T::hudShowAlpha));
@@ -156,7 +156,7 @@ TEST_F(HudTest, HideNowCancelsThePendingFadeOut) {
   hud.flash("Paused", appIcon, 1.0);
   hud.hideNow();
   EXPECT_FALSE(panel.visible);
-  hud.show("Hold ⌘Q to quit Safari", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Safari", appIcon, 2.0);
   loop.advance(5);
   EXPECT_TRUE(panel.visible);
   EXPECT_EQ(panel.outCount, 1);
@@ -166,7 +166,7 @@ TEST_F(HudTest, OpensOnTheScreenUnderThePointer) {
   tunables.setNumber(T::hudVerticalOffset, 40);
   screens.frames = {Rect{0, 0, 1920, 1080}, Rect{1920, -200, 1280, 1024}};
   screens.pointer = {2500, 300};
-  hud.show("Hold ⌘Q to quit Safari", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Safari", appIcon, 2.0);
   ASSERT_TRUE(panel.origin.has_value());
   EXPECT_EQ(*panel.origin, (platform::Point{1920 + 640 - 165, -200 + 512 - 48 + 40}));
 
@@ -180,7 +180,7 @@ TEST_F(HudTest, OpensOnTheScreenUnderThePointer) {
   screens.frames.clear();
   screens.main.reset();
   const int fronts = panel.frontCount;
-  hud.show("Hold ⌘Q to quit Safari", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Safari", appIcon, 2.0);
   EXPECT_EQ(*panel.origin, (platform::Point{960 - 165, 540 - 48 + 40}));
   EXPECT_EQ(panel.frontCount, fronts + 1);
 }

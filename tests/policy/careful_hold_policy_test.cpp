@@ -77,7 +77,7 @@ TEST_F(CarefulHoldPolicyTest, HoldTimesApplyRuleCarefulFactorAndClamps) {
   tunables.setNumber(T::maxHoldSec, 20);
   EXPECT_DOUBLE_EQ(policy.holdDuration(Combo::quit, "long").seconds, 20.0);
 
-  // The rule word is for ⌘Q only; careful mode is for all three.
+  // The rule word is for Ctrl+Q only; careful mode is for all three.
   prefs.setDouble("logoutHold", 5.0);
   EXPECT_DOUBLE_EQ(policy.holdDuration(Combo::logout, "long").seconds, 7.5);
   EXPECT_FALSE(policy.isGuarded(Combo::close));

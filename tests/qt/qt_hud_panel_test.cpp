@@ -81,7 +81,7 @@ class QtHudPanelTest : public ::testing::Test {
 };
 
 TEST_F(QtHudPanelTest, TheMeterIsFilledInItsColourAndTheSmallestProgressIsADot) {
-  hud.show("Hold ⌘Q to quit Demo", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Demo", appIcon, 2.0);
   hud.update(1.2, 2.0);  // 60 %: yellow, filled to x = 76 + 142.8
   QImage image = content();
   EXPECT_TRUE(near(at(image, 76 + 100, 49), toQColor(guard::kSystemYellow))) << describe(at(image, 176, 49));
@@ -99,7 +99,7 @@ TEST_F(QtHudPanelTest, TheMeterIsFilledInItsColourAndTheSmallestProgressIsADot) 
 }
 
 TEST_F(QtHudPanelTest, ThePercentageIsDrawnAsItsTextInTheMeterColour) {
-  hud.show("Hold ⌘Q to quit Demo", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Demo", appIcon, 2.0);
   hud.update(2.5, 2.0);
   ASSERT_EQ(hud.layout().pctLabel.text, "99%");
   const QImage image = content();
@@ -145,7 +145,7 @@ TEST_F(QtHudPanelTest, ThePercentageIsDrawnAsItsTextInTheMeterColour) {
 
 TEST_F(QtHudPanelTest, AMessageShowsTwoLinesAndNoMeter) {
   tunables.setNumber(T::hudFadeInSec, 0.02);
-  hud.flash("Press ⌘Q again to quit Safari Technology Preview and all of its windows", appIcon, 1.6);
+  hud.flash("Press Ctrl+Q again to quit Safari Technology Preview and all of its windows", appIcon, 1.6);
   ASSERT_TRUE(spinUntil([&] { return panel.alpha() == 1.0; }));
   const QImage image = content();
   save(panel.snapshot(), "hud_message.png");
@@ -198,7 +198,7 @@ TEST_F(QtHudPanelTest, ItOpensCentredOnThePointersScreenInQtsDownwardCoordinates
 
   tunables.setNumber(T::hudVerticalOffset, 40);  // up by 40 points
   HUD placed(panel, qtScreens, loop, tunables);
-  placed.show("Hold ⌘Q to quit Demo", appIcon, 2.0);
+  placed.show("Hold Ctrl+Q to quit Demo", appIcon, 2.0);
   const QPoint topLeft = panel.window()->geometry().topLeft() + panel.contentRect().topLeft();
   EXPECT_EQ(topLeft, QPoint(geometry.width() / 2 - 165, geometry.height() / 2 - 48 - 40));
   EXPECT_TRUE(panel.window()->isVisible());
@@ -219,7 +219,7 @@ TEST_F(QtHudPanelTest, AStoppedFadeNeverRunsItsCompletion) {
 
 TEST_F(QtHudPanelTest, WithoutACompositorTheCornersAreCutAndTheBackdropIsOpaque) {
   panel.setCompositingOverride(false);
-  hud.show("Hold ⌘Q to quit Demo", appIcon, 2.0);
+  hud.show("Hold Ctrl+Q to quit Demo", appIcon, 2.0);
   EXPECT_EQ(panel.contentRect(), QRect(0, 0, 330, 96));
   EXPECT_EQ(panel.window()->size(), QSize(330, 96));
   EXPECT_FALSE(panel.window()->mask().isEmpty());

@@ -89,7 +89,7 @@ TEST_F(QtAppListWindowTest, ShowsTheRowsAndStoresEveryChoiceAtOnce) {
   EXPECT_EQ(window->windowTitle(), QStringLiteral("Tarry App Rules"));
   bool subtitle = false;
   for (const QLabel* label : window->findChildren<QLabel*>()) {
-    subtitle = subtitle || label->text() == QStringLiteral("Choose how ⌘Q works for each app.");
+    subtitle = subtitle || label->text() == QStringLiteral("Choose how Ctrl+Q works for each app.");
   }
   EXPECT_TRUE(subtitle);
   auto* mail = window->findChild<QComboBox*>(QStringLiteral("org.example.Mail"));
