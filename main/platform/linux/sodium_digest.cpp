@@ -53,9 +53,8 @@ std::string SodiumDigest::sha256Hex(std::string_view data) const {
 std::string SodiumDigest::sha256FileHex(const std::string& path) const {
   crypto_hash_sha256_state state;
   crypto_hash_sha256_init(&state);
-  const bool read = eachChunk(path, [&](const unsigned char* p, std::size_t n) {
-    crypto_hash_sha256_update(&state, p, n);
-  });
+  const bool read = eachChunk(
+      path, [&](const unsigned char* p, std::size_t n) { crypto_hash_sha256_update(&state, p, n); });
   if (!read) return {};
   std::array<unsigned char, crypto_hash_sha256_BYTES> out{};
   crypto_hash_sha256_final(&state, out.data());
@@ -67,9 +66,8 @@ bool SodiumDigest::verifyEd25519File(const std::string& path, std::string_view s
   if (signature.size() != crypto_sign_BYTES || publicKey.size() != crypto_sign_PUBLICKEYBYTES) return false;
   crypto_sign_state state;
   crypto_sign_init(&state);
-  const bool read = eachChunk(path, [&](const unsigned char* p, std::size_t n) {
-    crypto_sign_update(&state, p, n);
-  });
+  const bool read =
+      eachChunk(path, [&](const unsigned char* p, std::size_t n) { crypto_sign_update(&state, p, n); });
   if (!read) return false;
   // crypto_sign_final_verify takes a non-const signature pointer but does not write through it.
   std::array<unsigned char, crypto_sign_BYTES> sig{};
