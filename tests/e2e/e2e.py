@@ -8,6 +8,7 @@
 import argparse
 import json
 import os
+import signal
 import subprocess
 import sys
 import time
@@ -186,6 +187,39 @@ def stalled_main_thread_frees_the_keyboard(h):
     h.key("ctrl+q")
     wait_for("the next quit to be blocked", lambda: h.counter("saved") >= 1)
     check(len(client.presses(KEY_Q)) == 1, "Ctrl+Q passed after the tap came back")
+
+
+@case
+def stopped_program_never_holds_the_keyboard(h):
+    client = h.start_client("app", "--keep-running")
+    h.start_tarry()
+    h.keydown("ctrl+q")
+    wait_for("the HUD to show", h.hud_visible, timeout=5)
+    # As under a debugger or in a frozen cgroup: the process runs no code at all, no thread of it.
+    os.kill(h.tarry_proc.pid, signal.SIGSTOP)
+    try:
+        h.keyup("ctrl+q")
+        sent = time.monotonic()
+        h.x("xdotool", "type", "--delay", "20", "ok")
+        typed = wait_for("typing to reach the client while tarry is stopped",
+                         lambda: [p for p in client.presses() if p[3] in ("o", "k")], timeout=5)
+        # NOTE: a safety property (the keyboard belongs to the user while tarry is stopped), not a
+        # speed figure: the margin covers xdotool's start-up on a loaded machine.
+        check(typed[0][0] - sent < 0.5, "the keyboard came back after %.2f s" % (typed[0][0] - sent))
+        wait_for("both letters", lambda: [p[3] for p in client.presses()][-2:] == ["o", "k"])
+        # A new press of the guarded combination while stopped does not take the keyboard either.
+        h.key("ctrl+q")
+        h.x("xdotool", "type", "--delay", "20", "go")
+        wait_for("typing after a press into the stopped program",
+                 lambda: [p[3] for p in client.presses()][-2:] == ["g", "o"], timeout=5)
+    finally:
+        os.kill(h.tarry_proc.pid, signal.SIGCONT)
+    # Back to work: the guard still guards.
+    wait_for("the stopped hold to be counted as blocked", lambda: h.counter("saved") >= 1)
+    before = h.counter("saved")
+    h.key("ctrl+q")
+    wait_for("the next quit to be blocked", lambda: h.counter("saved") > before)
+    check(not client.presses(KEY_Q), "Ctrl+Q reached the client: %s" % client.presses(KEY_Q))
 
 
 def main():
