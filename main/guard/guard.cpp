@@ -52,9 +52,18 @@ std::string actionText(Combo combo, const std::string& appName) {
     case Combo::close:
       return "close this window";
     case Combo::logout:
-      return "log out";
+      // NOTE: on Linux no app logs the session out on this combination; a completed hold sends it
+      // to the focused app, which may close a window or quit (terminals, browsers).
+      return "send it to " + appName;
   }
   return {};
+}
+
+std::string appLabel(const RunningApp& app) {
+  if (app.bundleID.empty())
+    return app.localizedName.empty() ? "process " + std::to_string(app.pid) : app.localizedName;
+  if (app.localizedName.empty() || app.localizedName == app.bundleID) return app.bundleID;
+  return app.localizedName + " (" + app.bundleID + ")";
 }
 
 Guard::Guard(GuardDeps deps) : hud(deps.hud), deps_(deps) {}
@@ -248,6 +257,8 @@ bool Guard::evaluate(Combo c, const KeyEvent& event) {
   if (c == Combo::quit && (neverQuit || rule == "never")) {
     if (!repeat) {
       deps_.counters.add("protected");
+      deps_.log.log(std::string(symbol(c)) + " refused: " + appLabel(app) + " is protected" +
+                    (rule == "never" && !neverQuit ? " by its rule" : ""));
       if (!deps_.tunables.flag(T::protectedBannerPaused)) {
         hud.flash("🔒 " + name + " is protected", app.icon, deps_.tunables.real(T::protectedFlashSec));
       }
@@ -279,8 +290,9 @@ bool Guard::evaluate(Combo c, const KeyEvent& event) {
     perform(c, app, event.keyCode);
     return true;
   }
-  if (pendingPID != 0) noteBlocked(pendingCombo);
+  if (pendingPID != 0) noteBlocked(pendingCombo, pendingApp_ ? &*pendingApp_ : nullptr);
   clearPending();
+  pendingApp_ = app;
   pendingPID = app.pid;
   pendingCombo = c;
   pendingAt = now;
@@ -291,7 +303,7 @@ bool Guard::evaluate(Combo c, const KeyEvent& event) {
   pendingWork = deps_.loop.after(window, [alive, this, c] {
     if (alive.expired() || pendingPID == 0) return;
     pendingPID = 0;
-    noteBlocked(c);
+    noteBlocked(c, pendingApp_ ? &*pendingApp_ : nullptr);
   });
   return true;
 }
@@ -310,13 +322,19 @@ void Guard::beginHold(double duration, Combo c, const RunningApp& app, std::int6
   holdSnap.reset();
 
   deps_.policy.recordAttemptHour(c);
-  if (lastCareful) deps_.counters.add("careful");
+  if (lastCareful) {
+    deps_.counters.add("careful");
+    const std::string reason = deps_.policy.carefulReason();
+    deps_.log.log("careful mode" + (reason.empty() ? std::string() : " (" + reason + ")") + ": " +
+                  std::string(symbol(c)) + " held longer for " + appLabel(app));
+  }
   if (c == Combo::quit && (lastMode == "short" || lastMode == "long")) deps_.counters.add("rule." + lastMode);
 
   activity = deps_.power.begin("Hold to confirm");
 
   if (deps_.prefs.showHUD()) {
-    const std::string name = app.localizedName.empty() ? std::string("app") : app.localizedName;
+    const std::string name =
+        !app.localizedName.empty() ? app.localizedName : (c == Combo::logout ? "this app" : "app");
     hud.show("Hold " + std::string(symbol(c)) + " to " + actionText(c, name), app.icon, duration);
   }
 
@@ -377,8 +395,14 @@ void Guard::extendHold(std::int64_t serial, double multiplier, const std::vector
   const double longer = std::min(multiplier * holdDuration, deps_.tunables.real(T::maxHoldSec));
   holdDuration = longer;
   startTime = now - filled * longer;
+  std::string added;
   for (const auto& reason : reasons) {
-    if (!contains(holdReasons, reason)) holdReasons.push_back(reason);
+    if (contains(holdReasons, reason)) continue;
+    holdReasons.push_back(reason);
+    added += (added.empty() ? "" : ", ") + reason;
+  }
+  if (!added.empty() && targetApp) {
+    deps_.log.log("held longer for " + appLabel(*targetApp) + ": " + added);
   }
   if (deps_.prefs.showHUD()) hud.setReasons(holdReasons);
 }
@@ -417,7 +441,7 @@ void Guard::cancelHold() {
                                  : "cancel.ge2s";
   deps_.counters.add(bucket);
   stopHold();
-  noteBlocked(combo);
+  noteBlocked(combo, targetApp ? &*targetApp : nullptr);
 }
 
 void Guard::stopHold() {
@@ -431,6 +455,7 @@ void Guard::stopHold() {
 void Guard::clearPending() {
   pendingWork.cancel();
   pendingPID = 0;
+  pendingApp_.reset();
 }
 
 // MARK: - Acting
@@ -440,7 +465,7 @@ void Guard::perform(Combo c, const RunningApp& app, std::int64_t keyCode) {
     quitApp(app);
     return;
   }
-  deps_.log.log(std::string(symbol(c)) + " confirmed");
+  deps_.log.log(std::string(symbol(c)) + " confirmed: sent to " + appLabel(app));
   if (deps_.prefs.playSound()) deps_.sound.play("Pop");
   if (keyCode < 0 || keyCode > 65535) return;
   KeyEvent key;
@@ -458,7 +483,7 @@ void Guard::quitApp(const RunningApp& app) {
   deps_.counters.add("quit");
   deps_.telemetry.recordAppSeen(app.bundleID, "quit");
   deps_.counters.add("cat.quit." + deps_.telemetry.category(app));
-  deps_.log.log("quit confirmed");
+  deps_.log.log("quit confirmed: " + appLabel(app));
 
   std::optional<actions::Snap> snap;
   if (deps_.prefs.undoQuit()) {
@@ -475,7 +500,7 @@ void Guard::quitApp(const RunningApp& app) {
   if (snap) deps_.undo.remember(app, std::move(*snap), hud);
 }
 
-void Guard::noteBlocked(Combo c) {
+void Guard::noteBlocked(Combo c, const RunningApp* app) {
   switch (c) {
     case Combo::close:
       deps_.counters.add("wblocked");
@@ -489,7 +514,8 @@ void Guard::noteBlocked(Combo c) {
   deps_.counters.add("saved");
   if (onQuitBlocked) onQuitBlocked();
   const std::int64_t total = deps_.counters.allTime("saved");
-  deps_.log.log("accidental quit blocked total=" + std::to_string(total));
+  deps_.log.log("accidental quit blocked total=" + std::to_string(total) +
+                (app ? ": " + appLabel(*app) : ""));
   const std::int64_t step = deps_.tunables.integer(T::milestoneStep);
   const bool milestone = total == deps_.tunables.integer(T::milestoneFirst) ||
                          total == deps_.tunables.integer(T::milestoneSecond) ||

@@ -105,7 +105,8 @@ class Guard final {
   void clearPending();
   void perform(Combo combo, const platform::RunningApp& app, std::int64_t keyCode);
   void quitApp(const platform::RunningApp& app);
-  void noteBlocked(Combo combo);
+  /// `app` is the app the blocked press was aimed at, when known (for the log).
+  void noteBlocked(Combo combo, const platform::RunningApp* app);
   void extendHold(std::int64_t serial, double multiplier, const std::vector<std::string>& reasons);
 
   void startBackgroundChecks(const platform::RunningApp& app, std::int64_t serial);
@@ -139,13 +140,18 @@ class Guard final {
   std::optional<actions::Snap> holdSnap;
 
   GuardDeps deps_;
+  /// Press-twice mode: the app of the waiting first press (names it in the log when it lapses).
+  std::optional<platform::RunningApp> pendingApp_;
   /// NOTE: there is one guard per process, so this is the once-per-process flag of the tap failure line.
   bool loggedTapFailure_ = false;
   /// Weak references to this token stand for weak references to the guard.
   std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
 
-/// "quit " + name, "close this window", "log out".
+/// "quit " + name, "close this window", "send it to " + name (what Ctrl+Shift+Q does on Linux).
 [[nodiscard]] std::string actionText(Combo combo, const std::string& appName);
+/// How the log names an app: "Mousepad (org.xfce.mousepad)"; the id or the name alone when the
+/// other is missing.
+[[nodiscard]] std::string appLabel(const platform::RunningApp& app);
 
 }  // namespace tarry::guard

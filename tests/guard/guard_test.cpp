@@ -221,7 +221,7 @@ TEST_F(GuardTest, QuitBlockedCallbackRunsBeforeTheTotalIsRead) {
   ASSERT_FALSE(hud.calls.empty());
   EXPECT_EQ(hud.calls.back(), "flash 🛡 50 accidental quits blocked [tarry]");
   EXPECT_NE(p.files.content(*p.defaults.get("logDir")->get_ptr<const std::string*>() + "/events.log")
-                .find("accidental quit blocked total=50\n"),
+                .find("accidental quit blocked total=50: "),
             std::string::npos);
 }
 
