@@ -222,6 +222,48 @@ def stopped_program_never_holds_the_keyboard(h):
     check(not client.presses(KEY_Q), "Ctrl+Q reached the client: %s" % client.presses(KEY_Q))
 
 
+TK_APP = """
+import tkinter
+root = tkinter.Tk()
+root.title("Notes pad")
+tkinter.Label(root, text="notes").pack()
+root.mainloop()
+"""
+
+
+@case
+def apps_lists_ids_and_a_tk_app_gets_its_own(h):
+    h.defaults("write", "appModes", json.dumps({CLIENT_ID: "instant", "notes_pad": "never"}))
+    h.start_client("app")
+    script = os.path.join(h.tmp, "notes_pad.py")
+    with open(script, "w", encoding="utf-8") as f:
+        f.write(TK_APP)
+    tk = h.spawn([sys.executable, script], "notes_pad")
+
+    def tk_window():
+        result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^Notes pad$"], env=h.env,
+                                capture_output=True, text=True, timeout=10)
+        return result.stdout.split()[0] if result.returncode == 0 and result.stdout.strip() else None
+    window = wait_for("the Tk window", tk_window, timeout=10)
+
+    listing = subprocess.run([h.tarry, "apps"], env=h.env, capture_output=True, text=True, timeout=20)
+    check(listing.returncode == 0, "tarry apps failed: %s" % listing.stderr)
+    rows = {line.split()[0]: line for line in listing.stdout.splitlines() if line.strip()}
+    check("notes_pad" in rows, "the Tk app is not listed by its script's name:\n" + listing.stdout)
+    check("never (Never quit)" in rows["notes_pad"], "wrong rule: " + rows["notes_pad"])
+    check(not any(word.startswith("python") for word in rows), "an interpreter names an app:\n" + listing.stdout)
+    check(CLIENT_ID in rows and "Tarry Test Client" in rows[CLIENT_ID] and "instant (Quit instantly)" in rows[CLIENT_ID],
+          "the desktop entry's app is missing or wrong:\n" + listing.stdout)
+
+    # The guard knows the Tk app by the same id: its rule protects it.
+    h.start_tarry()
+    h.activate(int(window))
+    h.key("ctrl+q")
+    wait_for("the refusal to be logged", lambda: "Ctrl+Q refused: notes_pad is protected by its rule" in h.events_log())
+    settle()
+    check(tk.poll() is None, "the protected Tk app ended")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--tarry")
