@@ -64,6 +64,7 @@ class StallingTap final : public platform::EventTap {
   [[nodiscard]] bool listenAccessGranted() override { return inner_.listenAccessGranted(); }
   void requestListenAccess() override { inner_.requestListenAccess(); }
   void post(const platform::KeyEvent& event) override { inner_.post(event); }
+  [[nodiscard]] std::string problem() const override { return inner_.problem(); }
 
  private:
   platform::EventTap& inner_;
@@ -181,12 +182,14 @@ int runDesktop(int argc, char** argv) {
   // Another program may hold one of the combinations; try again now and then, as one would wait
   // for a permission.
   platform::Scheduled retry;
+  // NOTE: the guard logs why it is off or not working (GuardState::problem), once per reason.
   if (guard.installTap()) {
     log.log("keyboard guard on");
+    if (const std::string problem = guard.state().problem; !problem.empty()) {
+      std::fprintf(stderr, "tarry: the keyboard guard does not work: %s\n", problem.c_str());
+    }
   } else {
-    const std::string why = tap->lastError();
-    log.log("keyboard guard off: " + why);
-    std::fprintf(stderr, "tarry: the keyboard guard is off: %s\n", why.c_str());
+    std::fprintf(stderr, "tarry: the keyboard guard is off: %s\n", guard.state().problem.c_str());
     retry = loop.every(kRetryTapSec, [&] {
       if (!guard.installTap()) return;
       log.log("keyboard guard on");

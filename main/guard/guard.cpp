@@ -26,6 +26,9 @@ constexpr std::uint64_t kModifierMask =
 constexpr std::string_view kDock = "com.apple.dock";
 constexpr std::string_view kFinder = "com.apple.finder";
 constexpr const char* kTapFailedMessage = "event tap creation failed (Input Monitoring may be needed)";
+// How often a tap in place is checked for a problem that came up later (a window manager that went
+// away, a lost display).
+constexpr double kProblemCheckSec = 2.0;
 
 bool contains(const std::vector<std::string>& ids, const std::string& id) {
   return std::find(ids.begin(), ids.end(), id) != ids.end();
@@ -77,7 +80,12 @@ Guard::~Guard() {
 
 bool Guard::installTap() {
   if (tap) return true;
-  if (!deps_.events.isTrusted()) return false;
+  if (!deps_.events.isTrusted()) {
+    // Not logged: the permission poll asks again and again; the state tells the menu why.
+    tapError_ = deps_.events.lastError();
+    if (tapError_.empty()) tapError_ = "not allowed to watch the keyboard";
+    return false;
+  }
   std::weak_ptr<char> alive = alive_;
   tap = deps_.events.create([alive, this](const KeyEvent& event) {
     if (alive.expired()) return TapVerdict::pass;
@@ -96,17 +104,46 @@ bool Guard::installTap() {
       askedListen = true;
       deps_.events.requestListenAccess();
     }
+    tapError_ = deps_.events.lastError();
+    if (tapError_.empty()) tapError_ = "the keyboard cannot be watched";
+    checkProblem();
     return false;
   }
   tapFailed = false;
+  tapError_.clear();
   tap->enable();
+  checkProblem();
+  problemCheck_ = deps_.loop.every(kProblemCheckSec, [alive, this] {
+    if (!alive.expired()) checkProblem();
+  });
   return true;
 }
 
 void Guard::removeTap() {
   stopHold();
   clearPending();
+  problemCheck_.cancel();
   tap.reset();
+}
+
+std::string Guard::currentProblem() const {
+  if (!tap) return tapError_;
+  if (std::string p = deps_.events.problem(); !p.empty()) return p;
+  return deps_.workspace.problem();
+}
+
+void Guard::checkProblem() {
+  const std::string problem = currentProblem();
+  const std::string line = problem.empty()
+                               ? std::string()
+                               : (tap ? "keyboard guard not working: " : "keyboard guard off: ") + problem;
+  if (line == loggedProblem_) return;
+  if (!line.empty()) {
+    deps_.log.log(line);
+  } else if (loggedProblem_.starts_with("keyboard guard not working")) {
+    deps_.log.log("keyboard guard working again");
+  }
+  loggedProblem_ = line;
 }
 
 TapVerdict Guard::handleEvent(const KeyEvent& event) {
@@ -540,6 +577,7 @@ GuardState Guard::state() const {
   s.lastMode = lastMode;
   s.holdReasons = holdReasons;
   s.hasHoldSnap = holdSnap.has_value();
+  s.problem = currentProblem();
   return s;
 }
 

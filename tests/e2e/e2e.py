@@ -28,6 +28,12 @@ def case(fn):
     return fn
 
 
+def bare_x_case(fn):
+    """A case that starts on an X server without a window manager."""
+    fn.window_manager = False
+    return case(fn)
+
+
 def check(condition, message):
     if not condition:
         raise Failure(message)
@@ -222,6 +228,36 @@ def stopped_program_never_holds_the_keyboard(h):
     check(not client.presses(KEY_Q), "Ctrl+Q reached the client: %s" % client.presses(KEY_Q))
 
 
+@bare_x_case
+def missing_window_manager_is_reported(h):
+    h.start_tarry()
+    wait_for("the missing window manager to be logged",
+             lambda: "keyboard guard not working: no EWMH window manager is running" in h.events_log())
+    check(h.events_log().count("keyboard guard not working") == 1, "logged more than once:\n" + h.events_log())
+    # Once one runs, the guard says so and guards.
+    h.start_window_manager()
+    wait_for("the guard to work again", lambda: "keyboard guard working again" in h.events_log(), timeout=10)
+    client = h.start_client("app")
+    h.key("ctrl+q")
+    wait_for("the quit to be blocked", lambda: h.counter("saved") == 1)
+    check(client.alive(), "the client ended")
+
+
+@case
+def combination_taken_by_another_program_is_reported(h):
+    # Another client holds Ctrl+Shift+Q (keycode 24 with Control and Shift) before tarry starts.
+    holder = h.start_client("holder", "--grab-key", "24,5")
+    h.tarry_proc = h.spawn([h.tarry], "tarry")
+    wait_for("the refusal to be logged", lambda: "keyboard guard off: another X client already grabs Ctrl+Shift+Q"
+             in h.events_log())
+    check("keyboard guard on" not in h.events_log(), "the guard claims to be on:\n" + h.events_log())
+    check("another X client already grabs Ctrl+Shift+Q" in h.output("tarry"), "not said on stderr")
+    holder.process.terminate()
+    wait_for("the guard to take the keys once they are free", lambda: "keyboard guard on" in h.events_log(),
+             timeout=10)
+    check(h.events_log().count("keyboard guard off") == 1, "logged more than once:\n" + h.events_log())
+
+
 TK_APP = """
 import tkinter
 root = tkinter.Tk()
@@ -277,7 +313,7 @@ def main():
     if args.case not in CASES:
         print("unknown case %r" % args.case, file=sys.stderr)
         return 2
-    h = Harness(args.tarry, args.client)
+    h = Harness(args.tarry, args.client, getattr(CASES[args.case], "window_manager", True))
     try:
         CASES[args.case](h)
     except Failure as failure:

@@ -82,6 +82,11 @@ class X11EventTap::Session final : public std::enable_shared_from_this<Session> 
     std::lock_guard lock(errorMutex_);
     return error_;
   }
+  [[nodiscard]] std::string problem() const {
+    if (connection_ && xcb_connection_has_error(connection_)) return "lost the connection to the X display";
+    std::lock_guard lock(errorMutex_);
+    return grabProblem_;
+  }
 
  private:
   struct Pending {
@@ -152,8 +157,9 @@ class X11EventTap::Session final : public std::enable_shared_from_this<Session> 
   std::atomic<bool> enabled_{false};
   std::atomic<int> rebuilds_{0};
 
-  mutable std::mutex errorMutex_;
+  mutable std::mutex errorMutex_;  // error_, grabProblem_
   std::string error_;
+  std::string grabProblem_;  // the last regrab was refused
 
   // The press waiting for an answer, and the state of the grab it activated.
   std::mutex pendingMutex_;  // pending_, grabActive_, grabKey_, grabId_, stopping_, nextId_
@@ -559,7 +565,12 @@ void X11EventTap::Session::rebuild() {
     if (tapped_) {
       std::vector<KeyGrab> wanted = map->grabs();
       removeGrabs(grabs_);
-      if (!placeGrabs(wanted, error)) setError("keymap change: " + error);
+      const bool placed = placeGrabs(wanted, error);
+      if (!placed) setError("keymap change: " + error);
+      {
+        std::lock_guard errorLock(errorMutex_);
+        grabProblem_ = placed ? std::string() : error;
+      }
       grabs_ = std::move(wanted);
     }
     std::lock_guard keymapLock(keymapMutex_);
@@ -836,6 +847,8 @@ void X11EventTap::post(const KeyEvent& event) {
 std::vector<KeyGrab> X11EventTap::activeGrabs() const { return session_ ? session_->grabs() : std::vector<KeyGrab>{}; }
 
 int X11EventTap::rebuildCount() const { return session_ ? session_->rebuilds() : 0; }
+
+std::string X11EventTap::problem() const { return session_ ? session_->problem() : std::string(); }
 
 X11TapHandle::~X11TapHandle() { session_->stopTap(); }
 

@@ -51,6 +51,8 @@ class X11EventTap final : public EventTap {
   /// Key-downs and key-ups are injected with XTest; a post made inside the tap callback is held
   /// until the press being answered has been let go or swallowed.
   void post(const KeyEvent& event) override;
+  /// The display connection broke, or the grabs made anew after a keymap change were refused.
+  [[nodiscard]] std::string problem() const override;
 
   /// The grabs in place now (empty without a tap); for diagnostics and tests.
   [[nodiscard]] std::vector<KeyGrab> activeGrabs() const;

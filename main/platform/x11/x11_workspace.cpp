@@ -284,6 +284,24 @@ void X11Workspace::watch() {
   }
 }
 
+std::string X11Workspace::problem() const {
+  if (xcb_connection_has_error(display_.connection())) return "lost the connection to the X display";
+  const Atoms& atoms = display_.atoms();
+  // EWMH: the window manager's check window names itself in the same property while it runs.
+  const auto check = display_.cardinals(display_.root(), atoms.netSupportingWmCheck, 1);
+  const auto self =
+      check && !check->empty() ? display_.cardinals((*check)[0], atoms.netSupportingWmCheck, 1) : std::nullopt;
+  if (!self || self->empty() || (*self)[0] != (*check)[0]) {
+    return "no EWMH window manager is running, so the active window is unknown and Ctrl+Q, Ctrl+W and "
+           "Ctrl+Shift+Q pass unguarded";
+  }
+  if (!display_.supported(atoms.netActiveWindow)) {
+    return "the window manager does not announce the active window (_NET_ACTIVE_WINDOW), so Ctrl+Q, Ctrl+W "
+           "and Ctrl+Shift+Q pass unguarded";
+  }
+  return {};
+}
+
 std::optional<RunningApp> X11Workspace::frontmostApplication() {
   xcb_window_t window = 0;
   bool known = false;

@@ -38,6 +38,11 @@ class X11Workspace final : public Workspace {
   [[nodiscard]] std::int32_t ownPid() const override;
   [[nodiscard]] Icon ownIcon() const override { return ownIcon_; }
   [[nodiscard]] std::vector<std::string> identifierEquivalents(IdentifierSet set) const override;
+  /// No EWMH window manager announces itself (`_NET_SUPPORTING_WM_CHECK`) or the active window
+  /// (`_NET_ACTIVE_WINDOW` in `_NET_SUPPORTED`), or the display was lost. NOTE: a few quick
+  /// requests to the server, not from memory: a window manager that went away leaves its root
+  /// properties behind and sends nothing.
+  [[nodiscard]] std::string problem() const override;
 
  private:
   struct Resolved {
