@@ -1,5 +1,7 @@
 #include "app/desktop.h"
 
+#include "app/store_notes.h"
+
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
 #include "guard/careful_hold_policy.h"
@@ -139,12 +141,13 @@ int runDesktop(int argc, char** argv) {
   QApplication::setQuitOnLastWindowClosed(false);
   platform::qt::QtMainLoop loop;
 
-  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(),
-                                          [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
+  StoreNotes storeNotes;
+  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(), storeNotes.callback());
   settings::Preferences prefs(store);
   settings::Tunables tunables;
   platform::os::LinuxFileSystem files;
   diagnostics::Log log(loop, files, store, tunables);
+  const StoreNotes::Attached storeNotesLogged = storeNotes.attach(log);
   stats::Counters counters(store, loop);
   counters.start();
 

@@ -35,8 +35,13 @@ int runDefaults(int argc, char** argv) {
       [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
   // The note above said why; reading or writing a domain that lives only in this process would
   // mislead.
-  if (!store.persistent()) return 1;
+  if (!store.persistent() && !store.readOnly()) return 1;
   const std::vector<std::string> args(argv + 2, argv + argc);
+  if (store.readOnly() && !args.empty() && args[0] != "read") {
+    std::cerr << "tarry defaults: " << tarry::platform::os::SqliteDefaultsStore::defaultPath()
+              << " is read-only; nothing was changed\n";
+    return 1;
+  }
   return tarry::app::runDefaultsCommand(store, args, std::cout, std::cerr);
 }
 

@@ -258,6 +258,76 @@ def combination_taken_by_another_program_is_reported(h):
     check(h.events_log().count("keyboard guard off") == 1, "logged more than once:\n" + h.events_log())
 
 
+def make_read_only(path):
+    """What a user meets with a file they may not write; root passes over modes, not this flag."""
+    if os.geteuid() == 0:
+        subprocess.run(["chattr", "+i", path], check=True)
+    else:
+        os.chmod(path, 0o444)
+
+
+def make_writable(path):
+    if os.geteuid() == 0:
+        subprocess.run(["chattr", "-i", path], check=False)
+    else:
+        os.chmod(path, 0o644)
+
+
+@case
+def read_only_database_is_read(h):
+    h.defaults("write", "appModes", json.dumps({CLIENT_ID: "instant"}))
+    database = os.path.join(h.tmp, "config", "tarry", "defaults.sqlite3")
+    make_read_only(database)
+    try:
+        read = subprocess.run([h.tarry, "defaults", "read", "appModes"], env=h.env, capture_output=True, text=True,
+                              timeout=20)
+        check(read.returncode == 0 and json.loads(read.stdout) == {CLIENT_ID: "instant"},
+              "defaults read failed on a readable database: %d %s" % (read.returncode, read.stderr))
+        write = subprocess.run([h.tarry, "defaults", "write", "holdSeconds", "3"], env=h.env, capture_output=True,
+                               text=True, timeout=20)
+        check(write.returncode == 1 and "read-only" in write.stderr, "write said: %s" % write.stderr)
+        # The program uses the stored values: its log goes to the stored logDir, and the stored
+        # rule lets Ctrl+Q through at once.
+        client = h.start_client("app")
+        h.start_tarry()
+        check("is read-only: using its values, but changes cannot be saved" in h.events_log(),
+              "not logged:\n" + h.events_log())
+        h.key("ctrl+q")
+        wait_for("the instant rule to let Ctrl+Q quit the client", lambda: not client.alive(), timeout=5)
+        check(os.path.exists(database) and not [n for n in os.listdir(os.path.dirname(database)) if "corrupt" in n],
+              "the database was moved aside")
+    finally:
+        make_writable(database)
+
+
+@case
+def events_log_names_apps_and_the_damaged_database(h):
+    database = os.path.join(h.tmp, "config", "tarry", "defaults.sqlite3")
+    with open(database, "wb") as f:
+        f.write(b"this is not a database" * 200)
+    client = h.start_client("app")
+    # The damaged file took logDir with it: the log starts in a new folder under TMPDIR.
+    h.tarry_proc = h.spawn([h.tarry], "tarry", {"TMPDIR": h.tmp})
+
+    def new_log():
+        try:
+            folder = json.loads(h.defaults("read", "logDir"))
+            with open(os.path.join(folder, "events.log"), encoding="utf-8") as f:
+                text = f.read()
+        except (Failure, OSError, ValueError):
+            return None
+        return text if "keyboard guard on" in text else None
+    # Nothing else may open the database first: whoever does moves it aside and reports it.
+    wait_for("tarry to move the damaged database aside",
+             lambda: [n for n in os.listdir(os.path.dirname(database)) if ".corrupt-" in n])
+    text = wait_for("tarry to start with a new log folder", new_log)
+    check("moved it to " + database + ".corrupt-" in text, "the moved-aside database is not logged:\n" + text)
+    h.key("ctrl+q")
+    wait_for("the blocked quit to be logged with the app",
+             lambda: "accidental quit blocked total=1: Tarry Test Client (%s)" % CLIENT_ID in (new_log() or ""))
+    check(client.alive(), "the client ended")
+
+
 TK_APP = """
 import tkinter
 root = tkinter.Tk()
