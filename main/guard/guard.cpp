@@ -372,7 +372,11 @@ void Guard::beginHold(double duration, Combo c, const RunningApp& app, std::int6
   if (deps_.prefs.showHUD()) {
     const std::string name =
         !app.localizedName.empty() ? app.localizedName : (c == Combo::logout ? "this app" : "app");
-    hud.show("Hold " + std::string(symbol(c)) + " to " + actionText(c, name), app.icon, duration);
+    // NOTE: the title has one line of about 28 characters; "Ctrl+Shift+Q" would push the name of
+    // the app it goes to out of sight, and the user is pressing it anyway.
+    hud.show(c == Combo::logout ? "Hold to " + actionText(c, name)
+                                : "Hold " + std::string(symbol(c)) + " to " + actionText(c, name),
+             app.icon, duration);
   }
 
   if (c == Combo::quit) startBackgroundChecks(app, holdSerial);
