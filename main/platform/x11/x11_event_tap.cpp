@@ -593,12 +593,13 @@ void X11EventTap::Session::watchLoop() {
       pendingChanged_.wait_until(lock, pending_.front().deadline);
       continue;
     }
-    // The main loop is stuck: let the press through, and stop diverting keys to a program that
-    // does not answer.
-    const std::uint64_t id = pending_.front().id;
+    // The main loop is stuck: let the presses through (all wait behind the same main loop), and
+    // stop diverting keys to a program that does not answer.
+    std::vector<std::uint64_t> ids;
+    for (const Pending& p : pending_) ids.push_back(p.id);
     enabled_ = false;
     lock.unlock();
-    answer(id, TapVerdict::pass);
+    for (const std::uint64_t id : ids) answer(id, TapVerdict::pass);
     KeyEvent disabled;
     disabled.type = EventType::tapDisabledByTimeout;
     dispatch(disabled, 0, false, false);
