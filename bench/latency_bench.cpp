@@ -2,7 +2,7 @@
 // application. A private Xvfb + openbox runs tarry-test-client; this program presses keys through
 // XTest and reads, from the client's log, when each press arrived (both use CLOCK_MONOTONIC). It
 // measures once without tarry and once with tarry running and the client's rule set to "instant",
-// so every Ctrl+Q goes through tarry's grab, its main loop and the replay, and is let through.
+// so every Ctrl+Q goes through tarry's grab, its main loop and the re-injection, and is let through.
 //
 //   tarry_latency_bench [PRESSES]      (default 300 per kind and run)
 //

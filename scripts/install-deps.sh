@@ -21,6 +21,8 @@ packages=(
   libpulse-dev pulseaudio pulseaudio-utils  # a real daemon with a null sink for the audio tests
   # end-to-end tests on a real X server
   xvfb openbox xdotool x11-xkb-utils x11-utils xauth python3 procps
+  python3-tk  # a Tk app, whose windows all carry the class "Tk"
+  e2fsprogs  # chattr: a read-only preferences database even for root
   fonts-dejavu-core
   # screenshots of the HUD on Xvfb (scripts/hud-screenshot.sh)
   imagemagick xcompmgr

@@ -1,5 +1,7 @@
 #include "app/defaults_command.h"
 
+#include "settings/known_keys.h"
+
 #include <optional>
 #include <string_view>
 
@@ -82,6 +84,11 @@ int runDefaultsCommand(platform::DefaultsStore& store, const std::vector<std::st
           << "A text value needs JSON quotes inside the shell's quotes, e.g.\n"
           << "  tarry defaults write " << key << " '\"text\"'\n";
       return kUsageError;
+    }
+    // The store takes any value (every reader has its default and clamp); a key or type the
+    // program does not read is most likely a typo, worth a word.
+    if (const std::string warning = settings::defaultsWriteWarning(key, *value); !warning.empty()) {
+      err << "tarry defaults: warning: " << warning << '\n';
     }
     store.set(key, std::move(*value));
     store.flush();

@@ -1,5 +1,7 @@
 #include "app/desktop.h"
 
+#include "app/store_notes.h"
+
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
 #include "guard/careful_hold_policy.h"
@@ -64,6 +66,7 @@ class StallingTap final : public platform::EventTap {
   [[nodiscard]] bool listenAccessGranted() override { return inner_.listenAccessGranted(); }
   void requestListenAccess() override { inner_.requestListenAccess(); }
   void post(const platform::KeyEvent& event) override { inner_.post(event); }
+  [[nodiscard]] std::string problem() const override { return inner_.problem(); }
 
  private:
   platform::EventTap& inner_;
@@ -138,12 +141,13 @@ int runDesktop(int argc, char** argv) {
   QApplication::setQuitOnLastWindowClosed(false);
   platform::qt::QtMainLoop loop;
 
-  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(),
-                                          [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
+  StoreNotes storeNotes;
+  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(), storeNotes.callback());
   settings::Preferences prefs(store);
   settings::Tunables tunables;
   platform::os::LinuxFileSystem files;
   diagnostics::Log log(loop, files, store, tunables);
+  const StoreNotes::Attached storeNotesLogged = storeNotes.attach(log);
   stats::Counters counters(store, loop);
   counters.start();
 
@@ -181,12 +185,14 @@ int runDesktop(int argc, char** argv) {
   // Another program may hold one of the combinations; try again now and then, as one would wait
   // for a permission.
   platform::Scheduled retry;
+  // NOTE: the guard logs why it is off or not working (GuardState::problem), once per reason.
   if (guard.installTap()) {
     log.log("keyboard guard on");
+    if (const std::string problem = guard.state().problem; !problem.empty()) {
+      std::fprintf(stderr, "tarry: the keyboard guard does not work: %s\n", problem.c_str());
+    }
   } else {
-    const std::string why = tap->lastError();
-    log.log("keyboard guard off: " + why);
-    std::fprintf(stderr, "tarry: the keyboard guard is off: %s\n", why.c_str());
+    std::fprintf(stderr, "tarry: the keyboard guard is off: %s\n", guard.state().problem.c_str());
     retry = loop.every(kRetryTapSec, [&] {
       if (!guard.installTap()) return;
       log.log("keyboard guard on");

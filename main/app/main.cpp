@@ -1,5 +1,6 @@
 // Process entry: picks what this run of the program is (a command-line tool, a demo, or the
 // desktop program) before anything else starts.
+#include "app/apps_main.h"
 #include "app/defaults_command.h"
 #include "app/desktop.h"
 #include "app/hud_demo.h"
@@ -18,7 +19,8 @@ namespace {
 constexpr const char* kUsage =
     "Usage: tarry [--help] [--version]\n"
     "       tarry --hud-demo | --remote-config-demo\n"
-    "       tarry defaults read [KEY] | write KEY JSON | delete KEY\n";
+    "       tarry defaults read [KEY] | write KEY JSON | delete KEY\n"
+    "       tarry apps            the running apps with their ids and Ctrl+Q rules\n";
 
 bool hasFlag(int argc, char** argv, std::string_view flag) {
   for (int i = 1; i < argc; ++i) {
@@ -33,8 +35,13 @@ int runDefaults(int argc, char** argv) {
       [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
   // The note above said why; reading or writing a domain that lives only in this process would
   // mislead.
-  if (!store.persistent()) return 1;
+  if (!store.persistent() && !store.readOnly()) return 1;
   const std::vector<std::string> args(argv + 2, argv + argc);
+  if (store.readOnly() && !args.empty() && args[0] != "read") {
+    std::cerr << "tarry defaults: " << tarry::platform::os::SqliteDefaultsStore::defaultPath()
+              << " is read-only; nothing was changed\n";
+    return 1;
+  }
   return tarry::app::runDefaultsCommand(store, args, std::cout, std::cerr);
 }
 
@@ -43,6 +50,7 @@ int runDefaults(int argc, char** argv) {
 int main(int argc, char** argv) {
   // Before the flag checks: a value written with `defaults write` may itself look like a flag.
   if (argc >= 2 && std::string_view(argv[1]) == "defaults") return runDefaults(argc, argv);
+  if (argc >= 2 && std::string_view(argv[1]) == "apps") return tarry::app::runApps(argc, argv);
   if (hasFlag(argc, argv, "--help") || hasFlag(argc, argv, "-h")) {
     std::fputs(kUsage, stdout);
     return 0;

@@ -46,6 +46,7 @@ class RecordingCarefulPolicy final : public guard::HoldPolicy {
     return inner_.holdDuration(combo, rule);
   }
   [[nodiscard]] bool isCarefulNow() override { return inner_.isCarefulNow(); }
+  [[nodiscard]] std::string carefulReason() override { return inner_.carefulReason(); }
   [[nodiscard]] bool hasUnsavedWork(const platform::RunningApp& app) override;
   [[nodiscard]] std::vector<std::string> busyReasons(const platform::RunningApp& app) override;
   void recordAttemptHour(guard::Combo combo) override;

@@ -81,6 +81,7 @@ class RecordingTap final : public platform::EventTap {
   [[nodiscard]] bool listenAccessGranted() override { return inner_.listenAccessGranted(); }
   void requestListenAccess() override;
   void post(const platform::KeyEvent& event) override { inner_.post(event); }
+  [[nodiscard]] std::string problem() const override { return inner_.problem(); }
 
  private:
   platform::sim::SimEventTap& inner_;

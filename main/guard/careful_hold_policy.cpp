@@ -55,7 +55,9 @@ HoldTime CarefulHoldPolicy::holdDuration(Combo combo, const std::string& rule) {
   return computeHoldDuration(combo, rule, isCarefulNow(), s_.prefs, s_.tunables);
 }
 
-bool CarefulHoldPolicy::isCarefulNow() {
+bool CarefulHoldPolicy::isCarefulNow() { return !carefulReason().empty(); }
+
+std::string CarefulHoldPolicy::carefulReason() {
   if (s_.prefs.workHours()) {
     const auto local = s_.loop.localTime(s_.loop.now());
     // NOTE: the weekday is today's also in the small hours of a window that began yesterday
@@ -66,10 +68,10 @@ bool CarefulHoldPolicy::isCarefulNow() {
     const int h = local.hour;
     // from == to takes the second branch and covers the whole day.
     const bool inHours = from < to ? (from <= h && h < to) : (h >= from || h < to);
-    if (dayQualifies && inHours) return true;
+    if (dayQualifies && inHours) return "work hours";
   }
-  if (s_.prefs.micStrict()) return s_.audio.microphoneInUse();
-  return false;
+  if (s_.prefs.micStrict() && s_.audio.microphoneInUse()) return "microphone in use";
+  return {};
 }
 
 bool CarefulHoldPolicy::hasUnsavedWork(const platform::RunningApp& app) {

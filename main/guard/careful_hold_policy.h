@@ -52,6 +52,7 @@ class CarefulHoldPolicy final : public HoldPolicy {
   [[nodiscard]] bool isGuarded(Combo combo) const override;
   [[nodiscard]] HoldTime holdDuration(Combo combo, const std::string& rule) override;
   [[nodiscard]] bool isCarefulNow() override;
+  [[nodiscard]] std::string carefulReason() override;
   [[nodiscard]] bool hasUnsavedWork(const platform::RunningApp& app) override;
   [[nodiscard]] std::vector<std::string> busyReasons(const platform::RunningApp& app) override;
   /// Adds one to the counter "hour.HH" (the local hour, two digits), whatever the combination: the

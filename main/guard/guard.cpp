@@ -26,6 +26,9 @@ constexpr std::uint64_t kModifierMask =
 constexpr std::string_view kDock = "com.apple.dock";
 constexpr std::string_view kFinder = "com.apple.finder";
 constexpr const char* kTapFailedMessage = "event tap creation failed (Input Monitoring may be needed)";
+// How often a tap in place is checked for a problem that came up later (a window manager that went
+// away, a lost display).
+constexpr double kProblemCheckSec = 2.0;
 
 bool contains(const std::vector<std::string>& ids, const std::string& id) {
   return std::find(ids.begin(), ids.end(), id) != ids.end();
@@ -52,9 +55,18 @@ std::string actionText(Combo combo, const std::string& appName) {
     case Combo::close:
       return "close this window";
     case Combo::logout:
-      return "log out";
+      // NOTE: on Linux no app logs the session out on this combination; a completed hold sends it
+      // to the focused app, which may close a window or quit (terminals, browsers).
+      return "send it to " + appName;
   }
   return {};
+}
+
+std::string appLabel(const RunningApp& app) {
+  if (app.bundleID.empty())
+    return app.localizedName.empty() ? "process " + std::to_string(app.pid) : app.localizedName;
+  if (app.localizedName.empty() || app.localizedName == app.bundleID) return app.bundleID;
+  return app.localizedName + " (" + app.bundleID + ")";
 }
 
 Guard::Guard(GuardDeps deps) : hud(deps.hud), deps_(deps) {}
@@ -68,7 +80,12 @@ Guard::~Guard() {
 
 bool Guard::installTap() {
   if (tap) return true;
-  if (!deps_.events.isTrusted()) return false;
+  if (!deps_.events.isTrusted()) {
+    // Not logged: the permission poll asks again and again; the state tells the menu why.
+    tapError_ = deps_.events.lastError();
+    if (tapError_.empty()) tapError_ = "not allowed to watch the keyboard";
+    return false;
+  }
   std::weak_ptr<char> alive = alive_;
   tap = deps_.events.create([alive, this](const KeyEvent& event) {
     if (alive.expired()) return TapVerdict::pass;
@@ -87,17 +104,46 @@ bool Guard::installTap() {
       askedListen = true;
       deps_.events.requestListenAccess();
     }
+    tapError_ = deps_.events.lastError();
+    if (tapError_.empty()) tapError_ = "the keyboard cannot be watched";
+    checkProblem();
     return false;
   }
   tapFailed = false;
+  tapError_.clear();
   tap->enable();
+  checkProblem();
+  problemCheck_ = deps_.loop.every(kProblemCheckSec, [alive, this] {
+    if (!alive.expired()) checkProblem();
+  });
   return true;
 }
 
 void Guard::removeTap() {
   stopHold();
   clearPending();
+  problemCheck_.cancel();
   tap.reset();
+}
+
+std::string Guard::currentProblem() const {
+  if (!tap) return tapError_;
+  if (std::string p = deps_.events.problem(); !p.empty()) return p;
+  return deps_.workspace.problem();
+}
+
+void Guard::checkProblem() {
+  const std::string problem = currentProblem();
+  const std::string line = problem.empty()
+                               ? std::string()
+                               : (tap ? "keyboard guard not working: " : "keyboard guard off: ") + problem;
+  if (line == loggedProblem_) return;
+  if (!line.empty()) {
+    deps_.log.log(line);
+  } else if (loggedProblem_.starts_with("keyboard guard not working")) {
+    deps_.log.log("keyboard guard working again");
+  }
+  loggedProblem_ = line;
 }
 
 TapVerdict Guard::handleEvent(const KeyEvent& event) {
@@ -248,6 +294,8 @@ bool Guard::evaluate(Combo c, const KeyEvent& event) {
   if (c == Combo::quit && (neverQuit || rule == "never")) {
     if (!repeat) {
       deps_.counters.add("protected");
+      deps_.log.log(std::string(symbol(c)) + " refused: " + appLabel(app) + " is protected" +
+                    (rule == "never" && !neverQuit ? " by its rule" : ""));
       if (!deps_.tunables.flag(T::protectedBannerPaused)) {
         hud.flash("🔒 " + name + " is protected", app.icon, deps_.tunables.real(T::protectedFlashSec));
       }
@@ -279,8 +327,9 @@ bool Guard::evaluate(Combo c, const KeyEvent& event) {
     perform(c, app, event.keyCode);
     return true;
   }
-  if (pendingPID != 0) noteBlocked(pendingCombo);
+  if (pendingPID != 0) noteBlocked(pendingCombo, pendingApp_ ? &*pendingApp_ : nullptr);
   clearPending();
+  pendingApp_ = app;
   pendingPID = app.pid;
   pendingCombo = c;
   pendingAt = now;
@@ -291,7 +340,7 @@ bool Guard::evaluate(Combo c, const KeyEvent& event) {
   pendingWork = deps_.loop.after(window, [alive, this, c] {
     if (alive.expired() || pendingPID == 0) return;
     pendingPID = 0;
-    noteBlocked(c);
+    noteBlocked(c, pendingApp_ ? &*pendingApp_ : nullptr);
   });
   return true;
 }
@@ -310,14 +359,24 @@ void Guard::beginHold(double duration, Combo c, const RunningApp& app, std::int6
   holdSnap.reset();
 
   deps_.policy.recordAttemptHour(c);
-  if (lastCareful) deps_.counters.add("careful");
+  if (lastCareful) {
+    deps_.counters.add("careful");
+    const std::string reason = deps_.policy.carefulReason();
+    deps_.log.log("careful mode" + (reason.empty() ? std::string() : " (" + reason + ")") + ": " +
+                  std::string(symbol(c)) + " held longer for " + appLabel(app));
+  }
   if (c == Combo::quit && (lastMode == "short" || lastMode == "long")) deps_.counters.add("rule." + lastMode);
 
   activity = deps_.power.begin("Hold to confirm");
 
   if (deps_.prefs.showHUD()) {
-    const std::string name = app.localizedName.empty() ? std::string("app") : app.localizedName;
-    hud.show("Hold " + std::string(symbol(c)) + " to " + actionText(c, name), app.icon, duration);
+    const std::string name =
+        !app.localizedName.empty() ? app.localizedName : (c == Combo::logout ? "this app" : "app");
+    // NOTE: the title has one line of about 28 characters; "Ctrl+Shift+Q" would push the name of
+    // the app it goes to out of sight, and the user is pressing it anyway.
+    hud.show(c == Combo::logout ? "Hold to " + actionText(c, name)
+                                : "Hold " + std::string(symbol(c)) + " to " + actionText(c, name),
+             app.icon, duration);
   }
 
   if (c == Combo::quit) startBackgroundChecks(app, holdSerial);
@@ -377,8 +436,14 @@ void Guard::extendHold(std::int64_t serial, double multiplier, const std::vector
   const double longer = std::min(multiplier * holdDuration, deps_.tunables.real(T::maxHoldSec));
   holdDuration = longer;
   startTime = now - filled * longer;
+  std::string added;
   for (const auto& reason : reasons) {
-    if (!contains(holdReasons, reason)) holdReasons.push_back(reason);
+    if (contains(holdReasons, reason)) continue;
+    holdReasons.push_back(reason);
+    added += (added.empty() ? "" : ", ") + reason;
+  }
+  if (!added.empty() && targetApp) {
+    deps_.log.log("held longer for " + appLabel(*targetApp) + ": " + added);
   }
   if (deps_.prefs.showHUD()) hud.setReasons(holdReasons);
 }
@@ -417,7 +482,7 @@ void Guard::cancelHold() {
                                  : "cancel.ge2s";
   deps_.counters.add(bucket);
   stopHold();
-  noteBlocked(combo);
+  noteBlocked(combo, targetApp ? &*targetApp : nullptr);
 }
 
 void Guard::stopHold() {
@@ -431,6 +496,7 @@ void Guard::stopHold() {
 void Guard::clearPending() {
   pendingWork.cancel();
   pendingPID = 0;
+  pendingApp_.reset();
 }
 
 // MARK: - Acting
@@ -440,7 +506,7 @@ void Guard::perform(Combo c, const RunningApp& app, std::int64_t keyCode) {
     quitApp(app);
     return;
   }
-  deps_.log.log(std::string(symbol(c)) + " confirmed");
+  deps_.log.log(std::string(symbol(c)) + " confirmed: sent to " + appLabel(app));
   if (deps_.prefs.playSound()) deps_.sound.play("Pop");
   if (keyCode < 0 || keyCode > 65535) return;
   KeyEvent key;
@@ -458,7 +524,7 @@ void Guard::quitApp(const RunningApp& app) {
   deps_.counters.add("quit");
   deps_.telemetry.recordAppSeen(app.bundleID, "quit");
   deps_.counters.add("cat.quit." + deps_.telemetry.category(app));
-  deps_.log.log("quit confirmed");
+  deps_.log.log("quit confirmed: " + appLabel(app));
 
   std::optional<actions::Snap> snap;
   if (deps_.prefs.undoQuit()) {
@@ -475,7 +541,7 @@ void Guard::quitApp(const RunningApp& app) {
   if (snap) deps_.undo.remember(app, std::move(*snap), hud);
 }
 
-void Guard::noteBlocked(Combo c) {
+void Guard::noteBlocked(Combo c, const RunningApp* app) {
   switch (c) {
     case Combo::close:
       deps_.counters.add("wblocked");
@@ -489,7 +555,8 @@ void Guard::noteBlocked(Combo c) {
   deps_.counters.add("saved");
   if (onQuitBlocked) onQuitBlocked();
   const std::int64_t total = deps_.counters.allTime("saved");
-  deps_.log.log("accidental quit blocked total=" + std::to_string(total));
+  deps_.log.log("accidental quit blocked total=" + std::to_string(total) +
+                (app ? ": " + appLabel(*app) : ""));
   const std::int64_t step = deps_.tunables.integer(T::milestoneStep);
   const bool milestone = total == deps_.tunables.integer(T::milestoneFirst) ||
                          total == deps_.tunables.integer(T::milestoneSecond) ||
@@ -514,6 +581,7 @@ GuardState Guard::state() const {
   s.lastMode = lastMode;
   s.holdReasons = holdReasons;
   s.hasHoldSnap = holdSnap.has_value();
+  s.problem = currentProblem();
   return s;
 }
 

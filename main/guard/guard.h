@@ -67,6 +67,11 @@ struct GuardState {
   std::string lastMode;
   std::vector<std::string> holdReasons;
   bool hasHoldSnap = false;
+  /// Why the guard does not protect now, in words for the user (the status menu and the
+  /// permission poll show it): the tap could not be made (another program holds a combination,
+  /// the display cannot be reached), or it is in place but cannot work (no window manager announces
+  /// the active window, the display was lost). Empty when it guards.
+  std::string problem;
 };
 
 /// The key guard: sees every key press of the session through the event tap, swallows Ctrl+Q, Ctrl+W and
@@ -84,6 +89,9 @@ class Guard final {
   bool installTap();
   /// Stops any hold and any pending press and removes the tap (trust was withdrawn).
   void removeTap();
+  /// Reads the state of the tap and the workspace again and logs a problem that is new (once);
+  /// runs by itself every few seconds while the tap is in place.
+  void checkProblem();
   /// The tap callback: pass the event on, or swallow it.
   platform::TapVerdict handleEvent(const platform::KeyEvent& event);
   /// The guarded combination an event types; nothing for every other event.
@@ -105,7 +113,8 @@ class Guard final {
   void clearPending();
   void perform(Combo combo, const platform::RunningApp& app, std::int64_t keyCode);
   void quitApp(const platform::RunningApp& app);
-  void noteBlocked(Combo combo);
+  /// `app` is the app the blocked press was aimed at, when known (for the log).
+  void noteBlocked(Combo combo, const platform::RunningApp* app);
   void extendHold(std::int64_t serial, double multiplier, const std::vector<std::string>& reasons);
 
   void startBackgroundChecks(const platform::RunningApp& app, std::int64_t serial);
@@ -139,13 +148,24 @@ class Guard final {
   std::optional<actions::Snap> holdSnap;
 
   GuardDeps deps_;
+  /// The current problem (see `GuardState::problem`), the error of the last failed tap
+  /// creation, and the problem line the log last told.
+  [[nodiscard]] std::string currentProblem() const;
+  std::string tapError_;
+  std::string loggedProblem_;
+  platform::Scheduled problemCheck_;
+  /// Press-twice mode: the app of the waiting first press (names it in the log when it lapses).
+  std::optional<platform::RunningApp> pendingApp_;
   /// NOTE: there is one guard per process, so this is the once-per-process flag of the tap failure line.
   bool loggedTapFailure_ = false;
   /// Weak references to this token stand for weak references to the guard.
   std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
 
-/// "quit " + name, "close this window", "log out".
+/// "quit " + name, "close this window", "send it to " + name (what Ctrl+Shift+Q does on Linux).
 [[nodiscard]] std::string actionText(Combo combo, const std::string& appName);
+/// How the log names an app: "Mousepad (org.xfce.mousepad)"; the id or the name alone when the
+/// other is missing.
+[[nodiscard]] std::string appLabel(const platform::RunningApp& app);
 
 }  // namespace tarry::guard

@@ -30,6 +30,9 @@ class HoldPolicy {
   [[nodiscard]] virtual HoldTime holdDuration(Combo combo, const std::string& rule) = 0;
   /// Work hours or the microphone call for a longer hold now.
   [[nodiscard]] virtual bool isCarefulNow() = 0;
+  /// Why careful mode is in force now, in a few words for the log ("work hours"); empty when it is
+  /// not, or when the policy cannot say.
+  [[nodiscard]] virtual std::string carefulReason() { return {}; }
   /// Background thread: the app shows unsaved work.
   [[nodiscard]] virtual bool hasUnsavedWork(const platform::RunningApp& app) = 0;
   /// Background thread, slow: reasons the app is busy, in their fixed order; empty = not busy.

@@ -82,6 +82,10 @@ class EventTap {
   virtual void requestListenAccess() = 0;
   /// Posts a synthesised key event at the session level.
   virtual void post(const KeyEvent& event) = 0;
+  /// Why a tap that is in place cannot see the guarded keys now (the display connection was lost,
+  /// another program took a combination when the keys were grabbed anew), in words for the user;
+  /// empty while it works.
+  [[nodiscard]] virtual std::string problem() const { return {}; }
 };
 
 }  // namespace tarry::platform

@@ -70,6 +70,9 @@ class Workspace {
   [[nodiscard]] virtual Icon ownIcon() const = 0;
   /// This desktop's identifiers that belong to `set`, added to the built-in ones.
   [[nodiscard]] virtual std::vector<std::string> identifierEquivalents(IdentifierSet set) const = 0;
+  /// Why the frontmost app cannot be known now (no window manager announces the active window),
+  /// in words for the user; empty when it can. Answered from memory.
+  [[nodiscard]] virtual std::string problem() const { return {}; }
 };
 
 }  // namespace tarry::platform

@@ -83,7 +83,7 @@ class Client:
 
 
 class Harness:
-    def __init__(self, tarry, client):
+    def __init__(self, tarry, client, window_manager=True):
         self.tarry = tarry
         self.client = client
         self.tmp = tempfile.mkdtemp(prefix="tarry-e2e-")
@@ -109,6 +109,8 @@ class Harness:
         signal.signal(signal.SIGTERM, self._on_signal)
         try:
             self._start_x()
+            if window_manager:
+                self.start_window_manager()
             os.makedirs(os.path.join(self.tmp, "logs"))
             self.defaults("write", "logDir", json.dumps(os.path.join(self.tmp, "logs")))
         except BaseException:
@@ -167,6 +169,8 @@ class Harness:
         else:
             raise Failure("Xvfb did not start")
         self.env["DISPLAY"] = ":%d" % number
+
+    def start_window_manager(self):
         self.spawn(["openbox", "--sm-disable"], "openbox")
         # openbox loses windows mapped while it starts: it is ready once one gets mapped. The probe
         # stays (as a desktop window, below everything): were it to go, the next client would get

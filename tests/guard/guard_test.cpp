@@ -112,13 +112,13 @@ TEST(GuardClassify, FollowsTheLayoutsCharacterAndFallsBackToTheKeyCode) {
     std::u16string text;
     std::optional<Combo> want;
   };
-  // The plain combinations, Ctrl+Shift+W, Super+Ctrl+Q, Ctrl+Alt+Q and no Command are in not_guarded.scn and the others.
+  // The plain combinations, Ctrl+Shift+W, Super+Ctrl+Q, Ctrl+Alt+Q and no Command are in not_guarded.scn and
+  // the others.
   const std::vector<Case> cases = {
-      {12, kCmd, u"a", std::nullopt},                           // AZERTY: the Q key types a
-      {0, kCmd, u"q", Combo::quit},                             // AZERTY: the A key types q
-      {12, kCmd, u"", Combo::quit},                             // no character: physical Q
-      {13, kCmd | kShift, u"", std::nullopt},
-      {12, kCmd, u"й", Combo::quit},   // not in 33…126: physical Q
+      {12, kCmd, u"a", std::nullopt},                                         // AZERTY: the Q key types a
+      {0, kCmd, u"q", Combo::quit},                                           // AZERTY: the A key types q
+      {12, kCmd, u"", Combo::quit},                                           // no character: physical Q
+      {13, kCmd | kShift, u"", std::nullopt}, {12, kCmd, u"й", Combo::quit},  // not in 33…126: physical Q
       {12, kCmd, u"qq", Combo::quit},  // more than one unit: physical Q
       {0, kCmd, u"", std::nullopt},
   };
@@ -221,8 +221,43 @@ TEST_F(GuardTest, QuitBlockedCallbackRunsBeforeTheTotalIsRead) {
   ASSERT_FALSE(hud.calls.empty());
   EXPECT_EQ(hud.calls.back(), "flash 🛡 50 accidental quits blocked [tarry]");
   EXPECT_NE(p.files.content(*p.defaults.get("logDir")->get_ptr<const std::string*>() + "/events.log")
-                .find("accidental quit blocked total=50\n"),
+                .find("accidental quit blocked total=50: "),
             std::string::npos);
+}
+
+TEST_F(GuardTest, ProblemsAreInTheStateAndLoggedOncePerReason) {
+  const auto events = [&] {
+    return p.files.content(*p.defaults.get("logDir")->get_ptr<const std::string*>() + "/events.log");
+  };
+  const auto count = [](const std::string& text, const std::string& part) {
+    std::size_t n = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(guard->state().problem, "");
+
+  // A window manager that does not say which window is active: the tap is in place but useless.
+  p.workspace.problemText = "no EWMH window manager is running";
+  EXPECT_EQ(guard->state().problem, "no EWMH window manager is running");
+  p.loop.advance(10);  // the periodic check, several times over
+  EXPECT_EQ(count(events(), "keyboard guard not working: no EWMH window manager is running\n"), 1U)
+      << events();
+  p.tap.problemText = "lost the connection to the X display";
+  p.loop.advance(3);
+  EXPECT_EQ(guard->state().problem, "lost the connection to the X display")
+      << "the tap's problem comes first";
+  p.tap.problemText.clear();
+  p.workspace.problemText.clear();
+  p.loop.advance(3);
+  EXPECT_EQ(count(events(), "keyboard guard working again\n"), 1U) << events();
+
+  // Refused tap creation names the combination another program holds; retries log nothing more.
+  guard->removeTap();
+  p.tap.failCreate = true;
+  EXPECT_FALSE(guard->installTap());
+  EXPECT_FALSE(guard->installTap());
+  EXPECT_EQ(guard->state().problem, p.tap.lastError());
+  EXPECT_EQ(count(events(), "keyboard guard off: " + p.tap.lastError() + "\n"), 1U) << events();
 }
 
 TEST_F(GuardTest, MilestoneNumbersFollowTheTunables) {

@@ -89,6 +89,34 @@ TEST(DefaultsCommand, ErrorsSayWhatWentWrong) {
   EXPECT_EQ(store.get("kept"), Value(1)) << "a refused command changes nothing";
 }
 
+TEST(DefaultsCommand, WarnsAboutKeysAndTypesTheProgramDoesNotReadButStoresThem) {
+  TempDir dir;
+  SqliteDefaultsStore store(dir / "defaults.sqlite3");
+  struct Case {
+    std::string key, json, warning;
+  };
+  for (const Case& c : std::vector<Case>{
+           {"holdseconds", "3",
+            R"(Tarry reads no key "holdseconds"; stored anyway (did you mean "holdSeconds"?))"},
+           {"colour", R"("red")", R"(Tarry reads no key "colour")"},
+           {"enabled", R"("no")", R"("enabled" is read as true or false)"},
+           {"holdSeconds", R"("3")", R"("holdSeconds" is read as a number)"},
+           {"appModes", R"({"firefox": "instant", "Tk": "nope"})", R"(the rule for "Tk" is not one of)"},
+           {"ramSaverApp", "[1]", R"("ramSaverApp" is read as an object)"},
+       }) {
+    const Outcome o = defaults(store, {"write", c.key, c.json});
+    EXPECT_EQ(o.status, 0) << c.key;
+    EXPECT_NE(o.err.find("tarry defaults: warning: " + c.warning), std::string::npos) << o.err;
+    EXPECT_EQ(store.get(c.key), Value::parse(c.json)) << "stored as given";
+  }
+  for (const Case& c : std::vector<Case>{{"enabled", "false", ""},
+                                         {"holdSeconds", "2.5", ""},
+                                         {"appModes", R"({"Notespad": "never"})", ""},
+                                         {"day.20261123.saved", "4", ""}}) {
+    EXPECT_EQ(defaults(store, {"write", c.key, c.json}).err, "") << c.key;
+  }
+}
+
 // The program as a shell user runs it, against a database that a running program has open.
 TEST(DefaultsCommand, ProgramEditsTheDomainOfARunningInstance) {
   TempDir dir;

@@ -178,7 +178,8 @@ TEST(SqliteDefaultsStore, WritesOfAKilledProcessAreOnDisk) {
 // and saves into a fresh database.
 TEST(SqliteDefaultsStore, UnusableFileIsMovedAsideAndAFreshOneUsed) {
   const std::vector<std::pair<const char*, std::function<void(const std::string&)>>> damages = {
-      {"garbage", [](const std::string& path) { std::ofstream(path) << std::string(5000, '\x5a') << "not a database"; }},
+      {"garbage",
+       [](const std::string& path) { std::ofstream(path) << std::string(5000, '\x5a') << "not a database"; }},
       {"a directory", [](const std::string& path) { std::filesystem::create_directories(path + "/inside"); }},
       {"a damaged page",
        [](const std::string& path) {
@@ -229,6 +230,39 @@ TEST(SqliteDefaultsStore, NoWritablePlaceKeepsValuesInMemory) {
   store.flush();
   EXPECT_EQ(store.get("holdSeconds"), Value(3.5));
   EXPECT_EQ(store.keys(""), (std::vector<std::string>{"all.blocked", "holdSeconds"}));
+}
+
+TEST(SqliteDefaultsStore, ReadOnlyFileIsReadAndKeptAsItIs) {
+  TempDir dir;
+  const std::string path = dir / "defaults.sqlite3";
+  {
+    SqliteDefaultsStore store(path);
+    store.set("holdSeconds", 3.5);
+    store.set("appModes", Value::parse(R"({"notes_pad": "never"})"));
+  }
+  // Root passes over file modes but not over the immutable flag.
+  const bool root = ::geteuid() == 0;
+  const std::string lock = root ? "chattr +i '" + path + "' 2>/dev/null" : "chmod 0444 '" + path + "'";
+  if (std::system(lock.c_str()) != 0 || ::access(path.c_str(), W_OK) == 0)
+    GTEST_SKIP() << "cannot make it read-only";
+  {
+    Notes notes;
+    SqliteDefaultsStore store(path, notes.sink());
+    EXPECT_TRUE(store.readOnly());
+    EXPECT_FALSE(store.persistent());
+    EXPECT_EQ(store.get("holdSeconds"), Value(3.5));
+    EXPECT_EQ(store.get("appModes"), Value::parse(R"({"notes_pad": "never"})"));
+    ASSERT_EQ(notes.lines().size(), 1U);
+    EXPECT_NE(notes.lines()[0].find("read-only: using its values, but changes cannot be saved"),
+              std::string::npos)
+        << notes.lines()[0];
+    store.set("holdSeconds", 5.0);  // kept in memory for this run
+    store.flush();
+    EXPECT_EQ(store.get("holdSeconds"), Value(5.0));
+  }
+  if (root) std::system(("chattr -i '" + path + "'").c_str());
+  EXPECT_EQ(onDisk(path, "holdSeconds"), Value(3.5));
+  EXPECT_TRUE(asideCopies(dir).empty()) << "a read-only database is never moved aside";
 }
 
 TEST(SqliteDefaultsStore, RowThatIsNotJsonIsSkippedOthersKept) {

@@ -6,8 +6,10 @@
 //   tarry-test-client [--class INSTANCE,CLASS] [--windows N] [--title TEXT] [--log FILE]
 //                     [--type normal|dock|desktop] [--skip-taskbar] [--gtk-app-id ID]
 //                     [--icon SIZE,SIZE,...] [--geometry WxH+X+Y] [--keep-running]
+//                     [--grab-key KEYCODE,MODIFIERS]
 //
 // --keep-running: Ctrl+Q is only logged (for checks that go on after it reached the client).
+// --grab-key KEYCODE,MODIFIERS: holds a passive grab on that key on the root window.
 //
 // Log lines: "<monotonic µs> <what>", where what is "ready <window>...", "press|release <keycode>
 // <state> <keysym>", "close <window>", "quit".
@@ -82,6 +84,8 @@ int main(int argc, char** argv) {
   int width = 400, height = 300, left = 40, top = 40;
   std::string gtkAppId;
   std::vector<std::uint32_t> iconSizes;
+  int grabKeycode = 0;
+  unsigned grabModifiers = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const char* value = i + 1 < argc ? argv[i + 1] : "";
@@ -105,6 +109,9 @@ int main(int argc, char** argv) {
       ++i;
     } else if (arg == "--geometry") {
       std::sscanf(value, "%dx%d+%d+%d", &width, &height, &left, &top);
+      ++i;
+    } else if (arg == "--grab-key") {
+      std::sscanf(value, "%d,%u", &grabKeycode, &grabModifiers);
       ++i;
     } else if (arg == "--keep-running") {
       keepRunning = true;
@@ -133,6 +140,11 @@ int main(int argc, char** argv) {
     return 1;
   }
   const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
+  if (grabKeycode > 0) {
+    // Like a desktop's own shortcut daemon holding a combination.
+    xcb_grab_key(c, 0, screen->root, static_cast<std::uint16_t>(grabModifiers),
+                 static_cast<xcb_keycode_t>(grabKeycode), XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
+  }
   std::uint8_t xkbEvent = 0;
   xkb_x11_setup_xkb_extension(c, 1, 0, XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS, nullptr, nullptr, &xkbEvent, nullptr);
   Keyboard keyboard;

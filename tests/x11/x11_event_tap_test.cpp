@@ -170,7 +170,7 @@ TEST_F(X11EventTapTest, UnansweredPressIsLetThroughAndTheTapReportsTheTimeout) {
   install([](const KeyEvent&) { return TapVerdict::swallow; });
   const auto start = std::chrono::steady_clock::now();
   keyboard_->tap({kCtrl, kQ});
-  // The main loop is not run: only the backend thread can thaw the keyboard.
+  // The main loop is not run: only the backend's watchdog can let the press through.
   // NOTE: a safety property, not a speed figure; the margin over 0.5 s covers a loaded machine.
   while (probe_->presses(kQ) == 0 && std::chrono::steady_clock::now() - start < 5s) std::this_thread::sleep_for(5ms);
   ASSERT_EQ(probe_->presses(kQ), 1);

@@ -16,12 +16,13 @@
 namespace tarry::platform::x11 {
 namespace {
 
-using testing::TempDir;
 using ::tarry::testing::eventually;
+using testing::TempDir;
 
 /// A running tarry-test-client, ready once its windows are mapped.
 struct Client {
-  Client(const test::XServer& server, const TempDir& dir, const std::string& name, std::vector<std::string> args)
+  Client(const test::XServer& server, const TempDir& dir, const std::string& name,
+         std::vector<std::string> args)
       : log(dir / (name + ".log")) {
     std::vector<std::string> argv{TARRY_TEST_CLIENT, "--log", log};
     argv.insert(argv.end(), args.begin(), args.end());
@@ -108,11 +109,11 @@ TEST_F(X11WorkspaceTest, FrontmostFollowsActivationAndNamesTheAppByItsDesktopEnt
   EXPECT_EQ(app->path, dir_ / "applications/org.example.Alpha.desktop");
   EXPECT_TRUE(app->regular);
 
-  // No entry: the executable names it, WM_CLASS gives the name, the window its icon.
+  // No entry: WM_CLASS gives the id and the name, the window its icon.
   activate(beta.windows()[0]);
   app = frontmostOnce(beta.pid());
   ASSERT_TRUE(app);
-  EXPECT_EQ(app->bundleID, "tarry-test-client");
+  EXPECT_EQ(app->bundleID, "Beta");
   EXPECT_EQ(app->localizedName, "Beta");
   EXPECT_EQ(app->icon.width, 32) << "largest image no larger than 64 px";
   ASSERT_TRUE(app->icon.argb);
@@ -122,6 +123,23 @@ TEST_F(X11WorkspaceTest, FrontmostFollowsActivationAndNamesTheAppByItsDesktopEnt
   app = frontmostOnce(gamma.pid());
   ASSERT_TRUE(app);
   EXPECT_EQ(app->bundleID, "org.example.Gamma");
+
+  // A toolkit's generic class names no program: a non-interpreter falls back to its executable.
+  Client tk(*server_, dir_, "tk", {"--class", "tk,Tk"});
+  ASSERT_TRUE(tk.ready);
+  activate(tk.windows()[0]);
+  app = frontmostOnce(tk.pid());
+  ASSERT_TRUE(app);
+  EXPECT_EQ(app->bundleID, "tarry-test-client");
+}
+
+TEST(ScriptName, NamesTheScriptAnInterpreterRuns) {
+  EXPECT_EQ(scriptNameOf({"/usr/bin/python3.11", "-u", "/home/a/bin/notes_pad.py"}), "notes_pad");
+  EXPECT_EQ(scriptNameOf({"python3", "-m", "notes.app"}), "notes.app");
+  EXPECT_EQ(scriptNameOf({"java", "-jar", "/opt/tool/Tool.jar"}), "Tool");
+  EXPECT_EQ(scriptNameOf({"python3", "-c", "import tkinter"}), "");
+  EXPECT_EQ(scriptNameOf({"/usr/bin/mousepad", "notes.txt"}), "")
+      << "not an interpreter: its own name is the id";
 }
 
 TEST_F(X11WorkspaceTest, RunningAppsTellRegularFromPanelsAndTerminateAsksPolitely) {
@@ -149,7 +167,8 @@ TEST_F(X11WorkspaceTest, RunningAppsTellRegularFromPanelsAndTerminateAsksPolitel
   const auto dock = workspace_->identifierEquivalents(IdentifierSet::dock);
   EXPECT_NE(std::find(dock.begin(), dock.end(), find(desktop.pid())->bundleID), dock.end());
   EXPECT_NE(std::find(dock.begin(), dock.end(), find(panel.pid())->bundleID), dock.end());
-  EXPECT_EQ(std::count_if(apps.begin(), apps.end(), [&](const RunningApp& a) { return a.pid == editor.pid(); }), 1);
+  EXPECT_EQ(
+      std::count_if(apps.begin(), apps.end(), [&](const RunningApp& a) { return a.pid == editor.pid(); }), 1);
 
   // Both windows get a close request; the app ends by itself once the last one closes.
   EXPECT_TRUE(workspace_->terminate(*find(editor.pid())));

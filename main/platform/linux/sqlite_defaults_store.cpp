@@ -3,6 +3,7 @@
 #include "platform/linux/xdg_paths.h"
 
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <ctime>
 #include <filesystem>
@@ -52,6 +53,28 @@ void normalizeIntegers(Value& value) {
   }
 }
 
+/// This process may change the file (and make the journal files beside it).
+bool writable(const std::string& path) {
+  const fs::path parent = fs::path(path).parent_path();
+  return ::access(path.c_str(), W_OK) == 0 && ::access(parent.empty() ? "." : parent.c_str(), W_OK) == 0;
+}
+
+/// `path` as an SQLite URI file name with `query`.
+std::string uriOf(const std::string& path, const char* query) {
+  std::string uri = "file:";
+  for (const char c : path) {
+    if (c == '%' || c == '?' || c == '#') {
+      static constexpr char kHex[] = "0123456789ABCDEF";
+      uri += '%';
+      uri += kHex[static_cast<unsigned char>(c) >> 4];
+      uri += kHex[static_cast<unsigned char>(c) & 0xF];
+    } else {
+      uri += c;
+    }
+  }
+  return uri + "?" + query;
+}
+
 bool pathPresent(const std::string& path) {
   std::error_code ec;
   return fs::symlink_status(path, ec).type() != fs::file_type::not_found && !ec;
@@ -67,13 +90,23 @@ SqliteDefaultsStore::SqliteDefaultsStore(std::string path, std::function<void(co
   if (!parent.empty()) fs::create_directories(parent, ec);
 
   std::string error;
+  if (pathPresent(path_) && !writable(path_)) {
+    // The user's values are there and readable; opening it for writing would fail or half work,
+    // and moving it aside would lose them (and fails anyway in a read-only folder).
+    if (openReadOnly(error) == OpenResult::ok) {
+      readOnly_ = true;
+      sendNote(path_ + " is read-only: using its values, but changes cannot be saved");
+      return;
+    }
+    sendNote("cannot read the read-only " + path_ + " (" + error + ")");
+  }
   OpenResult result = open(error);
   if (result == OpenResult::unusable && pathPresent(path_)) {
     std::string aside;
     std::string moveError;
     if (!moveAside(aside, moveError)) {
       sendNote("cannot use " + path_ + " (" + error + ") nor move it aside (" + moveError +
-           "); keeping preferences in memory only");
+               "); keeping preferences in memory only");
       return;
     }
     sendNote("cannot use " + path_ + " (" + error + "); moved it to " + aside + " and started from defaults");
@@ -173,6 +206,41 @@ SqliteDefaultsStore::OpenResult SqliteDefaultsStore::open(std::string& error) {
   values_.clear();
   for (auto& [key, value] : rows) values_.emplace(key, std::make_shared<const Value>(std::move(value)));
   return OpenResult::ok;
+}
+
+SqliteDefaultsStore::OpenResult SqliteDefaultsStore::openReadOnly(std::string& error) {
+  const std::lock_guard lock(dbMutex_);
+  // A database in WAL mode needs its shared-memory file, which a read-only folder may not let
+  // SQLite make; "immutable" reads the file alone (nothing else can change it here either).
+  for (const char* query : {"mode=ro", "immutable=1"}) {
+    error.clear();
+    const std::string uri = uriOf(path_, query);
+    std::map<std::string, Value, std::less<>> rows;
+    std::vector<std::string> skipped;
+    bool ok =
+        sqlite3_open_v2(uri.c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) == SQLITE_OK;
+    if (ok) {
+      sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+      sqlite3_stmt* check = nullptr;
+      ok = sqlite3_prepare_v2(db_, "PRAGMA quick_check(1)", -1, &check, nullptr) == SQLITE_OK &&
+           sqlite3_step(check) == SQLITE_ROW && sqlite3_column_text(check, 0) != nullptr &&
+           std::string(reinterpret_cast<const char*>(sqlite3_column_text(check, 0))) == "ok";
+      sqlite3_finalize(check);
+      ok = ok && readAll(rows, skipped, error);
+    }
+    if (!ok) {
+      if (error.empty()) error = errorOf(db_);
+      closeDatabase();
+      continue;
+    }
+    closeDatabase();  // all read; a file this process may not write is not expected to change
+    for (const auto& key : skipped) sendNote("ignored " + key + " in " + path_ + ": its value is not JSON");
+    const std::unique_lock values(mutex_);
+    values_.clear();
+    for (auto& [key, value] : rows) values_.emplace(key, std::make_shared<const Value>(std::move(value)));
+    return OpenResult::ok;
+  }
+  return OpenResult::unusable;
 }
 
 void SqliteDefaultsStore::closeDatabase() {

@@ -34,8 +34,9 @@ struct StoreTiming {
 ///
 /// A database that cannot be used is moved aside to `<path>.corrupt-<unix time>` and the domain
 /// starts empty; when not even a fresh database can be made, values are kept in memory only.
-/// Either case is reported through `note` (one line each), which may be called from the writer
-/// thread.
+/// A database the user may read but not write (a read-only file or folder) is read and used, and
+/// changes stay in memory (`readOnly`). Each case is reported through `note` (one line each),
+/// which may be called from the writer thread.
 class SqliteDefaultsStore final : public DefaultsStore {
  public:
   explicit SqliteDefaultsStore(std::string path, std::function<void(const std::string&)> note = {},
@@ -52,14 +53,19 @@ class SqliteDefaultsStore final : public DefaultsStore {
   std::int64_t addInteger(std::string_view key, std::int64_t amount) override;
   void flush() override;
 
-  /// False when the values are kept in memory only because no database could be used.
+  /// False when the values are kept in memory only because no database could be used, or could
+  /// only be read.
   [[nodiscard]] bool persistent() const { return persistent_; }
+  /// The values come from a database this process may not write: changes cannot be saved.
+  [[nodiscard]] bool readOnly() const { return readOnly_; }
 
  private:
   using Stored = std::shared_ptr<const Value>;
   enum class OpenResult { ok, busy, unusable };
 
   OpenResult open(std::string& error);
+  /// Opens the database read-only and loads its values (checked as `open` does).
+  OpenResult openReadOnly(std::string& error);
   void closeDatabase();
   bool moveAside(std::string& aside, std::string& error);
   /// Every row of the table; rows whose value is not JSON are skipped and named in `skipped`.
@@ -79,6 +85,7 @@ class SqliteDefaultsStore final : public DefaultsStore {
   const StoreTiming timing_;
   // NOTE: written only by the constructor, before the writer thread starts.
   bool persistent_ = false;
+  bool readOnly_ = false;
 
   mutable std::shared_mutex mutex_;  // values_, dirty_
   std::map<std::string, Stored, std::less<>> values_;

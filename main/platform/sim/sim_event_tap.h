@@ -20,6 +20,7 @@ class SimEventTap final : public EventTap {
   [[nodiscard]] bool listenAccessGranted() override { return listenGranted; }
   void requestListenAccess() override { ++listenRequests; }
   void post(const KeyEvent& event) override;
+  [[nodiscard]] std::string problem() const override { return problemText; }
 
   /// Delivers an event from the user; returns what the tap decided (pass when no tap is enabled).
   /// A tap-disabled event disables the tap before it is delivered, as the system does.
@@ -30,6 +31,8 @@ class SimEventTap final : public EventTap {
 
   // Knobs and records for tests.
   bool trusted = true;
+  /// What `problem` reports.
+  std::string problemText;
   bool failCreate = false;
   bool listenGranted = true;
   int listenRequests = 0;

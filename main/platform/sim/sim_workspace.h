@@ -21,6 +21,7 @@ class SimWorkspace final : public Workspace {
   [[nodiscard]] std::int32_t ownPid() const override { return ownPid_; }
   [[nodiscard]] Icon ownIcon() const override { return Icon{"tarry", 0, 0, nullptr}; }
   [[nodiscard]] std::vector<std::string> identifierEquivalents(IdentifierSet set) const override;
+  [[nodiscard]] std::string problem() const override { return problemText; }
 
   /// Adds (or replaces, by pid) a running app.
   void addApp(const RunningApp& app);
@@ -29,6 +30,8 @@ class SimWorkspace final : public Workspace {
   void setFrontmost(std::int32_t pid) { frontPid_ = pid; }
   void setOwnPid(std::int32_t pid) { ownPid_ = pid; }
   void setEquivalents(IdentifierSet set, std::vector<std::string> ids) { equivalents_[set] = std::move(ids); }
+  /// What `problem` reports.
+  std::string problemText;
   /// Apps with these pids ignore terminate requests (as if the user cancelled a save prompt).
   std::set<std::int32_t> refuseTerminate;
   /// Every terminate request, in order.

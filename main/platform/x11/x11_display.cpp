@@ -38,6 +38,7 @@ std::unique_ptr<X11Display> X11Display::open(const std::string& display, std::st
   const std::pair<xcb_atom_t*, const char*> names[] = {
       {&a.utf8String, "UTF8_STRING"},
       {&a.netSupported, "_NET_SUPPORTED"},
+      {&a.netSupportingWmCheck, "_NET_SUPPORTING_WM_CHECK"},
       {&a.netActiveWindow, "_NET_ACTIVE_WINDOW"},
       {&a.netClientList, "_NET_CLIENT_LIST"},
       {&a.netClientListStacking, "_NET_CLIENT_LIST_STACKING"},

@@ -18,6 +18,7 @@ namespace tarry::platform::x11 {
 struct Atoms {
   xcb_atom_t utf8String = 0;
   xcb_atom_t netSupported = 0;
+  xcb_atom_t netSupportingWmCheck = 0;
   xcb_atom_t netActiveWindow = 0;
   xcb_atom_t netClientList = 0;
   xcb_atom_t netClientListStacking = 0;

@@ -10,11 +10,13 @@
 #include <xkbcommon/xkbcommon-x11.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -38,6 +40,14 @@ constexpr std::uint16_t kCoreSource = 0xFFFF;
 
 // Server timestamps wrap every 49.7 days; compare them as a signed difference.
 bool earlier(xcb_timestamp_t a, xcb_timestamp_t b) { return static_cast<std::int32_t>(b - a) > 0; }
+
+/// Each modifier flag of `KeyEvent::flags` with the X modifier mask that gives it.
+std::array<std::pair<std::uint64_t, std::uint16_t>, 4> modifierMasks(const Keymap& map) {
+  return {{{kFlagCommand, XCB_MOD_MASK_CONTROL},
+           {kFlagShift, XCB_MOD_MASK_SHIFT},
+           {kFlagOption, map.altMask()},
+           {kFlagControl, map.superMask()}}};
+}
 
 std::string describeMods(std::uint16_t mods) {
   char buffer[16];
@@ -72,18 +82,26 @@ class X11EventTap::Session final : public std::enable_shared_from_this<Session> 
     std::lock_guard lock(errorMutex_);
     return error_;
   }
+  [[nodiscard]] std::string problem() const {
+    if (connection_ && xcb_connection_has_error(connection_)) return "lost the connection to the X display";
+    std::lock_guard lock(errorMutex_);
+    return grabProblem_;
+  }
 
  private:
   struct Pending {
     std::uint64_t id = 0;
-    xcb_timestamp_t time = 0;
     xcb_keycode_t keycode = 0;
+    std::uint64_t flags = 0;  // the press's modifiers, as `KeyEvent::flags`
     Clock::time_point deadline;
   };
 
   std::shared_ptr<const Keymap> keymap() const {
     std::lock_guard lock(keymapMutex_);
     return keymap_;
+  }
+  bool isPending(std::uint64_t id) const {  // needs `pendingMutex_`
+    return std::any_of(pending_.begin(), pending_.end(), [&](const Pending& p) { return p.id == id; });
   }
   void setError(std::string text) {
     std::lock_guard lock(errorMutex_);
@@ -110,10 +128,14 @@ class X11EventTap::Session final : public std::enable_shared_from_this<Session> 
   void watchLoop();
 
   // Main thread.
-  void dispatch(KeyEvent event, std::uint64_t id, xcb_timestamp_t time, bool press, bool frozen);
-  void deliver(const KeyEvent& event, std::uint64_t id, xcb_timestamp_t time, bool press, bool frozen);
-  void answer(std::uint64_t id, xcb_timestamp_t time, TapVerdict verdict, bool frozen);
+  void dispatch(KeyEvent event, std::uint64_t id, bool press, bool activating);
+  void deliver(const KeyEvent& event, std::uint64_t id, bool press, bool activating);
   void inject(const KeyEvent& event);
+
+  // Any thread: the main thread answers a press, the reader thread a press that comes while the tap
+  // is off, the watchdog a press the main thread did not answer in time.
+  void answer(std::uint64_t id, TapVerdict verdict);
+  void passThrough(std::uint64_t id, xcb_keycode_t keycode, std::uint64_t flags);
 
   MainLoop& loop_;
   const double answerTimeout_;
@@ -135,15 +157,19 @@ class X11EventTap::Session final : public std::enable_shared_from_this<Session> 
   std::atomic<bool> enabled_{false};
   std::atomic<int> rebuilds_{0};
 
-  mutable std::mutex errorMutex_;
+  mutable std::mutex errorMutex_;  // error_, grabProblem_
   std::string error_;
+  std::string grabProblem_;  // the last regrab was refused
 
-  // The frozen press waiting for an answer, and the state of the grab.
-  std::mutex pendingMutex_;  // pending_, grabActive_, grabKey_, stopping_, nextId_
+  // The press waiting for an answer, and the state of the grab it activated.
+  std::mutex pendingMutex_;  // pending_, grabActive_, grabKey_, grabId_, stopping_, nextId_
   std::condition_variable pendingChanged_;
-  std::optional<Pending> pending_;
+  // Oldest first. NOTE: several can wait at once: a quick second press after the first one's key
+  // went up activates a new grab before the first is answered.
+  std::deque<Pending> pending_;
   bool grabActive_ = false;
   xcb_keycode_t grabKey_ = 0;
+  std::uint64_t grabId_ = 0;  // the press that activated the grab
   bool stopping_ = false;
   std::uint64_t nextId_ = 0;
 
@@ -234,7 +260,7 @@ bool X11EventTap::Session::placeGrabs(const std::vector<KeyGrab>& grabs, std::st
   for (const KeyGrab& grab : grabs) {
     if (lifted_.count(grab.keycode)) continue;
     cookies.emplace_back(xcb_grab_key_checked(connection_, 0, root_, grab.modifiers, grab.keycode,
-                                              XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_SYNC),
+                                              XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC),
                          &grab);
   }
   bool ok = true;
@@ -269,7 +295,7 @@ void X11EventTap::Session::restoreGrab(xcb_keycode_t keycode) {
   if (!lifted_.erase(keycode) || !tapped_) return;
   for (const KeyGrab& grab : grabs_) {
     if (grab.keycode == keycode) {
-      xcb_grab_key(connection_, 0, root_, grab.modifiers, keycode, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_SYNC);
+      xcb_grab_key(connection_, 0, root_, grab.modifiers, keycode, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
     }
   }
 }
@@ -318,7 +344,7 @@ bool X11EventTap::Session::startTap(Callback callback, std::string& error) {
   {
     std::lock_guard lock(pendingMutex_);
     stopping_ = false;
-    pending_.reset();
+    pending_.clear();
     grabActive_ = false;
   }
   reader_ = std::thread([this] { readLoop(); });
@@ -338,9 +364,8 @@ void X11EventTap::Session::stopTap() {
   }
   {
     std::lock_guard lock(pendingMutex_);
-    if (pending_) xcb_allow_events(connection_, XCB_ALLOW_REPLAY_KEYBOARD, pending_->time);
     if (grabActive_) xcb_ungrab_keyboard(connection_, XCB_CURRENT_TIME);
-    pending_.reset();
+    pending_.clear();
     grabActive_ = false;
     stopping_ = true;
   }
@@ -492,7 +517,7 @@ void X11EventTap::Session::onKey(const xcb_key_press_event_t* key, bool press) {
   if (xinputOpcode_) noteCoreKey(keycode, key->time, press);
 
   std::uint64_t id = 0;
-  bool frozen = false;
+  bool activating = false;
   {
     std::lock_guard lock(pendingMutex_);
     if (!xinputOpcode_) {
@@ -503,24 +528,29 @@ void X11EventTap::Session::onKey(const xcb_key_press_event_t* key, bool press) {
       }
     }
     id = ++nextId_;
-    if (press && !grabActive_) {
-      // Not inside an active grab, so this press activated a passive one and the keyboard is
-      // frozen until it is answered.
-      frozen = true;
-      pending_ = Pending{id, key->time, keycode,
-                         Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                            std::chrono::duration<double>(answerTimeout_))};
+    if (press && modifier == 0 && !grabActive_) {
+      // Not inside an active grab, so this press activated a passive one (or came in the moment
+      // before the server saw a grab lifted). The grab is asynchronous: the keyboard goes on, only
+      // the keys of the next moment come here, and the server ends the grab when the key goes up,
+      // whatever this process does; a stopped process cannot hold the keyboard.
+      activating = true;
+      grabActive_ = true;
+      grabKey_ = keycode;
+      grabId_ = id;
+      pending_.push_back(Pending{id, keycode, event.flags,
+                                 Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                    std::chrono::duration<double>(answerTimeout_))});
     } else if (!press && grabActive_ && keycode == grabKey_) {
       grabActive_ = false;  // the server ends a key grab when its key goes up
     }
   }
-  if (frozen) pendingChanged_.notify_all();
+  if (activating) pendingChanged_.notify_all();
 
   if (!enabled_ || !tapped_) {
-    if (frozen) answer(id, key->time, TapVerdict::pass, true);
+    if (activating) answer(id, TapVerdict::pass);
     return;
   }
-  dispatch(std::move(event), id, key->time, press, frozen);
+  dispatch(std::move(event), id, press, activating);
 }
 
 void X11EventTap::Session::rebuild() {
@@ -535,7 +565,12 @@ void X11EventTap::Session::rebuild() {
     if (tapped_) {
       std::vector<KeyGrab> wanted = map->grabs();
       removeGrabs(grabs_);
-      if (!placeGrabs(wanted, error)) setError("keymap change: " + error);
+      const bool placed = placeGrabs(wanted, error);
+      if (!placed) setError("keymap change: " + error);
+      {
+        std::lock_guard errorLock(errorMutex_);
+        grabProblem_ = placed ? std::string() : error;
+      }
       grabs_ = std::move(wanted);
     }
     std::lock_guard keymapLock(keymapMutex_);
@@ -550,44 +585,41 @@ void X11EventTap::Session::rebuild() {
 void X11EventTap::Session::watchLoop() {
   std::unique_lock lock(pendingMutex_);
   while (!stopping_) {
-    if (!pending_) {
+    if (pending_.empty()) {
       pendingChanged_.wait(lock);
       continue;
     }
-    if (Clock::now() < pending_->deadline) {
-      pendingChanged_.wait_until(lock, pending_->deadline);
+    if (Clock::now() < pending_.front().deadline) {
+      pendingChanged_.wait_until(lock, pending_.front().deadline);
       continue;
     }
-    // The main loop is stuck: let the press through before the user notices a dead keyboard.
-    xcb_allow_events(connection_, XCB_ALLOW_REPLAY_KEYBOARD, pending_->time);
-    xcb_flush(connection_);
-    if (!xinputOpcode_) coreDown_.erase(pending_->keycode);
-    pending_.reset();
-    grabActive_ = false;
+    // The main loop is stuck: let the presses through (all wait behind the same main loop), and
+    // stop diverting keys to a program that does not answer.
+    std::vector<std::uint64_t> ids;
+    for (const Pending& p : pending_) ids.push_back(p.id);
     enabled_ = false;
     lock.unlock();
+    for (const std::uint64_t id : ids) answer(id, TapVerdict::pass);
     KeyEvent disabled;
     disabled.type = EventType::tapDisabledByTimeout;
-    dispatch(disabled, 0, 0, false, false);
+    dispatch(disabled, 0, false, false);
     lock.lock();
   }
 }
 
 // ---- Main thread ----
 
-void X11EventTap::Session::dispatch(KeyEvent event, std::uint64_t id, xcb_timestamp_t time, bool press,
-                                    bool frozen) {
-  loop_.dispatchMain([weak = weak_from_this(), event = std::move(event), id, time, press, frozen] {
-    if (auto self = weak.lock()) self->deliver(event, id, time, press, frozen);
+void X11EventTap::Session::dispatch(KeyEvent event, std::uint64_t id, bool press, bool activating) {
+  loop_.dispatchMain([weak = weak_from_this(), event = std::move(event), id, press, activating] {
+    if (auto self = weak.lock()) self->deliver(event, id, press, activating);
   });
 }
 
-void X11EventTap::Session::deliver(const KeyEvent& event, std::uint64_t id, xcb_timestamp_t time, bool press,
-                                   bool frozen) {
-  if (frozen) {
+void X11EventTap::Session::deliver(const KeyEvent& event, std::uint64_t id, bool press, bool activating) {
+  if (activating) {
     std::lock_guard lock(pendingMutex_);
     // Already let through by the watchdog: the guard never saw it, as with a disabled tap.
-    if (!pending_ || pending_->id != id) return;
+    if (!isPending(id)) return;
   }
   const std::shared_ptr<Callback> callback = callback_;
   TapVerdict verdict = TapVerdict::pass;
@@ -596,31 +628,83 @@ void X11EventTap::Session::deliver(const KeyEvent& event, std::uint64_t id, xcb_
     verdict = (*callback)(event);
     inCallback_ = false;
   }
-  if (press) answer(id, time, verdict, frozen);
+  // NOTE: a press inside a grab that stays active (keys typed during a hold) has no answer: the
+  // grab keeps it from the client either way.
+  if (press && activating) answer(id, verdict);
   std::vector<KeyEvent> held;
   held.swap(deferred_);
   for (const KeyEvent& posted : held) inject(posted);
 }
 
-void X11EventTap::Session::answer(std::uint64_t id, xcb_timestamp_t time, TapVerdict verdict, bool frozen) {
-  std::lock_guard lock(pendingMutex_);
-  if (frozen) {
-    if (!pending_ || pending_->id != id) return;
-    grabActive_ = verdict == TapVerdict::swallow;
-    grabKey_ = pending_->keycode;
-    if (!grabActive_ && !xinputOpcode_) coreDown_.erase(pending_->keycode);
-    pending_.reset();
+void X11EventTap::Session::answer(std::uint64_t id, TapVerdict verdict) {
+  Pending press;
+  {
+    std::lock_guard lock(pendingMutex_);
+    const auto it = std::find_if(pending_.begin(), pending_.end(), [&](const Pending& p) { return p.id == id; });
+    if (it == pending_.end()) return;
+    press = *it;
+    pending_.erase(it);
+    if (verdict == TapVerdict::pass && !xinputOpcode_) coreDown_.erase(press.keycode);
   }
-  // NOTE: for a press inside an active asynchronous grab the server ignores this request (nothing
-  // is frozen), which keeps a wrong guess about the grab state harmless.
-  xcb_allow_events(connection_, verdict == TapVerdict::pass ? XCB_ALLOW_REPLAY_KEYBOARD : XCB_ALLOW_ASYNC_KEYBOARD,
-                   time);
+  // Swallowed: the grab stays until the key goes up, so its key-up and the modifier changes come
+  // here.
+  if (verdict == TapVerdict::pass) passThrough(press.id, press.keycode, press.flags);
+}
+
+void X11EventTap::Session::passThrough(std::uint64_t id, xcb_keycode_t keycode, std::uint64_t flags) {
+  // The grab took the press from the focused client; give it back with XTest: lift the grab, type
+  // the key with the modifiers it was pressed with, and put the grab back. Everything goes out in
+  // one flush after one round trip (which keys are down now).
+  const std::shared_ptr<const Keymap> map = keymap();
+  XPtr<xcb_query_keymap_reply_t> keys(xcb_query_keymap_reply(connection_, xcb_query_keymap(connection_), nullptr));
+  const auto isDown = [&](xcb_keycode_t code) { return keys && (keys->keys[code / 8] & (1U << (code % 8))); };
+  {
+    std::lock_guard lock(pendingMutex_);
+    if (grabActive_ && grabId_ == id) {
+      xcb_ungrab_keyboard(connection_, XCB_CURRENT_TIME);
+      grabActive_ = false;
+    }
+  }
+  liftGrab(keycode);
+  // Modifiers the user let go of before the answer (a quick tap while the main loop was busy) are
+  // pressed around the key, so the client still gets the combination.
+  std::vector<xcb_keycode_t> pressed;
+  for (const auto& [flag, mask] : modifierMasks(*map)) {
+    if (!(flags & flag)) continue;
+    bool held = false;
+    for (int code = 8; code < 256 && !held; ++code) {
+      held = isDown(static_cast<xcb_keycode_t>(code)) && (map->modifierOf(static_cast<xcb_keycode_t>(code)) & mask);
+    }
+    const xcb_keycode_t modifierKey = held ? 0 : map->keycodeForModifier(mask);
+    if (modifierKey == 0) continue;
+    xcb_test_fake_input(connection_, XCB_KEY_PRESS, modifierKey, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+    pressed.push_back(modifierKey);
+  }
+  // When the user's keys come through XTEST too (xdotool, VNC), that device holds the key and a
+  // second press would read as a repeat: release it first. For any other keyboard the server
+  // ignores this release.
+  if (isDown(keycode)) xcb_test_fake_input(connection_, XCB_KEY_RELEASE, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+  {
+    std::lock_guard lock(ownMutex_);
+    own_.emplace_back(keycode, Clock::now() + kOwnEventWindow);
+  }
+  // A whole key stroke: nothing is left down on the XTEST device whatever the user does next. A
+  // key still held repeats into the grab again and each repeat is answered the same way.
+  xcb_test_fake_input(connection_, XCB_KEY_PRESS, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+  xcb_test_fake_input(connection_, XCB_KEY_RELEASE, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+  for (auto it = pressed.rbegin(); it != pressed.rend(); ++it) {
+    xcb_test_fake_input(connection_, XCB_KEY_RELEASE, *it, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+  }
+  // NOTE: the server handles XTEST input while it runs the request, so the key has reached the
+  // client before the regrab is in effect.
+  restoreGrab(keycode);
   xcb_flush(connection_);
 }
 
 void X11EventTap::Session::post(const KeyEvent& event) {
   if (inCallback_) {
-    // The keyboard is frozen at the press being answered; injected keys would queue behind it.
+    // The grab of the press being answered is still active and would take injected keys; they go
+    // out once it is answered.
     deferred_.push_back(event);
     return;
   }
@@ -659,13 +743,7 @@ void X11EventTap::Session::inject(const KeyEvent& event) {
       }
       return false;
     };
-    const std::pair<std::uint64_t, std::uint16_t> wanted[] = {
-        {kFlagCommand, XCB_MOD_MASK_CONTROL},
-        {kFlagShift, XCB_MOD_MASK_SHIFT},
-        {kFlagOption, map->altMask()},
-        {kFlagControl, map->superMask()},
-    };
-    for (const auto& [flag, mask] : wanted) {
+    for (const auto& [flag, mask] : modifierMasks(*map)) {
       if (!(event.flags & flag) || isDown(mask)) continue;
       const xcb_keycode_t modifierKey = map->keycodeForModifier(mask);
       if (modifierKey == 0) continue;
@@ -770,6 +848,8 @@ void X11EventTap::post(const KeyEvent& event) {
 std::vector<KeyGrab> X11EventTap::activeGrabs() const { return session_ ? session_->grabs() : std::vector<KeyGrab>{}; }
 
 int X11EventTap::rebuildCount() const { return session_ ? session_->rebuilds() : 0; }
+
+std::string X11EventTap::problem() const { return session_ ? session_->problem() : std::string(); }
 
 X11TapHandle::~X11TapHandle() { session_->stopTap(); }
 

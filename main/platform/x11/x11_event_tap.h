@@ -13,15 +13,17 @@ namespace tarry::platform::x11 {
 
 /// The event tap on an X11 session.
 ///
-/// Passive grabs on the root window catch the guarded combinations (see `Keymap::grabs`) with the
-/// keyboard in synchronous mode: the server freezes the keyboard at the press until the tap
-/// answers. Passing replays the press to the focused client (AllowEvents ReplayKeyboard);
-/// swallowing thaws the keyboard and keeps the grab active (AsyncKeyboard), so the key-up and the
-/// modifier changes that follow reach the tap until the key is released.
+/// Passive grabs on the root window catch the guarded combinations (see `Keymap::grabs`) in
+/// asynchronous mode: the server never freezes the keyboard for this program, and it ends the grab
+/// a press activated when that key goes up, so no state of this process (stuck, stopped by
+/// SIGSTOP or a debugger, frozen with its cgroup) can hold the keyboard longer than the user holds
+/// the key. Swallowing keeps the active grab, so the key-up and the modifier changes that follow
+/// reach the tap. Passing ends the grab and types the key again with XTest, with this program's
+/// grab on that key lifted around the injection.
 ///
 /// A backend thread reads the X events and hands each one to the main loop. Should the main loop
-/// not answer a frozen press within `answerTimeout`, that thread replays the press itself, disables
-/// the tap and reports `tapDisabledByTimeout`: the keyboard is never frozen for longer.
+/// not answer a press within `answerTimeout`, a watchdog thread lets it through itself, disables
+/// the tap and reports `tapDisabledByTimeout`.
 ///
 /// Posting uses XTest with this program's grab on that key lifted around the injection.
 class X11EventTap final : public EventTap {
@@ -29,7 +31,7 @@ class X11EventTap final : public EventTap {
   struct Options {
     /// The display to open; empty means `$DISPLAY`.
     std::string display;
-    /// Seconds a frozen press may wait for the main loop before it is let through.
+    /// Seconds a press may wait for the main loop before it is let through.
     double answerTimeout = 0.5;
   };
 
@@ -49,6 +51,8 @@ class X11EventTap final : public EventTap {
   /// Key-downs and key-ups are injected with XTest; a post made inside the tap callback is held
   /// until the press being answered has been let go or swallowed.
   void post(const KeyEvent& event) override;
+  /// The display connection broke, or the grabs made anew after a keymap change were refused.
+  [[nodiscard]] std::string problem() const override;
 
   /// The grabs in place now (empty without a tap); for diagnostics and tests.
   [[nodiscard]] std::vector<KeyGrab> activeGrabs() const;

@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <string_view>
+#include <vector>
 
 namespace tarry::platform::x11 {
 namespace {
@@ -33,7 +35,40 @@ std::string lower(std::string text) {
   return text;
 }
 
+std::vector<std::string> commandLineOf(std::int32_t pid) {
+  std::vector<std::string> args;
+  if (pid <= 0) return args;
+  std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+  for (std::string arg; std::getline(in, arg, '\0');) args.push_back(arg);
+  return args;
+}
+
+/// A window class that a toolkit gives every program built with it, so it names none of them.
+bool isGenericClass(const std::string& name) {
+  const std::string l = lower(name);
+  return l.empty() || l == "tk" || l == "toplevel" || l == "wish";
+}
+
 }  // namespace
+
+std::string scriptNameOf(const std::vector<std::string>& args) {
+  if (args.empty()) return {};
+  const std::string program = std::filesystem::path(args[0]).filename().string();
+  static constexpr std::string_view kInterpreters[] = {"python", "perl",  "ruby", "node",
+                                                       "wish",   "tclsh", "lua",  "java"};
+  const bool interpreter = std::any_of(std::begin(kInterpreters), std::end(kInterpreters),
+                                       [&](std::string_view name) { return program.starts_with(name); });
+  if (!interpreter) return {};
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    if (arg == "-m" && i + 1 < args.size()) return args[i + 1];
+    if (arg == "-jar" && i + 1 < args.size()) return std::filesystem::path(args[i + 1]).stem().string();
+    if (arg == "-c" || arg == "-e") return {};  // a program given inline has no name
+    if (arg.empty() || arg[0] == '-') continue;
+    return std::filesystem::path(arg).stem().string();
+  }
+  return {};
+}
 
 Icon pickWindowIcon(const std::vector<std::uint32_t>& data) {
   std::size_t best = data.size();
@@ -46,7 +81,8 @@ Icon pickWindowIcon(const std::vector<std::uint32_t>& data) {
     if (w == 0 || h == 0 || i + 2 + count > data.size()) break;
     const std::uint32_t side = std::max(w, h);
     const bool fits = side <= kMaxIconSide;
-    if (best == data.size() || (fits && (!bestFits || side > bestSide)) || (!fits && !bestFits && side < bestSide)) {
+    if (best == data.size() || (fits && (!bestFits || side > bestSide)) ||
+        (!fits && !bestFits && side < bestSide)) {
       best = i;
       bestSide = side;
       bestFits = fits;
@@ -110,19 +146,38 @@ X11Workspace::Resolved X11Workspace::resolve(xcb_window_t window) const {
     entry = entries_.findById(id);
   } else {
     for (const std::string& name : {wmClass, instance}) {
-      if (!entry && !name.empty()) entry = entries_.findByStartupWMClass(name);
+      if (!entry && !isGenericClass(name)) entry = entries_.findByStartupWMClass(name);
     }
     // Many entries carry no StartupWMClass and are simply named after the program.
     for (const std::string& name : {wmClass, instance, lower(wmClass)}) {
-      if (!entry && !name.empty()) entry = entries_.findById(name);
+      if (!entry && !isGenericClass(name)) entry = entries_.findById(name);
     }
     if (entry) app.bundleID = entry->id;
   }
   const std::string exe = executableOf(app.pid);
-  if (app.bundleID.empty()) app.bundleID = std::filesystem::path(exe).filename().string();
+  if (app.bundleID.empty()) {
+    // No desktop entry: the window class the program gave itself names it better than the
+    // executable, which for scripts is the interpreter's (python3.11) and would put every Python
+    // program under one rule. Toolkit-generic classes (every tkinter window is "Tk") do not.
+    if (!isGenericClass(wmClass)) {
+      app.bundleID = wmClass;
+    } else if (!isGenericClass(instance)) {
+      app.bundleID = instance;
+    } else {
+      app.bundleID = scriptNameOf(commandLineOf(app.pid));
+    }
+    if (app.bundleID.empty()) app.bundleID = std::filesystem::path(exe).filename().string();
+  }
 
-  app.localizedName = entry && !entry->name.empty() ? entry->name : !wmClass.empty() ? wmClass : instance;
-  if (app.localizedName.empty()) app.localizedName = std::filesystem::path(exe).filename().string();
+  if (entry && !entry->name.empty()) {
+    app.localizedName = entry->name;
+  } else if (!isGenericClass(wmClass)) {
+    app.localizedName = wmClass;
+  } else if (!isGenericClass(instance)) {
+    app.localizedName = instance;
+  } else {
+    app.localizedName = app.bundleID;  // the script's name rather than "Tk"
+  }
   app.path = entry ? entry->path : exe;
   // NOTE: some window managers (openbox) put a generic picture into _NET_WM_ICON of windows that
   // bring none; that is what their task bars show too.
@@ -183,7 +238,8 @@ void X11Workspace::readClients() {
   }
   // Follow the properties that make up a window's identity, which toolkits may set after mapping.
   const std::uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
-  for (const xcb_window_t w : added) xcb_change_window_attributes(display_.connection(), w, XCB_CW_EVENT_MASK, &mask);
+  for (const xcb_window_t w : added)
+    xcb_change_window_attributes(display_.connection(), w, XCB_CW_EVENT_MASK, &mask);
   xcb_flush(display_.connection());
 }
 
@@ -228,6 +284,24 @@ void X11Workspace::watch() {
   }
 }
 
+std::string X11Workspace::problem() const {
+  if (xcb_connection_has_error(display_.connection())) return "lost the connection to the X display";
+  const Atoms& atoms = display_.atoms();
+  // EWMH: the window manager's check window names itself in the same property while it runs.
+  const auto check = display_.cardinals(display_.root(), atoms.netSupportingWmCheck, 1);
+  const auto self =
+      check && !check->empty() ? display_.cardinals((*check)[0], atoms.netSupportingWmCheck, 1) : std::nullopt;
+  if (!self || self->empty() || (*self)[0] != (*check)[0]) {
+    return "no EWMH window manager is running, so the active window is unknown and Ctrl+Q, Ctrl+W and "
+           "Ctrl+Shift+Q pass unguarded";
+  }
+  if (!display_.supported(atoms.netActiveWindow)) {
+    return "the window manager does not announce the active window (_NET_ACTIVE_WINDOW), so Ctrl+Q, Ctrl+W "
+           "and Ctrl+Shift+Q pass unguarded";
+  }
+  return {};
+}
+
 std::optional<RunningApp> X11Workspace::frontmostApplication() {
   xcb_window_t window = 0;
   bool known = false;
@@ -255,7 +329,8 @@ std::vector<RunningApp> X11Workspace::runningApplications() {
   for (const xcb_window_t w : clients) {
     const Resolved r = cached(w);
     if (r.app.pid <= 0) continue;
-    auto same = std::find_if(apps.begin(), apps.end(), [&](const RunningApp& a) { return a.pid == r.app.pid; });
+    auto same =
+        std::find_if(apps.begin(), apps.end(), [&](const RunningApp& a) { return a.pid == r.app.pid; });
     if (same == apps.end()) {
       apps.push_back(r.app);
     } else if (r.regular && !same->regular) {
@@ -278,7 +353,8 @@ bool X11Workspace::terminate(const RunningApp& app) {
       continue;
     }
     const auto protocols = display_.cardinals(w, atoms.wmProtocols, 32);
-    if (!protocols || std::find(protocols->begin(), protocols->end(), atoms.wmDeleteWindow) == protocols->end()) {
+    if (!protocols ||
+        std::find(protocols->begin(), protocols->end(), atoms.wmDeleteWindow) == protocols->end()) {
       continue;
     }
     xcb_client_message_event_t message{};
@@ -288,7 +364,8 @@ bool X11Workspace::terminate(const RunningApp& app) {
     message.type = atoms.wmProtocols;
     message.data.data32[0] = atoms.wmDeleteWindow;
     message.data.data32[1] = XCB_CURRENT_TIME;
-    xcb_send_event(display_.connection(), 0, w, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&message));
+    xcb_send_event(display_.connection(), 0, w, XCB_EVENT_MASK_NO_EVENT,
+                   reinterpret_cast<const char*>(&message));
     sent = true;
   }
   xcb_flush(display_.connection());

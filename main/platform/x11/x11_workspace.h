@@ -16,7 +16,8 @@ namespace tarry::platform::x11 {
 /// An application is a process that owns managed windows (`_NET_CLIENT_LIST`); the frontmost one
 /// owns `_NET_ACTIVE_WINDOW`. Its identifier is the desktop-file id (`_GTK_APPLICATION_ID`,
 /// `_KDE_NET_WM_DESKTOP_FILE`, then WM_CLASS matched against the installed entries), else the
-/// executable's name; its icon the window's `_NET_WM_ICON`, else the entry's theme icon. A
+/// window's class (WM_CLASS; for the generic "Tk" the instance or the script an interpreter runs),
+/// else the executable's name; its icon the window's `_NET_WM_ICON`, else the entry's theme icon. A
 /// backend thread follows the root window's properties, so the tap
 /// callback's question "who is frontmost" is answered from memory.
 class X11Workspace final : public Workspace {
@@ -37,6 +38,11 @@ class X11Workspace final : public Workspace {
   [[nodiscard]] std::int32_t ownPid() const override;
   [[nodiscard]] Icon ownIcon() const override { return ownIcon_; }
   [[nodiscard]] std::vector<std::string> identifierEquivalents(IdentifierSet set) const override;
+  /// No EWMH window manager announces itself (`_NET_SUPPORTING_WM_CHECK`) or the active window
+  /// (`_NET_ACTIVE_WINDOW` in `_NET_SUPPORTED`), or the display was lost. NOTE: a few quick
+  /// requests to the server, not from memory: a window manager that went away leaves its root
+  /// properties behind and sends nothing.
+  [[nodiscard]] std::string problem() const override;
 
  private:
   struct Resolved {
@@ -70,5 +76,9 @@ class X11Workspace final : public Workspace {
 /// The icon to show for a window: of the `_NET_WM_ICON` images (width, height, ARGB pixels, ...)
 /// the largest no larger than 64 px, else the smallest; empty when the data holds none.
 [[nodiscard]] Icon pickWindowIcon(const std::vector<std::uint32_t>& data);
+
+/// The name of the script an interpreter runs, from its command line ("python3 -u ~/bin/notes.py"
+/// gives "notes", "python3 -m notes" gives "notes"); empty for other programs and inline code.
+[[nodiscard]] std::string scriptNameOf(const std::vector<std::string>& args);
 
 }  // namespace tarry::platform::x11
