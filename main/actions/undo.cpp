@@ -22,8 +22,6 @@ constexpr double kQuitBannerSec = 2.4;
 constexpr double kBatchBannerSec = 3.0;
 constexpr double kReportBannerSec = 1.6;
 constexpr const char* kRecentsKey = "recents";
-/// The program's key code of the T key (the reopen-closed-tab shortcut).
-constexpr std::int64_t kKeyT = 17;
 
 /// Browsers that reopen their last session with Ctrl+Shift+T after a fresh start.
 const std::vector<std::string>& builtInSessionRestorers() {
@@ -65,6 +63,10 @@ Undo::~Undo() { alive_.reset(); }
 
 void Undo::changed() const {
   if (onChange) onChange();
+}
+
+void Undo::log(const std::string& line) const {
+  if (onLog) onLog(line);
 }
 
 // MARK: - Capture and records
@@ -168,8 +170,13 @@ void Undo::recordAfterQuit(const RunningApp& app, const std::string& path, const
   platform::Icon icon = app.icon;
   watchEnd({app.pid}, issuedAt, [this, path, name, icon](const std::vector<bool>& ended) {
     // An app still running after 8 s refused or asked about unsaved work: no record, no banner.
-    if (!ended.front()) return;
+    if (!ended.front()) {
+      log("undo: " + name + " did not quit within 8 s; nothing to undo");
+      return;
+    }
     makeRecord({path});
+    log("undo: " + name + " quit; " + std::string(guard::keysText(guard::Shortcut::undo)) +
+        " can bring it back");
     deps_.hud.flash("Quit " + name + undoSuffix(), icon, kQuitBannerSec);
   });
 }
@@ -252,6 +259,7 @@ void Undo::restoreAll(const std::vector<std::string>& paths) {
   }
   tally->pending = static_cast<int>(todo.size());
   const auto report = [this, tally] {
+    log("undo: brought back " + std::to_string(tally->back) + " of " + std::to_string(tally->names.size()));
     deps_.counters.add("reopened", tally->back);
     deps_.hud.flash(undoReport(tally->names, tally->back), deps_.workspace.ownIcon(), kReportBannerSec);
   };
@@ -294,6 +302,7 @@ void Undo::restore(const Snap& snap, Done done) {
     loop->dispatchMain([this, alive, job, launched, done] {
       if (alive.expired()) return;
       if (!launched) {
+        log("undo: cannot start " + job->snap.path);
         done(false);
         return;
       }
@@ -332,7 +341,7 @@ void Undo::stepRestore(const std::shared_ptr<Restore>& job, std::int32_t pid, st
     // A fresh start of these browsers opens one empty window; Ctrl+Shift+T brings the last session.
     job->keysSent = true;
     platform::KeyEvent key;
-    key.keyCode = kKeyT;
+    key.keyCode = platform::kKeyT;
     key.flags = platform::kFlagCommand | platform::kFlagShift;
     key.userData = platform::kOwnEventMarker;
     key.type = platform::EventType::keyDown;
@@ -386,6 +395,7 @@ void Undo::stepRestore(const std::shared_ptr<Restore>& job, std::int32_t pid, st
     });
   }
   if (finished) {
+    if (!job->running) log("undo: " + job->snap.name + " did not come back in time");
     done(job->running);
     return;
   }

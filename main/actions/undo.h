@@ -102,6 +102,8 @@ class Undo final : public guard::UndoHooks {
 
   /// Called on the main thread whenever the record or the recents list changed (menus refresh).
   std::function<void()> onChange;
+  /// One line for the diagnostic log (main thread).
+  std::function<void(const std::string&)> onLog;
 
   /// The record, for tests and the status menu: affected paths and its date (seconds since 1970).
   struct Record {
@@ -124,6 +126,7 @@ class Undo final : public guard::UndoHooks {
   void makeRecord(std::vector<std::string> paths);
   [[nodiscard]] bool restoresOwnSession(const std::string& bundleID) const;
   void changed() const;
+  void log(const std::string& line) const;
 
   UndoDeps deps_;
   std::map<std::string, Snap> snaps_;  // by path

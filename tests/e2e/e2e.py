@@ -188,6 +188,101 @@ def stalled_main_thread_frees_the_keyboard(h):
     check(len(client.presses(KEY_Q)) == 1, "Ctrl+Q passed after the tap came back")
 
 
+# ---- Undo Quit, Quit All Other Apps ----
+
+def write_entry(h, desktop_id, name, wm_class, exec_args):
+    """Installs a desktop entry whose Exec starts the test client with `exec_args`."""
+    path = os.path.join(h.tmp, "data", "applications", desktop_id + ".desktop")
+    words = [os.path.abspath(h.client)] + list(exec_args)
+    with open(path, "w", encoding="utf-8") as f:
+        f.write("[Desktop Entry]\nType=Application\nName=%s\nExec=%s\nStartupWMClass=%s\nPath=%s\n"
+                % (name, " ".join('"%s"' % w for w in words), wm_class, h.tmp))
+    return path
+
+
+def frame_of(h, window):
+    """(x, y, width, height) of a client window on the root, as xwininfo reports it."""
+    out = subprocess.run(["xwininfo", "-id", str(window)], env=h.env, capture_output=True, text=True,
+                         timeout=10).stdout
+    values = {}
+    for line in out.splitlines():
+        key, _, value = line.strip().partition(":")
+        values[key] = value.strip()
+    return (int(values["Absolute upper-left X"]), int(values["Absolute upper-left Y"]), int(values["Width"]),
+            int(values["Height"]))
+
+
+def minimized(h, window):
+    out = subprocess.run(["xprop", "-id", str(window), "_NET_WM_STATE"], env=h.env, capture_output=True,
+                         text=True, timeout=10).stdout
+    return "_NET_WM_STATE_HIDDEN" in out
+
+
+def ready_windows(log):
+    """Window ids of the client that logged to `log`, once it mapped them."""
+    try:
+        with open(log, encoding="utf-8") as f:
+            for line in f:
+                words = line.split()
+                if len(words) >= 2 and words[1] == "ready":
+                    return [int(w) for w in words[2:]]
+    except FileNotFoundError:
+        pass
+    return None
+
+
+def hold_quit(h, client):
+    h.keydown("ctrl+q")
+    wait_for("the client to end", lambda: not client.alive(), timeout=6)
+    h.keyup("ctrl+q")
+
+
+def close_enough(a, b, slack=4):
+    return all(abs(x - y) <= slack for x, y in zip(a, b))
+
+
+@case
+def undo_brings_back_windows(h):
+    relaunch_log = os.path.join(h.tmp, "relaunched.log")
+    common = ["--windows", "2", "--title", "Notes", "--geometry", "320x200+100+100"]
+    write_entry(h, CLIENT_ID, "Notes", "TarryTestClient", ["--log", relaunch_log] + common)
+    client = h.start_client("app", *(common + ["--minimize", "1"]))
+    first, second = client.windows
+    # The second window is moved and resized by the user; the first stays minimized.
+    h.x("xdotool", "windowsize", "--sync", str(second), "400", "260")
+    h.x("xdotool", "windowmove", "--sync", str(second), "640", "380")
+    settle()
+    wait_for("the first window to be minimized", lambda: minimized(h, first), timeout=5)
+    before = frame_of(h, second)
+    h.activate(second)
+    h.start_tarry()
+    hold_quit(h, client)
+    wait_for("the undo banner's record", lambda: "quit confirmed" in h.events_log(), timeout=5)
+    settle(0.6)
+    h.key("ctrl+alt+z")
+    windows = wait_for("the app to come back", lambda: ready_windows(relaunch_log), timeout=10)
+    again_first, again_second = windows
+    wait_for("the moved window back in its place (was %s)" % (before,),
+             lambda: close_enough(frame_of(h, again_second), before), timeout=10)
+    wait_for("the first window minimized again", lambda: minimized(h, again_first), timeout=10)
+    check(not minimized(h, again_second), "the second window came back minimized")
+    wait_for("the reopened app to be counted", lambda: h.counter("reopened") == 1, timeout=10)
+
+
+@case
+def undo_expires_after_30s(h):
+    relaunch_log = os.path.join(h.tmp, "relaunched.log")
+    write_entry(h, CLIENT_ID, "Notes", "TarryTestClient", ["--log", relaunch_log])
+    client = h.start_client("app")
+    h.start_tarry()
+    hold_quit(h, client)
+    time.sleep(30.5)
+    h.key("ctrl+alt+z")
+    settle(3)
+    check(ready_windows(relaunch_log) is None, "Ctrl+Alt+Z brought the app back after 30 s")
+    check(h.counter("reopened") == 0, "something was reopened")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--tarry")

@@ -4,6 +4,7 @@
 #include "platform/workspace.h"
 #include "platform/x11/x11_display.h"
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -38,6 +39,13 @@ class X11Workspace final : public Workspace {
   [[nodiscard]] Icon ownIcon() const override { return ownIcon_; }
   [[nodiscard]] std::vector<std::string> identifierEquivalents(IdentifierSet set) const override;
 
+  /// Called on the backend's thread with the process id of each app that becomes the active one
+  /// (the RAM Saver's last-activation table). Set it once, before anything can be activated.
+  void setOnActivated(std::function<void(std::int32_t pid)> onActivated) {
+    std::lock_guard lock(mutex_);
+    onActivated_ = std::move(onActivated);
+  }
+
  private:
   struct Resolved {
     RunningApp app;
@@ -63,6 +71,8 @@ class X11Workspace final : public Workspace {
   std::vector<xcb_window_t> clients_;
   bool clientsKnown_ = false;
   std::map<xcb_window_t, Resolved> byWindow_;
+  std::function<void(std::int32_t)> onActivated_;
+  std::int32_t activePid_ = 0;
 
   std::thread watcher_;
 };
