@@ -199,6 +199,8 @@ void Undo::recordBatch(std::vector<QuitEntry> entries,
                }
              }
              const int recorded = static_cast<int>(paths.size());
+             log("undo: " + std::to_string(gone.size()) + " of " + std::to_string(entries.size()) +
+                 " apps quit, " + std::to_string(recorded) + " can be brought back");
              if (recorded > 0) makeRecord(std::move(paths));
              if (completion) completion(recorded, gone);
            });

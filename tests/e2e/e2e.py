@@ -283,6 +283,40 @@ def undo_expires_after_30s(h):
     check(h.counter("reopened") == 0, "something was reopened")
 
 
+@case
+def quit_others_and_undo(h):
+    logs = {}
+    for n, (desktop_id, wm_class) in enumerate([("org.tarry.One", "AppOne"), ("org.tarry.Two", "AppTwo")]):
+        logs[wm_class] = os.path.join(h.tmp, wm_class + "-again.log")
+        write_entry(h, desktop_id, wm_class, wm_class,
+                    ["--log", logs[wm_class], "--class", "%s,%s" % (wm_class.lower(), wm_class)])
+    write_entry(h, "org.tarry.Writer", "Writer", "Writer", ["--class", "writer,Writer"])
+    one = h.start_client("one", "--class", "appone,AppOne", "--geometry", "300x200+60+60")
+    two = h.start_client("two", "--class", "apptwo,AppTwo", "--geometry", "300x200+420+60")
+    # Asks about unsaved work: stays open, and is not counted as quit.
+    writer = h.start_client("writer", "--class", "writer,Writer", "--refuse-close", "--geometry", "300x200+780+60")
+    front = h.start_client("front", "--geometry", "300x200+60+420")
+    h.start_tarry({"TARRY_DEBUG_QUIT_OTHERS_AFTER": "1"})
+
+    def alert():
+        result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^Tarry$"], env=h.env,
+                                capture_output=True, text=True, timeout=10)
+        return result.stdout.split()
+    window = wait_for("the confirmation", alert, timeout=10)[0]
+    h.activate(int(window))
+    h.key("Return")
+    wait_for("both apps to end", lambda: not one.alive() and not two.alive(), timeout=8)
+    wait_for("the batch record", lambda: "2 can be brought back" in h.events_log(), timeout=12)
+    check(writer.alive() and front.alive(), "the app with unsaved work or the front app ended")
+    check(any(words[0] == "refuse" for at, words in writer.lines()), "the writer was not asked to quit")
+    check(h.counter("bulkRuns") == 1 and h.counter("bulk") == 3,
+          "counted %d runs, %d apps" % (h.counter("bulkRuns"), h.counter("bulk")))
+    h.key("ctrl+alt+z")
+    for wm_class, log in logs.items():
+        wait_for(wm_class + " to come back", lambda log=log: ready_windows(log), timeout=12)
+    wait_for("two reopened apps to be counted", lambda: h.counter("reopened") == 2, timeout=12)
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--tarry")
