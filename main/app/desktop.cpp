@@ -175,7 +175,8 @@ int runDesktop(int argc, char** argv) {
   // On the display's own connection: the server ends the suspension if the program dies mid-hold.
   platform::x11::X11Activity power(display->connection());
   platform::qt::QtAlerts alerts;
-  AppActions actions({loop, workspace, windows, *tap, entries, processes, alerts, prefs, tunables, counters, hud, log});
+  AppActions actions(
+      {loop, workspace, windows, *tap, entries, processes, alerts, prefs, tunables, counters, hud, log});
   guard::UndoHooks& undo = actions.undoHooks();
   diagnostics::BasicAppTelemetry telemetry(workspace);
   guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log, hud,

@@ -255,7 +255,8 @@ int main(int argc, char** argv) {
       if (kind == XCB_KEY_PRESS && mods == XCB_MOD_MASK_CONTROL && lowerSym == XKB_KEY_w) close(key->event);
     } else if (kind == XCB_MAP_NOTIFY) {
       const auto* map = reinterpret_cast<const xcb_map_notify_event_t*>(event);
-      if (minimize >= 1 && minimize <= count && map->window == windows[static_cast<std::size_t>(minimize - 1)]) {
+      if (minimize >= 1 && minimize <= count &&
+          map->window == windows[static_cast<std::size_t>(minimize - 1)]) {
         minimize = 0;  // once: a window restored later stays so
         // ICCCM: iconify by WM_CHANGE_STATE (IconicState) to the root window.
         xcb_client_message_event_t message{};
@@ -264,7 +265,8 @@ int main(int argc, char** argv) {
         message.window = map->window;
         message.type = changeState;
         message.data.data32[0] = 3;
-        xcb_send_event(c, 0, screen->root, XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT,
+        xcb_send_event(c, 0, screen->root,
+                       XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT,
                        reinterpret_cast<const char*>(&message));
         xcb_flush(c);
       }
