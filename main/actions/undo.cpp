@@ -134,6 +134,11 @@ void Undo::clearRecents() {
 void Undo::makeRecord(std::vector<std::string> paths) {
   record_ = Record{std::move(paths), deps_.loop.now()};
   changed();
+  // The menu's Undo Quit row goes away when the record expires, without anyone opening the menu.
+  std::weak_ptr<char> alive = alive_;
+  expiry_ = deps_.loop.after(deps_.tunables.real(T::undoWindowSec), [this, alive] {
+    if (!alive.expired()) changed();
+  });
 }
 
 void Undo::watchEnd(std::vector<std::int32_t> pids, double issuedAt,
@@ -233,6 +238,7 @@ void Undo::undo() {
   if (!canUndo()) return;
   std::vector<std::string> paths = std::move(record_->paths);
   record_.reset();
+  expiry_.cancel();
   changed();
   restoreAll(paths);
 }
@@ -339,8 +345,12 @@ void Undo::pollRestore(const std::shared_ptr<Restore>& job, const Done& done) {
 void Undo::stepRestore(const std::shared_ptr<Restore>& job, std::int32_t pid, std::vector<WindowInfo> live,
                        const Done& done) {
   if (pid > 0) job->running = true;
-  if (!live.empty() && !job->keysSent && restoresOwnSession(job->snap.bundleID)) {
-    // A fresh start of these browsers opens one empty window; Ctrl+Shift+T brings the last session.
+  // A fresh start of these browsers opens one empty window; Ctrl+Shift+T brings the last session.
+  // NOTE: posted keys go to whatever has the focus, so only once the browser itself has it.
+  const auto front = !live.empty() && !job->keysSent && restoresOwnSession(job->snap.bundleID)
+                         ? deps_.workspace.frontmostApplication()
+                         : std::nullopt;
+  if (front && front->pid == pid) {
     job->keysSent = true;
     platform::KeyEvent key;
     key.keyCode = platform::kKeyT;

@@ -132,6 +132,7 @@ class Undo final : public guard::UndoHooks {
   std::map<std::string, Snap> snaps_;  // by path
   std::optional<Record> record_;
   std::map<std::int64_t, platform::Scheduled> polls_;
+  platform::Scheduled expiry_;
   std::int64_t nextPoll_ = 0;
   std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
