@@ -45,6 +45,22 @@ TEST(ExecArguments, FieldCodesAndQuoting) {
   }
 }
 
+TEST(ServiceUnit, OnlyAServiceOtherThanTheUserManagerCounts) {
+  tarry::testing::TempDir dir;
+  const auto check = [&](const std::string& text) {
+    std::ofstream(dir / "cgroup") << text;
+    return runsInServiceUnit(dir / "cgroup");
+  };
+  EXPECT_TRUE(
+      check("0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-tarry@autostart.service\n"));
+  EXPECT_FALSE(check("0::/user.slice/user-1000.slice/session-2.scope\n"));
+  EXPECT_FALSE(
+      check("0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-gnome-tarry-4242.scope\n"));
+  EXPECT_FALSE(check("0::/user.slice/user-1000.slice/user@1000.service\n"));
+  EXPECT_FALSE(check("0::/\n"));
+  EXPECT_FALSE(runsInServiceUnit(dir / "absent"));
+}
+
 class DesktopLauncherTest : public ::testing::Test {
  protected:
   void write(const std::string& name, const std::string& text) { std::ofstream(dir / name) << text; }

@@ -6,7 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <string_view>
 
 namespace tarry::platform::os {
 namespace {
@@ -57,7 +60,45 @@ std::optional<std::vector<Word>> splitWords(const std::string& exec) {
   return words;
 }
 
+/// The full path of `program` on PATH; empty when it is not there.
+std::string onPath(const std::string& program) {
+  const char* path = std::getenv("PATH");
+  std::string_view rest = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
+  while (true) {
+    const auto colon = rest.find(':');
+    const std::string dir(rest.substr(0, colon));
+    if (!dir.empty()) {
+      const std::string candidate = dir + "/" + program;
+      if (access(candidate.c_str(), X_OK) == 0) return candidate;
+    }
+    if (colon == std::string_view::npos) return {};
+    rest.remove_prefix(colon + 1);
+  }
+}
+
 }  // namespace
+
+bool runsInServiceUnit(const std::string& cgroupFile) {
+  std::ifstream in(cgroupFile);
+  std::string line;
+  while (std::getline(in, line)) {
+    // cgroup v2: "0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-x@autostart.service"
+    if (line.rfind("0::", 0) != 0) continue;
+    const std::string leaf = line.substr(line.rfind('/') + 1);
+    return leaf.ends_with(".service") && !leaf.starts_with("user@");
+  }
+  return false;
+}
+
+std::vector<std::string> inOwnScope(std::vector<std::string> argv) {
+  static const bool wrap = runsInServiceUnit("/proc/self/cgroup");
+  if (!wrap) return argv;
+  static const std::string systemdRun = onPath("systemd-run");
+  if (systemdRun.empty()) return argv;
+  std::vector<std::string> out{systemdRun, "--user", "--scope", "--quiet", "--collect", "--"};
+  out.insert(out.end(), argv.begin(), argv.end());
+  return out;
+}
 
 std::optional<std::vector<std::string>> execArguments(const DesktopEntry& entry,
                                                       const std::vector<std::string>& documents) {
@@ -196,7 +237,7 @@ bool DesktopLauncher::launch(const std::string& path, const std::vector<std::str
     if (access(path.c_str(), X_OK) != 0 || std::filesystem::is_directory(path, ec)) return false;
     std::vector<std::string> argv{path};
     argv.insert(argv.end(), documents.begin(), documents.end());
-    return spawnDetached(argv, {});
+    return spawnDetached(inOwnScope(std::move(argv)), {});
   }
   const std::optional<DesktopEntry> entry = entries_.readFile(path);
   if (!entry) return false;
@@ -208,7 +249,7 @@ bool DesktopLauncher::launch(const std::string& path, const std::vector<std::str
   }
   const auto argv = execArguments(*entry, documents);
   if (!argv) return false;
-  return spawnDetached(*argv, entry->workingDirectory);
+  return spawnDetached(inOwnScope(*argv), entry->workingDirectory);
 }
 
 }  // namespace tarry::platform::os

@@ -18,6 +18,16 @@ namespace tarry::platform::os {
 [[nodiscard]] std::optional<std::vector<std::string>> execArguments(
     const DesktopEntry& entry, const std::vector<std::string>& documents);
 
+/// True when the cgroup file (`/proc/self/cgroup`) puts the process in a systemd service unit (as
+/// desktops that autostart programs through systemd do), rather than a session or app scope: the
+/// apps it starts would then live and die with that unit.
+[[nodiscard]] bool runsInServiceUnit(const std::string& cgroupFile);
+
+/// `argv` wrapped so that it runs in a transient scope of its own under the user's systemd
+/// (`systemd-run --user --scope`) when this program runs in a service unit and systemd-run is at
+/// hand; else `argv` unchanged.
+[[nodiscard]] std::vector<std::string> inOwnScope(std::vector<std::string> argv);
+
 /// Starts `argv` (looked up on PATH) in `directory` (empty: this program's) as a process of its
 /// own: a new session, reparented to init, no descriptors of this program but the standard
 /// output and error, standard input from /dev/null. False when it could not be executed.
