@@ -1,19 +1,21 @@
 #include "app/desktop.h"
 
+#include "app/actions_wiring.h"
 #include "app/store_notes.h"
+#include "app/actions_wiring.h"
 
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
 #include "guard/careful_hold_policy.h"
 #include "guard/guard.h"
 #include "guard/hud.h"
-#include "guard/no_undo.h"
 #include "platform/linux/desktop_entry_reader.h"
 #include "platform/linux/linux_file_system.h"
 #include "platform/linux/proc_process_info.h"
 #include "platform/linux/pulse_audio.h"
 #include "platform/linux/pulse_sound.h"
 #include "platform/linux/sqlite_defaults_store.h"
+#include "platform/qt/qt_alerts.h"
 #include "platform/qt/qt_hud_panel.h"
 #include "platform/qt/qt_main_loop.h"
 #include "platform/qt/qt_screens.h"
@@ -176,7 +178,10 @@ int runDesktop(int argc, char** argv) {
   platform::os::PulseSound sound;
   // On the display's own connection: the server ends the suspension if the program dies mid-hold.
   platform::x11::X11Activity power(display->connection());
-  guard::NoUndo undo;
+  platform::qt::QtAlerts alerts;
+  AppActions actions(
+      {loop, workspace, windows, *tap, entries, processes, alerts, prefs, tunables, counters, hud, log});
+  guard::UndoHooks& undo = actions.undoHooks();
   diagnostics::BasicAppTelemetry telemetry(workspace);
   guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log, hud,
                                       policy, undo, telemetry});

@@ -24,6 +24,10 @@ struct DesktopEntry {
   bool noDisplay = false;
   /// `Hidden=true`: the user deleted it; lookups treat its id as absent.
   bool hidden = false;
+  /// `Path`: the working directory to start it in; empty for none.
+  std::string workingDirectory;
+  /// `DBusActivatable=true`: started by activating its id on the session bus.
+  bool dbusActivatable = false;
 };
 
 /// The desktop's installed applications, read from `.desktop` files.

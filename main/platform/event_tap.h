@@ -18,6 +18,8 @@ inline constexpr std::uint64_t kFlagCommand = 0x100000;
 inline constexpr std::int64_t kKeyQ = 12;
 inline constexpr std::int64_t kKeyW = 13;
 inline constexpr std::int64_t kKeyZ = 6;
+/// The key that types "t" (posted, never guarded: Ctrl+Shift+T reopens a browser's last session).
+inline constexpr std::int64_t kKeyT = 17;
 
 /// The value in `userData` that marks key events this program posted itself.
 inline constexpr std::int64_t kOwnEventMarker = 0x5459;

@@ -368,6 +368,133 @@ def apps_lists_ids_and_a_tk_app_gets_its_own(h):
     wait_for("the refusal to be logged", lambda: "Ctrl+Q refused: notes_pad is protected by its rule" in h.events_log())
     settle()
     check(tk.poll() is None, "the protected Tk app ended")
+# ---- Undo Quit, Quit All Other Apps ----
+
+def write_entry(h, desktop_id, name, wm_class, exec_args):
+    """Installs a desktop entry whose Exec starts the test client with `exec_args`."""
+    path = os.path.join(h.tmp, "data", "applications", desktop_id + ".desktop")
+    words = [os.path.abspath(h.client)] + list(exec_args)
+    with open(path, "w", encoding="utf-8") as f:
+        f.write("[Desktop Entry]\nType=Application\nName=%s\nExec=%s\nStartupWMClass=%s\nPath=%s\n"
+                % (name, " ".join('"%s"' % w for w in words), wm_class, h.tmp))
+    return path
+
+
+def frame_of(h, window):
+    """(x, y, width, height) of a client window on the root, as xwininfo reports it."""
+    out = subprocess.run(["xwininfo", "-id", str(window)], env=h.env, capture_output=True, text=True,
+                         timeout=10).stdout
+    values = {}
+    for line in out.splitlines():
+        key, _, value = line.strip().partition(":")
+        values[key] = value.strip()
+    return (int(values["Absolute upper-left X"]), int(values["Absolute upper-left Y"]), int(values["Width"]),
+            int(values["Height"]))
+
+
+def minimized(h, window):
+    out = subprocess.run(["xprop", "-id", str(window), "_NET_WM_STATE"], env=h.env, capture_output=True,
+                         text=True, timeout=10).stdout
+    return "_NET_WM_STATE_HIDDEN" in out
+
+
+def ready_windows(log):
+    """Window ids of the client that logged to `log`, once it mapped them."""
+    try:
+        with open(log, encoding="utf-8") as f:
+            for line in f:
+                words = line.split()
+                if len(words) >= 2 and words[1] == "ready":
+                    return [int(w) for w in words[2:]]
+    except FileNotFoundError:
+        pass
+    return None
+
+
+def hold_quit(h, client):
+    h.keydown("ctrl+q")
+    wait_for("the client to end", lambda: not client.alive(), timeout=6)
+    h.keyup("ctrl+q")
+
+
+def close_enough(a, b, slack=4):
+    return all(abs(x - y) <= slack for x, y in zip(a, b))
+
+
+@case
+def undo_brings_back_windows(h):
+    relaunch_log = os.path.join(h.tmp, "relaunched.log")
+    common = ["--windows", "2", "--title", "Notes", "--geometry", "320x200+100+100"]
+    write_entry(h, CLIENT_ID, "Notes", "TarryTestClient", ["--log", relaunch_log] + common)
+    client = h.start_client("app", *(common + ["--minimize", "1"]))
+    first, second = client.windows
+    # The second window is moved and resized by the user; the first stays minimized.
+    h.x("xdotool", "windowsize", "--sync", str(second), "400", "260")
+    h.x("xdotool", "windowmove", "--sync", str(second), "640", "380")
+    settle()
+    wait_for("the first window to be minimized", lambda: minimized(h, first), timeout=5)
+    before = frame_of(h, second)
+    h.activate(second)
+    h.start_tarry()
+    hold_quit(h, client)
+    wait_for("the undo banner's record", lambda: "quit confirmed" in h.events_log(), timeout=5)
+    settle(0.6)
+    h.key("ctrl+alt+z")
+    windows = wait_for("the app to come back", lambda: ready_windows(relaunch_log), timeout=10)
+    again_first, again_second = windows
+    wait_for("the moved window back in its place (was %s)" % (before,),
+             lambda: close_enough(frame_of(h, again_second), before), timeout=10)
+    wait_for("the first window minimized again", lambda: minimized(h, again_first), timeout=10)
+    check(not minimized(h, again_second), "the second window came back minimized")
+    wait_for("the reopened app to be counted", lambda: h.counter("reopened") == 1, timeout=10)
+
+
+@case
+def undo_expires_after_30s(h):
+    relaunch_log = os.path.join(h.tmp, "relaunched.log")
+    write_entry(h, CLIENT_ID, "Notes", "TarryTestClient", ["--log", relaunch_log])
+    client = h.start_client("app")
+    h.start_tarry()
+    hold_quit(h, client)
+    time.sleep(30.5)
+    h.key("ctrl+alt+z")
+    settle(3)
+    check(ready_windows(relaunch_log) is None, "Ctrl+Alt+Z brought the app back after 30 s")
+    check(h.counter("reopened") == 0, "something was reopened")
+
+
+@case
+def quit_others_and_undo(h):
+    logs = {}
+    for n, (desktop_id, wm_class) in enumerate([("org.tarry.One", "AppOne"), ("org.tarry.Two", "AppTwo")]):
+        logs[wm_class] = os.path.join(h.tmp, wm_class + "-again.log")
+        write_entry(h, desktop_id, wm_class, wm_class,
+                    ["--log", logs[wm_class], "--class", "%s,%s" % (wm_class.lower(), wm_class)])
+    write_entry(h, "org.tarry.Writer", "Writer", "Writer", ["--class", "writer,Writer"])
+    one = h.start_client("one", "--class", "appone,AppOne", "--geometry", "300x200+60+60")
+    two = h.start_client("two", "--class", "apptwo,AppTwo", "--geometry", "300x200+420+60")
+    # Asks about unsaved work: stays open, and is not counted as quit.
+    writer = h.start_client("writer", "--class", "writer,Writer", "--refuse-close", "--geometry", "300x200+780+60")
+    front = h.start_client("front", "--geometry", "300x200+60+420")
+    h.start_tarry({"TARRY_DEBUG_QUIT_OTHERS_AFTER": "1"})
+
+    def alert():
+        result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^Tarry$"], env=h.env,
+                                capture_output=True, text=True, timeout=10)
+        return result.stdout.split()
+    window = wait_for("the confirmation", alert, timeout=10)[0]
+    h.activate(int(window))
+    h.key("Return")
+    wait_for("both apps to end", lambda: not one.alive() and not two.alive(), timeout=8)
+    wait_for("the batch record", lambda: "2 can be brought back" in h.events_log(), timeout=12)
+    check(writer.alive() and front.alive(), "the app with unsaved work or the front app ended")
+    check(any(words[0] == "refuse" for at, words in writer.lines()), "the writer was not asked to quit")
+    check(h.counter("bulkRuns") == 1 and h.counter("bulk") == 3,
+          "counted %d runs, %d apps" % (h.counter("bulkRuns"), h.counter("bulk")))
+    h.key("ctrl+alt+z")
+    for wm_class, log in logs.items():
+        wait_for(wm_class + " to come back", lambda log=log: ready_windows(log), timeout=12)
+    wait_for("two reopened apps to be counted", lambda: h.counter("reopened") == 2, timeout=12)
 
 
 def main():

@@ -6,10 +6,13 @@
 //   tarry-test-client [--class INSTANCE,CLASS] [--windows N] [--title TEXT] [--log FILE]
 //                     [--type normal|dock|desktop] [--skip-taskbar] [--gtk-app-id ID]
 //                     [--icon SIZE,SIZE,...] [--geometry WxH+X+Y] [--keep-running]
-//                     [--grab-key KEYCODE,MODIFIERS]
+//                     [--grab-key KEYCODE,MODIFIERS] [--minimize N] [--refuse-close]
 //
 // --keep-running: Ctrl+Q is only logged (for checks that go on after it reached the client).
 // --grab-key KEYCODE,MODIFIERS: holds a passive grab on that key on the root window.
+// --geometry: the first window's; window n (from 1) is placed 30 px right and down of window n-1.
+// --minimize N: window N (from 1) asks to be minimized once it is mapped.
+// --refuse-close: close requests are refused, as by an app asking about unsaved work ("refuse").
 //
 // Log lines: "<monotonic µs> <what>", where what is "ready <window>...", "press|release <keycode>
 // <state> <keysym>", "close <window>", "quit".
@@ -81,6 +84,8 @@ int main(int argc, char** argv) {
   std::string type = "normal";
   bool skipTaskbar = false;
   bool keepRunning = false;
+  bool refuseClose = false;
+  int minimize = 0;
   int width = 400, height = 300, left = 40, top = 40;
   std::string gtkAppId;
   std::vector<std::uint32_t> iconSizes;
@@ -113,6 +118,11 @@ int main(int argc, char** argv) {
     } else if (arg == "--grab-key") {
       std::sscanf(value, "%d,%u", &grabKeycode, &grabModifiers);
       ++i;
+    } else if (arg == "--minimize") {
+      minimize = std::atoi(value);
+      ++i;
+    } else if (arg == "--refuse-close") {
+      refuseClose = true;
     } else if (arg == "--keep-running") {
       keepRunning = true;
     } else if (arg == "--skip-taskbar") {
@@ -168,6 +178,7 @@ int main(int argc, char** argv) {
   const xcb_atom_t skipAtom = atom(c, "_NET_WM_STATE_SKIP_TASKBAR");
   const xcb_atom_t gtkAtom = atom(c, "_GTK_APPLICATION_ID");
   const xcb_atom_t iconAtom = atom(c, "_NET_WM_ICON");
+  const xcb_atom_t changeState = atom(c, "WM_CHANGE_STATE");
 
   std::vector<std::uint32_t> icon;
   for (const std::uint32_t side : iconSizes) {
@@ -254,6 +265,22 @@ int main(int argc, char** argv) {
       }
       if (kind == XCB_KEY_PRESS && mods == XCB_MOD_MASK_CONTROL && lowerSym == XKB_KEY_w) close(key->event);
     } else if (kind == XCB_MAP_NOTIFY) {
+      const auto* map = reinterpret_cast<const xcb_map_notify_event_t*>(event);
+      if (minimize >= 1 && minimize <= count &&
+          map->window == windows[static_cast<std::size_t>(minimize - 1)]) {
+        minimize = 0;  // once: a window restored later stays so
+        // ICCCM: iconify by WM_CHANGE_STATE (IconicState) to the root window.
+        xcb_client_message_event_t message{};
+        message.response_type = XCB_CLIENT_MESSAGE;
+        message.format = 32;
+        message.window = map->window;
+        message.type = changeState;
+        message.data.data32[0] = 3;
+        xcb_send_event(c, 0, screen->root,
+                       XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT,
+                       reinterpret_cast<const char*>(&message));
+        xcb_flush(c);
+      }
       if (++mapped == windows.size()) {
         std::string ready = "ready";
         for (const xcb_window_t w : windows) ready += " " + std::to_string(w);
@@ -261,7 +288,13 @@ int main(int argc, char** argv) {
       }
     } else if (kind == XCB_CLIENT_MESSAGE) {
       const auto* message = reinterpret_cast<const xcb_client_message_event_t*>(event);
-      if (message->type == protocols && message->data.data32[0] == deleteWindow) close(message->window);
+      if (message->type == protocols && message->data.data32[0] == deleteWindow) {
+        if (refuseClose) {
+          note(at, "refuse " + std::to_string(message->window));
+        } else {
+          close(message->window);
+        }
+      }
     } else if (kind == XCB_MAPPING_NOTIFY || (xkbEvent != 0 && kind == xkbEvent)) {
       keyboard.load(c);
     }

@@ -188,6 +188,8 @@ std::optional<DesktopEntry> parseDesktopEntry(std::string_view text, const std::
   entry.startupWMClass = value("StartupWMClass").value_or("");
   entry.noDisplay = flag("NoDisplay");
   entry.hidden = flag("Hidden");
+  entry.workingDirectory = value("Path").value_or("");
+  entry.dbusActivatable = flag("DBusActivatable");
   return entry;
 }
 

@@ -59,6 +59,8 @@ class X11Display final {
   [[nodiscard]] xcb_connection_t* connection() const { return connection_; }
   [[nodiscard]] xcb_window_t root() const { return root_; }
   [[nodiscard]] const Atoms& atoms() const { return atoms_; }
+  /// True when the server offers the X-Resource extension (process ids of local clients).
+  [[nodiscard]] bool hasRes() const { return hasRes_; }
 
   /// The 32-bit items of a property (CARDINAL, WINDOW, ATOM ...); nothing when it is absent.
   [[nodiscard]] std::optional<std::vector<std::uint32_t>> cardinals(xcb_window_t window, xcb_atom_t property,

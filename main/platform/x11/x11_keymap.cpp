@@ -184,6 +184,21 @@ std::optional<xcb_keycode_t> Keymap::keycodeOf(std::int64_t logicCode) const {
   if (logicCode == platform::kKeyQ) return keyQ_;
   if (logicCode == platform::kKeyW) return keyW_;
   if (logicCode == platform::kKeyZ) return keyZ_;
+  if (logicCode == platform::kKeyT) {
+    // Shortcuts go by the letter typed, so the key that types "t" in the first layout; else the
+    // physical T key.
+    const xkb_keycode_t lo = std::max<xkb_keycode_t>(xkb_keymap_min_keycode(keymap_), 8);
+    const xkb_keycode_t hi = std::min<xkb_keycode_t>(xkb_keymap_max_keycode(keymap_), 255);
+    for (xkb_keycode_t kc = lo; kc <= hi; ++kc) {
+      const xkb_keysym_t* syms = nullptr;
+      if (xkb_keymap_key_get_syms_by_level(keymap_, kc, 0, 0, &syms) == 1 && asciiOf(syms[0]) == 't') {
+        return static_cast<xcb_keycode_t>(kc);
+      }
+    }
+    const xkb_keycode_t physical = xkb_keymap_key_by_name(keymap_, "AD05");
+    return physical != XKB_KEYCODE_INVALID && physical <= 255 ? static_cast<xcb_keycode_t>(physical)
+                                                              : xcb_keycode_t{28};
+  }
   if (logicCode >= kOtherKeyBase + 8 && logicCode <= kOtherKeyBase + 255) {
     return static_cast<xcb_keycode_t>(logicCode - kOtherKeyBase);
   }

@@ -215,7 +215,16 @@ void X11Workspace::readActive() {
     active_ = window;
     activeKnown_ = true;
   }
-  if (window != 0) (void)cached(window);
+  if (window == 0) return;
+  const std::int32_t pid = cached(window).app.pid;
+  std::function<void(std::int32_t)> notify;
+  {
+    std::lock_guard lock(mutex_);
+    if (pid == activePid_ || pid <= 0) return;
+    activePid_ = pid;
+    notify = onActivated_;
+  }
+  if (notify) notify(pid);
 }
 
 void X11Workspace::readClients() {

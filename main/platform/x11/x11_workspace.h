@@ -4,6 +4,7 @@
 #include "platform/workspace.h"
 #include "platform/x11/x11_display.h"
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -44,6 +45,13 @@ class X11Workspace final : public Workspace {
   /// properties behind and sends nothing.
   [[nodiscard]] std::string problem() const override;
 
+  /// Called on the backend's thread with the process id of each app that becomes the active one
+  /// (the RAM Saver's last-activation table). Set it once, before anything can be activated.
+  void setOnActivated(std::function<void(std::int32_t pid)> onActivated) {
+    std::lock_guard lock(mutex_);
+    onActivated_ = std::move(onActivated);
+  }
+
  private:
   struct Resolved {
     RunningApp app;
@@ -69,6 +77,8 @@ class X11Workspace final : public Workspace {
   std::vector<xcb_window_t> clients_;
   bool clientsKnown_ = false;
   std::map<xcb_window_t, Resolved> byWindow_;
+  std::function<void(std::int32_t)> onActivated_;
+  std::int32_t activePid_ = 0;
 
   std::thread watcher_;
 };
