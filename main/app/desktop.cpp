@@ -2,7 +2,6 @@
 
 #include "app/actions_wiring.h"
 #include "app/store_notes.h"
-#include "app/actions_wiring.h"
 
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
