@@ -81,6 +81,8 @@ struct AppHooks {
   std::function<void()> updateNudgeCheck;
 
   // ---- Process ----
+  /// One line to the system log (standard error, which the session's journal keeps).
+  std::function<void(const std::string&)> systemLog;
   /// Ends the application loop; the entry then calls `applicationWillTerminate`.
   std::function<void()> terminate;
   /// Asks the desktop for keyboard access when the guard is not trusted (a prompt where one

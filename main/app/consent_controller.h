@@ -38,7 +38,7 @@ class ConsentController final {
   platform::ConsentView& view_;
   settings::Preferences& prefs_;
   std::string serverBase_;
-  bool decided_ = false;
+  bool handlersSet_ = false;
 };
 
 }  // namespace tarry::app
