@@ -186,6 +186,13 @@ std::optional<DesktopEntry> parseDesktopEntry(std::string_view text, const std::
   }
   entry.icon = value("Icon").value_or("");
   entry.startupWMClass = value("StartupWMClass").value_or("");
+  const std::string categories = value("Categories").value_or("");
+  for (std::size_t start = 0; start < categories.size();) {
+    std::size_t end = categories.find(';', start);
+    if (end == std::string::npos) end = categories.size();
+    if (end > start) entry.categories.push_back(categories.substr(start, end - start));
+    start = end + 1;
+  }
   entry.noDisplay = flag("NoDisplay");
   entry.hidden = flag("Hidden");
   return entry;
