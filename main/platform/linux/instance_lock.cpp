@@ -19,8 +19,8 @@ namespace {
 std::string displayPart(const std::string& display) {
   std::string out;
   for (char c : display) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-                       c == '-';
+    const bool plain =
+        (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '-';
     out += plain ? c : '_';
   }
   while (!out.empty() && out.front() == '_') out.erase(out.begin());
@@ -92,7 +92,8 @@ bool InstanceLock::send(const std::string& request, std::string& reply, std::str
       bool ok = writeAll(fd, request + "\n");
       std::string line;
       while (ok) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         pollfd p{fd, POLLIN, 0};
         const int ready = ::poll(&p, 1, static_cast<int>(std::max<long long>(left.count(), 1)));
         if (ready <= 0) {

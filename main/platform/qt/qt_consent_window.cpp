@@ -2,7 +2,6 @@
 
 #include "platform/qt/qt_convert.h"
 
-#include <QCloseEvent>
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -25,7 +24,6 @@ QtConsentWindow::QtConsentWindow()
       link_(new QLabel(this)),
       disagreeButton_(new QPushButton(this)),
       agreeButton_(new QPushButton(this)) {
-  setWindowFlag(Qt::Dialog);
   setAttribute(Qt::WA_DeleteOnClose, false);
   QFont bold = heading_->font();
   bold.setBold(true);
@@ -37,6 +35,7 @@ QtConsentWindow::QtConsentWindow()
   link_->setOpenExternalLinks(true);
   link_->setTextFormat(Qt::RichText);
   agreeButton_->setDefault(true);
+  disagreeButton_->setAutoDefault(false);
 
   auto* buttons = new QHBoxLayout;
   buttons->addStretch(1);
@@ -72,7 +71,8 @@ void QtConsentWindow::present(const ConsentTexts& texts) {
     link_->hide();
   } else {
     link_->setText(QStringLiteral("<a href=\"%1\">%2</a>")
-                       .arg(toQString(texts.privacyURL).toHtmlEscaped(), toQString(texts.privacyLinkText).toHtmlEscaped()));
+                       .arg(toQString(texts.privacyURL).toHtmlEscaped(),
+                            toQString(texts.privacyLinkText).toHtmlEscaped()));
     link_->show();
   }
   agreeButton_->setText(toQString(texts.agreeButton));
@@ -87,6 +87,7 @@ void QtConsentWindow::present(const ConsentTexts& texts) {
   show();
   raise();
   activateWindow();
+  agreeButton_->setFocus();
 }
 
 void QtConsentWindow::dismiss() {
@@ -95,9 +96,10 @@ void QtConsentWindow::dismiss() {
   dismissing_ = false;
 }
 
-void QtConsentWindow::closeEvent(QCloseEvent* event) {
-  event->accept();
-  if (!dismissing_ && disagree_) disagree_();
+void QtConsentWindow::reject() {
+  if (dismissing_) return;
+  QDialog::reject();
+  if (disagree_) disagree_();
 }
 
 }  // namespace tarry::platform::qt

@@ -2,7 +2,7 @@
 
 #include "platform/consent_view.h"
 
-#include <QWidget>
+#include <QDialog>
 
 #include <functional>
 
@@ -12,8 +12,8 @@ class QPushButton;
 namespace tarry::platform::qt {
 
 /// The first-run consent window: a heading, the explanation, the privacy link, Disagree and
-/// Agree. Closing it counts as Disagree.
-class QtConsentWindow final : public QWidget, public ConsentView {
+/// Agree (the default button: Return presses it). Closing it or Escape counts as Disagree.
+class QtConsentWindow final : public QDialog, public ConsentView {
  public:
   QtConsentWindow();
 
@@ -22,7 +22,8 @@ class QtConsentWindow final : public QWidget, public ConsentView {
   void dismiss() override;
 
  protected:
-  void closeEvent(QCloseEvent* event) override;
+  /// Escape and the window's close button end here (QDialog routes closing through it).
+  void reject() override;
 
  private:
   std::function<void()> agree_;

@@ -17,7 +17,8 @@ constexpr qint64 kMaxRequest = 4096;
 
 }  // namespace
 
-QtHandOverServer::QtHandOverServer(Handler handler) : handler_(std::move(handler)), server_(new QLocalServer(this)) {
+QtHandOverServer::QtHandOverServer(Handler handler)
+    : handler_(std::move(handler)), server_(new QLocalServer(this)) {
   server_->setSocketOptions(QLocalServer::UserAccessOption);
   connect(server_, &QLocalServer::newConnection, this, [this] { accept(); });
 }
