@@ -7,8 +7,8 @@ install(TARGETS tarry RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/${TARRY_APP_ID}.desktop
         DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/${TARRY_APP_ID}.metainfo.xml
-               ${CMAKE_CURRENT_BINARY_DIR}/${TARRY_APP_ID}.metainfo.xml @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${TARRY_APP_ID}.metainfo.xml
+               ${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.metainfo.xml @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.metainfo.xml
         DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
 foreach(size 16 24 32 48 64 128 256)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/icons/${size}x${size}/${TARRY_APP_ID}.png
@@ -27,6 +27,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_STRIP_FILES ON)
 # Qt loads these as plugins, which dpkg-shlibdeps cannot see: the xcb platform (the program runs
 # on X11), SVG icons, and NetworkManager's network-information backend.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins, libqt6svg6, libqt6network6")

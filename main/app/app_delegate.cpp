@@ -372,6 +372,7 @@ bool AppDelegate::applicationShouldHandleReopen() {
     consent_.show();
     return true;
   }
+  deps_.telemetry.send("reopened");
   const double now = deps_.loop.uptime();
   const bool modal = hooks_.modalWindowUp && hooks_.modalWindowUp();
   if (!modal && now >= presenter_.ignoreReopenUntil &&
