@@ -387,6 +387,8 @@ std::string AppDelegate::handOver(const std::string& message) {
   std::string verb;
   in >> verb;
   if (verb == "show-settings") {
+    activationToken_.clear();
+    in >> activationToken_;
     deps_.log.log("show settings requested by a second launch");
     applicationShouldHandleReopen();
     return "ok";
