@@ -128,7 +128,8 @@ void AppDelegate::runLaunchSequence() {
   // 13: the show-settings request of a second launch arrives through `handOver`, which now opens
   // Settings instead of the consent window.
   lastTrusted_ = deps_.tap.isTrusted();  // 15
-  // 16: window close / activation observers belong to the window presenter (its hooks).
+  // 16: the window presenter watches its windows closing; activation comes in through
+  // applicationDidBecomeActive.
   // 17: openRules / openStats are the delegate's actions below.
   // 18: `changed` is the process-wide change hook.
   if (hooks_.startUndo) {  // 19
@@ -380,6 +381,10 @@ bool AppDelegate::applicationShouldHandleReopen() {
     openSettings();
   }
   return true;
+}
+
+void AppDelegate::applicationDidBecomeActive() {
+  if (settings_) refreshSettingsWindow();
 }
 
 std::string AppDelegate::handOver(const std::string& message) {

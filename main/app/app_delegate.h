@@ -142,6 +142,8 @@ class AppDelegate final {
   void applicationWillTerminate();
   /// The user started the program again (a second launch). Always true.
   bool applicationShouldHandleReopen();
+  /// The application became active (a window of it took the focus): Settings shows fresh values.
+  void applicationDidBecomeActive();
   /// A message from a second launch ("show-settings [ACTIVATION-TOKEN]", "pause MINUTES",
   /// "resume"); the answer for it ("ok", or "error: …").
   std::string handOver(const std::string& message);
