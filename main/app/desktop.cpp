@@ -299,6 +299,11 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     log.log("keyboard access: " + tap->lastError());
   };
 
+  QObject::connect(&application, &QGuiApplication::applicationStateChanged, &application,
+                   [&delegate](Qt::ApplicationState state) {
+                     if (state == Qt::ApplicationActive) delegate.applicationDidBecomeActive();
+                   });
+
   platform::qt::QtHandOverServer handOver(
       [&delegate](const std::string& request) { return delegate.handOver(request); });
   if (!handOver.listen(instance.socketPath(), error)) {
