@@ -23,6 +23,9 @@ packages=(
   xvfb openbox xdotool x11-xkb-utils x11-utils xauth python3 procps
   python3-tk  # a Tk app, whose windows all carry the class "Tk"
   e2fsprogs  # chattr: a read-only preferences database even for root
+  xterm  # a real terminal emulator from Debian for the careful-mode end-to-end case
+  # packaging: cpack DEB (dpkg-shlibdeps), launcher and metainfo validation
+  dpkg-dev desktop-file-utils appstream
   fonts-dejavu-core
   # screenshots of the HUD on Xvfb (scripts/hud-screenshot.sh)
   imagemagick xcompmgr

@@ -5,7 +5,6 @@
 #include "diagnostics/log.h"
 #include "platform/linux/desktop_launcher.h"
 #include "platform/qt/qt_dbus_activation.h"
-#include "platform/x11/x11_workspace.h"
 
 #include <cstdlib>
 

@@ -8,6 +8,7 @@
 #include "platform/desktop_entries.h"
 #include "platform/event_tap.h"
 #include "platform/main_loop.h"
+#include "platform/workspace.h"
 #include "platform/process_info.h"
 #include "platform/window_list.h"
 
@@ -29,17 +30,13 @@ namespace tarry::stats {
 class Counters;
 }  // namespace tarry::stats
 
-namespace tarry::platform::x11 {
-class X11Workspace;
-}  // namespace tarry::platform::x11
-
 namespace tarry::app {
 
 /// What the app actions work with on an X11 desktop. NOTE: every reference must outlive the
 /// `AppActions`.
 struct AppActionsDeps {
   platform::MainLoop& loop;
-  platform::x11::X11Workspace& workspace;
+  platform::Workspace& workspace;
   platform::WindowList& windows;
   platform::EventTap& keys;
   platform::DesktopEntries& entries;

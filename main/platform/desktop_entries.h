@@ -28,6 +28,8 @@ struct DesktopEntry {
   std::string workingDirectory;
   /// `DBusActivatable=true`: started by activating its id on the session bus.
   bool dbusActivatable = false;
+  /// `Categories`, split at ';' ("System", "TerminalEmulator", ...); may be empty.
+  std::vector<std::string> categories;
 };
 
 /// The desktop's installed applications, read from `.desktop` files.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -73,6 +74,10 @@ class Workspace {
   /// Why the frontmost app cannot be known now (no window manager announces the active window),
   /// in words for the user; empty when it can. Answered from memory.
   [[nodiscard]] virtual std::string problem() const { return {}; }
+  /// Called, on any thread, with the process id of each app that becomes the active one (the RAM
+  /// Saver's last-activation table). Set it once, before anything can be activated; an empty
+  /// function stops the calls. Backends that cannot tell never call it.
+  virtual void setOnActivated(std::function<void(std::int32_t pid)> onActivated) { (void)onActivated; }
 };
 
 }  // namespace tarry::platform

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -397,7 +398,33 @@ std::int32_t X11Workspace::ownPid() const { return static_cast<std::int32_t>(get
 std::vector<std::string> X11Workspace::identifierEquivalents(IdentifierSet set) const {
   std::vector<std::string> ids = os::linuxIdentifierEquivalents(set);
   if (set == IdentifierSet::dock) ids.emplace_back(kDesktopShellId);
+  if (set == IdentifierSet::terminals) {
+    const std::vector<std::string> installed = installedTerminals();
+    ids.insert(ids.end(), installed.begin(), installed.end());
+  }
   return ids;
+}
+
+std::vector<std::string> X11Workspace::installedTerminals() const {
+  constexpr double kRereadSec = 60;
+  const double now =
+      std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+  const std::lock_guard lock(terminalsMutex_);
+  if (terminalsReadAt_ < 0 || now - terminalsReadAt_ >= kRereadSec) {
+    terminalsReadAt_ = now;
+    terminals_.clear();
+    // The freedesktop menu standard's category: every terminal emulator a distribution ships
+    // declares it, whatever its desktop-file id ("debian-xterm", "org.gnome.Console", ...).
+    for (const DesktopEntry& entry : entries_.installedApplications()) {
+      if (std::find(entry.categories.begin(), entry.categories.end(), "TerminalEmulator") ==
+          entry.categories.end()) {
+        continue;
+      }
+      terminals_.push_back(entry.id);
+      if (!entry.startupWMClass.empty()) terminals_.push_back(entry.startupWMClass);
+    }
+  }
+  return terminals_;
 }
 
 }  // namespace tarry::platform::x11

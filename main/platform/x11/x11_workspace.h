@@ -45,9 +45,8 @@ class X11Workspace final : public Workspace {
   /// properties behind and sends nothing.
   [[nodiscard]] std::string problem() const override;
 
-  /// Called on the backend's thread with the process id of each app that becomes the active one
-  /// (the RAM Saver's last-activation table). Set it once, before anything can be activated.
-  void setOnActivated(std::function<void(std::int32_t pid)> onActivated) {
+  /// Called on the backend's watcher thread.
+  void setOnActivated(std::function<void(std::int32_t pid)> onActivated) override {
     std::lock_guard lock(mutex_);
     onActivated_ = std::move(onActivated);
   }
@@ -65,8 +64,15 @@ class X11Workspace final : public Workspace {
   void readActive();
   void readClients();
 
+  /// Installed terminal emulators (desktop entries in the TerminalEmulator category), re-read
+  /// at most once a minute.
+  [[nodiscard]] std::vector<std::string> installedTerminals() const;
+
   X11Display& display_;
   DesktopEntries& entries_;
+  mutable std::mutex terminalsMutex_;
+  mutable std::vector<std::string> terminals_;
+  mutable double terminalsReadAt_ = -1;
   const Icon ownIcon_;
   xcb_window_t wakeWindow_ = 0;
 
