@@ -226,12 +226,12 @@ void AppDelegate::startGuard() {
     deps_.log.log("keyboard guard on");
     return;
   }
-  // Say why once per reason, not on every tick.
+  // Say why on stderr once per reason, not on every tick; the guard itself writes the reason to
+  // the event log, also once per reason.
   const std::string why = deps_.tap.lastError();
   if (why == lastTapError_) return;
   lastTapError_ = why;
   const std::string line = "keyboard guard off: " + (why.empty() ? std::string("no keyboard access") : why);
-  deps_.log.log(line);
   if (hooks_.systemLog) hooks_.systemLog(line);
 }
 

@@ -25,7 +25,7 @@ constexpr std::uint64_t kModifierMask =
 
 constexpr std::string_view kDock = "com.apple.dock";
 constexpr std::string_view kFinder = "com.apple.finder";
-constexpr const char* kTapFailedMessage = "event tap creation failed (Input Monitoring may be needed)";
+constexpr const char* kTapFailedMessage = "event tap creation failed (the keyboard grabs were refused)";
 // How often a tap in place is checked for a problem that came up later (a window manager that went
 // away, a lost display).
 constexpr double kProblemCheckSec = 2.0;

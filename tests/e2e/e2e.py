@@ -320,6 +320,13 @@ def events_log_names_apps_and_the_damaged_database(h):
     # Nothing else may open the database first: whoever does moves it aside and reports it.
     wait_for("tarry to move the damaged database aside",
              lambda: [n for n in os.listdir(os.path.dirname(database)) if ".corrupt-" in n])
+    # The consent went with the damaged file: the program asks again, as on a first run.
+    def consent_window():
+        found = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^Welcome to Tarry$"], env=h.env,
+                               capture_output=True, text=True, timeout=10).stdout.split()
+        return int(found[0]) if found else None
+    h.activate(wait_for("the consent window", consent_window, timeout=10))
+    h.key("Return")  # Agree is the default button
     text = wait_for("tarry to start with a new log folder", new_log)
     check("moved it to " + database + ".corrupt-" in text, "the moved-aside database is not logged:\n" + text)
     h.key("ctrl+q")
