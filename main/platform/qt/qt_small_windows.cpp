@@ -1,6 +1,7 @@
 #include "platform/qt/qt_small_windows.h"
 
 #include "platform/qt/qt_convert.h"
+#include "platform/qt/qt_hud_panel.h"
 #include "platform/qt/qt_window_raise.h"
 
 #include <QClipboard>
@@ -14,6 +15,7 @@
 namespace tarry::platform::qt {
 
 QtAboutWindow::QtAboutWindow(QWidget* parent) : QWidget(parent, Qt::Window) {
+  registerShippedIcons();
   setObjectName(QStringLiteral("about"));
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(32, 24, 32, 24);

@@ -1,6 +1,7 @@
 #include "platform/qt/qt_status_item.h"
 
 #include "platform/qt/qt_convert.h"
+#include "platform/qt/qt_hud_panel.h"
 
 #include <QAction>
 #include <QCursor>
@@ -75,6 +76,7 @@ class SymbolIconEngine final : public QIconEngine {
 
 QtStatusItem::QtStatusItem(int waitForHostMs, QObject* parent)
     : QObject(parent), menu_(std::make_unique<QMenu>()), waitForHostMs_(waitForHostMs) {
+  registerShippedIcons();
   menu_->setObjectName(QStringLiteral("statusMenu"));
   const auto add = [this](QMenu* menu, MenuRow row) {
     QAction* action = menu->addAction(QString());
@@ -165,7 +167,6 @@ void QtStatusItem::createTray() {
   });
   applyIcon();
   applyToolTip();
-  tray_->show();
 }
 
 QIcon QtStatusItem::currentIcon() const {
@@ -173,7 +174,10 @@ QIcon QtStatusItem::currentIcon() const {
 }
 
 void QtStatusItem::applyIcon() {
-  if (tray_ && !icon_.empty()) tray_->setIcon(currentIcon());
+  if (!tray_ || icon_.empty()) return;
+  tray_->setIcon(currentIcon());
+  // Shown once it has an icon: an icon-less item would flash as an empty slot in the tray.
+  if (!tray_->isVisible()) tray_->show();
 }
 
 void QtStatusItem::applyToolTip() {
