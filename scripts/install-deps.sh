@@ -10,6 +10,8 @@ packages=(
   clang libclang-rt-14-dev clang-format clang-tidy
   # logic and storage
   nlohmann-json3-dev libsqlite3-dev sqlite3
+  # digests and signatures (telemetry app hashes, update downloads)
+  libsodium-dev
   # Qt 6: run loop, HUD, windows, HTTP
   qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins libgl-dev
   # X11 backends
