@@ -4,3 +4,5 @@ target_sources(tarry_logic PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/window_presenter.cpp
   ${CMAKE_CURRENT_LIST_DIR}/about.cpp
 )
+# The tray item and the windows wired together for the desktop program.
+target_sources(tarry PRIVATE ${CMAKE_CURRENT_LIST_DIR}/desktop_shell.cpp)
