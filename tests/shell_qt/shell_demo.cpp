@@ -25,7 +25,6 @@ using namespace tarry;
 int main(int argc, char** argv) {
   QApplication application(argc, argv);
   QApplication::setQuitOnLastWindowClosed(false);
-  QGuiApplication::setApplicationDisplayName(QStringLiteral("Tarry"));
   std::string open;
   long long saved = 0;
   bool tap = true;
