@@ -21,6 +21,9 @@ packages=(
   libpulse-dev pulseaudio pulseaudio-utils  # a real daemon with a null sink for the audio tests
   # end-to-end tests on a real X server
   xvfb openbox xdotool x11-xkb-utils x11-utils xauth python3 procps
+  xterm  # a real terminal emulator from Debian for the careful-mode end-to-end case
+  # packaging: cpack DEB (dpkg-shlibdeps), launcher and metainfo validation
+  dpkg-dev desktop-file-utils appstream
   fonts-dejavu-core
   # screenshots of the HUD on Xvfb (scripts/hud-screenshot.sh)
   imagemagick xcompmgr

@@ -1,19 +1,31 @@
 #include "app/desktop.h"
 
-#include "diagnostics/basic_app_telemetry.h"
+#include "app/app_delegate.h"
+#include "app/app_identity.h"
 #include "diagnostics/log.h"
+#include "diagnostics/telemetry_sender.h"
 #include "guard/careful_hold_policy.h"
 #include "guard/guard.h"
 #include "guard/hud.h"
 #include "guard/no_undo.h"
 #include "platform/linux/desktop_entry_reader.h"
+#include "platform/linux/instance_lock.h"
 #include "platform/linux/linux_file_system.h"
 #include "platform/linux/proc_process_info.h"
 #include "platform/linux/pulse_audio.h"
 #include "platform/linux/pulse_sound.h"
+#include "platform/linux/sodium_digest.h"
 #include "platform/linux/sqlite_defaults_store.h"
+#include "platform/linux/xdg_autostart.h"
+#include "platform/linux/xdg_paths.h"
+#include "platform/qt/qt_alerts.h"
+#include "platform/qt/qt_appearance.h"
+#include "platform/qt/qt_consent_window.h"
+#include "platform/qt/qt_hand_over_server.h"
+#include "platform/qt/qt_http.h"
 #include "platform/qt/qt_hud_panel.h"
 #include "platform/qt/qt_main_loop.h"
+#include "platform/qt/qt_network_monitor.h"
 #include "platform/qt/qt_screens.h"
 #include "platform/x11/x11_activity.h"
 #include "platform/x11/x11_display.h"
@@ -21,6 +33,9 @@
 #include "platform/x11/x11_window_list.h"
 #include "platform/x11/x11_workspace.h"
 #include "settings/preferences.h"
+#include "settings/remote_config.h"
+#include "settings/server_url.h"
+#include "settings/settings_snapshot.h"
 #include "settings/tunables.h"
 #include "stats/counters.h"
 
@@ -37,11 +52,8 @@
 #include <memory>
 #include <string>
 #include <thread>
-
 namespace tarry::app {
 namespace {
-
-constexpr double kRetryTapSec = 2.0;
 
 /// A hidden debugging aid: with TARRY_DEBUG_STALL_ON_PRESS=<seconds> the main thread sleeps that
 /// long on the next guarded press before the guard sees it, to show that the keyboard is let go
@@ -116,90 +128,182 @@ class QuitOnSignal final {
   std::thread watcher_;
 };
 
+// ---- Session backend ----
+
+/// The services that depend on the kind of desktop session: keys, apps and windows, power.
+/// NOTE: the one place that picks them; a Wayland session would build its own set here.
+struct SessionBackend {
+  std::string name;
+  std::unique_ptr<platform::x11::X11Display> display;
+  std::unique_ptr<platform::Workspace> workspace;
+  std::unique_ptr<platform::WindowList> windows;
+  std::unique_ptr<platform::EventTap> tap;
+  std::unique_ptr<platform::Activity> power;
+};
+
+std::unique_ptr<SessionBackend> openSessionBackend(const std::string& displayName, platform::MainLoop& loop,
+                                                   platform::DesktopEntries& entries, std::string& error) {
+  auto backend = std::make_unique<SessionBackend>();
+  backend->name = "X display " + displayName;
+  backend->display = platform::x11::X11Display::open(displayName, error);
+  if (!backend->display) return nullptr;
+  backend->workspace = std::make_unique<platform::x11::X11Workspace>(*backend->display, entries);
+  backend->windows = std::make_unique<platform::x11::X11WindowList>(*backend->display);
+  backend->tap = std::make_unique<platform::x11::X11EventTap>(loop);
+  // On the display's own connection: the server ends the suspension if the program dies mid-hold.
+  backend->power = std::make_unique<platform::x11::X11Activity>(backend->display->connection());
+  return backend;
+}
+
+std::string displayName() {
+  const char* name = std::getenv("DISPLAY");
+  return name ? name : "";
+}
+
 }  // namespace
 
-int runDesktop(int argc, char** argv) {
-  const char* displayName = std::getenv("DISPLAY");
-  if (displayName == nullptr || *displayName == '\0') {
+int sendToRunningCopy(const std::string& request) {
+  const std::string display = displayName();
+  if (display.empty()) {
+    std::fputs("tarry: cannot reach a running Tarry (DISPLAY is not set)\n", stderr);
+    return 1;
+  }
+  platform::os::InstanceLock lock(platform::os::runtimeDirectory(), display);
+  std::string error;
+  if (lock.tryAcquire(error)) {
+    std::fprintf(stderr, "tarry: Tarry is not running on display %s\n", display.c_str());
+    return 1;
+  }
+  std::string reply;
+  if (!lock.send(request, reply, error)) {
+    std::fprintf(stderr, "tarry: the running Tarry did not answer: %s\n", error.c_str());
+    return 1;
+  }
+  if (reply != "ok") {
+    std::fprintf(stderr, "tarry: %s\n", reply.c_str());
+    return 1;
+  }
+  return 0;
+}
+
+int runDesktop(int argc, char** argv, const DesktopOptions& options) {
+  const std::string display = displayName();
+  if (display.empty()) {
     std::fputs("tarry: cannot open the X display (DISPLAY is not set)\n", stderr);
     return 1;
   }
+
+  // One copy per user and display: a second launch hands over to the first and ends.
+  platform::os::InstanceLock instance(platform::os::runtimeDirectory(), display);
   std::string error;
-  std::unique_ptr<platform::x11::X11Display> display = platform::x11::X11Display::open(displayName, error);
-  if (!display) {
-    std::fprintf(stderr, "tarry: %s\n", error.c_str());
-    return 1;
+  if (!instance.tryAcquire(error)) {
+    if (!error.empty()) {
+      std::fprintf(stderr, "tarry: %s\n", error.c_str());
+      return 1;
+    }
+    std::string reply;
+    if (!instance.send("show-settings", reply, error)) {
+      std::fprintf(stderr, "tarry: another Tarry runs on display %s but did not answer: %s\n",
+                   display.c_str(), error.c_str());
+      return 1;
+    }
+    return 0;
   }
-  // The guard works through X; its HUD must live on the same server even inside a Wayland
+
+  // The guard works through X; its windows must live on the same server even inside a Wayland
   // session that offers Xwayland.
   setenv("QT_QPA_PLATFORM", "xcb", 0);
-
   QApplication application(argc, argv);
   QApplication::setQuitOnLastWindowClosed(false);
+  QGuiApplication::setDesktopFileName(QString::fromLatin1(kAppId));
+  QApplication::setApplicationName(QStringLiteral("Tarry"));
   platform::qt::QtMainLoop loop;
 
-  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(),
-                                          [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
+  platform::os::SqliteDefaultsStore store(
+      platform::os::SqliteDefaultsStore::defaultPath(),
+      [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
   settings::Preferences prefs(store);
   settings::Tunables tunables;
   platform::os::LinuxFileSystem files;
   diagnostics::Log log(loop, files, store, tunables);
   stats::Counters counters(store, loop);
-  counters.start();
 
   platform::os::DesktopEntryReader entries;
-  platform::x11::X11Workspace workspace(*display, entries);
-  platform::x11::X11WindowList windows(*display);
+  std::unique_ptr<SessionBackend> session = openSessionBackend(display, loop, entries, error);
+  if (!session) {
+    std::fprintf(stderr, "tarry: %s\n", error.c_str());
+    return 1;
+  }
+  platform::Workspace& workspace = *session->workspace;
   platform::os::ProcProcessInfo processes;
   platform::os::PulseAudio audio;
-  guard::CarefulHoldPolicy policy({prefs, tunables, loop, workspace, processes, audio, windows},
-                                  [&counters](std::string_view name, std::int64_t amount) {
-                                    counters.add(name, amount);
-                                  });
+  guard::CarefulHoldPolicy policy(
+      {prefs, tunables, loop, workspace, processes, audio, *session->windows},
+      [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); });
 
   platform::qt::QtScreens screens;
   platform::qt::QtHudPanel panel;
   guard::HUD hud(panel, screens, loop, tunables);
 
-  platform::x11::X11EventTap x11Tap(loop);
   std::unique_ptr<StallingTap> stalling;
-  platform::EventTap* tap = &x11Tap;
+  platform::EventTap* tap = session->tap.get();
   if (const char* stall = std::getenv("TARRY_DEBUG_STALL_ON_PRESS"); stall && std::atof(stall) > 0) {
-    stalling = std::make_unique<StallingTap>(x11Tap, std::atof(stall));
+    stalling = std::make_unique<StallingTap>(*tap, std::atof(stall));
     tap = stalling.get();
   }
 
   platform::os::PulseSound sound;
-  // On the display's own connection: the server ends the suspension if the program dies mid-hold.
-  platform::x11::X11Activity power(display->connection());
-  guard::NoUndo undo;
-  diagnostics::BasicAppTelemetry telemetry(workspace);
-  guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log, hud,
-                                      policy, undo, telemetry});
+  guard::NoUndo undo;  // Undo Quit plugs in here
+  platform::os::SodiumDigest digest;
+  platform::NetworkStatus networkStatus;
+  platform::qt::QtNetworkMonitor networkMonitor;
+  platform::qt::QtHttp http;
+  const std::string server = settings::serverBaseURL();
+  diagnostics::TelemetrySender telemetry(
+      {http, prefs, tunables, digest, workspace, networkStatus, server, TARRY_VERSION});
+  settings::RemoteConfig remoteConfig(tunables, http, loop, server);
+  platform::os::XdgAutostart loginItems(platform::os::configHome(), kAppId, platform::os::executablePath());
+  platform::qt::QtAppearance appearance;
+  platform::qt::QtAlerts alerts;
+  platform::qt::QtConsentWindow consentWindow;
 
-  log.log("started on X display " + std::string(displayName));
-  // Another program may hold one of the combinations; try again now and then, as one would wait
-  // for a permission.
-  platform::Scheduled retry;
-  if (guard.installTap()) {
-    log.log("keyboard guard on");
-  } else {
-    const std::string why = tap->lastError();
-    log.log("keyboard guard off: " + why);
-    std::fprintf(stderr, "tarry: the keyboard guard is off: %s\n", why.c_str());
-    retry = loop.every(kRetryTapSec, [&] {
-      if (!guard.installTap()) return;
-      log.log("keyboard guard on");
-      retry.cancel();
-    });
+  AppDelegate delegate(AppDelegateDeps{loop, *tap, loginItems, appearance, alerts, networkMonitor,
+                                       networkStatus, consentWindow, workspace, prefs, tunables, remoteConfig,
+                                       counters, log, telemetry, hud, TARRY_VERSION, server},
+                       guard::GuardDeps{loop, *tap, workspace, sound, *session->power, prefs, tunables,
+                                        counters, log, hud, policy, undo, telemetry});
+  telemetry.setSnapshotSource([&] {
+    settings::SnapshotFacts facts;
+    facts.accessibility = delegate.lastTrusted();
+    facts.loginLaunch = delegate.loginLaunch();
+    facts.updatedFrom = delegate.previousVersion();
+    return settings::settingsSnapshot(prefs, loginItems, facts);
+  });
+  AppHooks& hooks = delegate.hooks();
+  hooks.terminate = [&loop] { loop.quit(0); };
+  hooks.systemLog = [](const std::string& line) { std::fprintf(stderr, "tarry: %s\n", line.c_str()); };
+  hooks.promptForTrust = [&log, tap] {
+    // X11 has no permission prompt: the display is unreachable, which Settings explains.
+    log.log("keyboard access: " + tap->lastError());
+  };
+
+  platform::qt::QtHandOverServer handOver(
+      [&delegate](const std::string& request) { return delegate.handOver(request); });
+  if (!handOver.listen(instance.socketPath(), error)) {
+    log.log("hand-over socket: " + error);
+    std::fprintf(stderr, "tarry: cannot listen at %s: %s\n", instance.socketPath().c_str(), error.c_str());
   }
 
+  log.log("started on " + session->name + (options.loginLaunch ? " at login" : ""));
   int status = 0;
   {
     QuitOnSignal quitOnSignal(loop);
+    // NOTE: after the signal watcher: SIGTERM at logout must reach applicationWillTerminate.
+    delegate.applicationDidFinishLaunching(options.loginLaunch);
     status = loop.run();
   }
-  guard.removeTap();
+  delegate.applicationWillTerminate();
+  delegate.guardian().removeTap();
   // NOTE: a busy or unsaved-work check may still be running on the global pool; it uses the
   // policy's processes, sound and windows and this loop, all destroyed on return, while Qt waits for
   // the pool only in QApplication's destructor, after them. Its answer, queued for the main thread,

@@ -4,9 +4,11 @@
 #include "app/desktop.h"
 #include "app/hud_demo.h"
 #include "app/remote_config_demo.h"
+#include "app/telemetry_demo.h"
 #include "platform/linux/sqlite_defaults_store.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -16,8 +18,9 @@
 namespace {
 
 constexpr const char* kUsage =
-    "Usage: tarry [--help] [--version]\n"
-    "       tarry --hud-demo | --remote-config-demo\n"
+    "Usage: tarry [--autostart] [--help] [--version]\n"
+    "       tarry --pause MINUTES | --resume\n"
+    "       tarry --telemetry-demo | --remote-config-demo | --hud-demo\n"
     "       tarry defaults read [KEY] | write KEY JSON | delete KEY\n";
 
 bool hasFlag(int argc, char** argv, std::string_view flag) {
@@ -51,17 +54,38 @@ int main(int argc, char** argv) {
     std::printf("tarry %s\n", TARRY_VERSION);
     return 0;
   }
-  // NOTE: demos are checked in a fixed order and the first present wins; "--telemetry-demo" goes
-  // before this one.
+  // NOTE: demos are checked in a fixed order and the first present wins.
+  if (hasFlag(argc, argv, "--telemetry-demo")) return tarry::app::runTelemetryDemo();
   if (hasFlag(argc, argv, "--remote-config-demo")) return tarry::app::runRemoteConfigDemo(argc, argv);
   if (hasFlag(argc, argv, "--hud-demo")) return tarry::app::runHudDemo(argc, argv);
+  // Requests to the copy already running on this display.
+  if (argc >= 2 && std::string_view(argv[1]) == "--pause") {
+    char* end = nullptr;
+    const long minutes = argc == 3 ? std::strtol(argv[2], &end, 10) : -1;
+    if (argc != 3 || end == argv[2] || *end != '\0' || minutes < 0 || minutes > 1440) {
+      std::fprintf(stderr, "tarry: --pause needs minutes from 0 to 1440 (0 = until 06:00)\n%s", kUsage);
+      return 2;
+    }
+    return tarry::app::sendToRunningCopy("pause " + std::to_string(minutes));
+  }
+  if (argc == 2 && std::string_view(argv[1]) == "--resume") return tarry::app::sendToRunningCopy("resume");
+  tarry::app::DesktopOptions options;
   // Qt's own single-dash options (-display, -platform, …) pass on to the desktop program; a long
   // option this program does not know is a mistake worth saying so about.
   for (int i = 1; i < argc; ++i) {
-    if (std::strncmp(argv[i], "--", 2) == 0) {
+    if (std::string_view(argv[i]) == "--autostart") {
+      options.loginLaunch = true;
+    } else if (std::strncmp(argv[i], "--", 2) == 0) {
       std::fprintf(stderr, "tarry: unknown option %s\n%s", argv[i], kUsage);
       return 2;
     }
   }
-  return tarry::app::runDesktop(argc, argv);
+  // Qt must not see the program's own option.
+  std::vector<char*> qtArgs;
+  for (int i = 0; i < argc; ++i) {
+    if (std::string_view(argv[i]) != "--autostart") qtArgs.push_back(argv[i]);
+  }
+  int qtArgc = static_cast<int>(qtArgs.size());
+  qtArgs.push_back(nullptr);
+  return tarry::app::runDesktop(qtArgc, qtArgs.data(), options);
 }

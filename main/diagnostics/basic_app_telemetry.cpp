@@ -1,15 +1,13 @@
 #include "diagnostics/basic_app_telemetry.h"
 
+#include "diagnostics/telemetry_sender.h"
+#include "guard/terminals.h"
+
 #include <algorithm>
 #include <array>
 
 namespace tarry::diagnostics {
 namespace {
-
-constexpr std::array<std::string_view, 6> kTerminals = {
-    "com.apple.Terminal", "com.googlecode.iterm2",  "net.kovidgoyal.kitty",
-    "io.alacritty",       "com.github.wez.wezterm", "dev.warp.Warp-Stable",
-};
 
 constexpr std::array<std::string_view, 16> kBrowsers = {
     "com.apple.Safari",      "com.google.Chrome",
@@ -35,19 +33,20 @@ void BasicAppTelemetry::recordAppSeen(const std::string& bundleID, std::string_v
   if (seen.size() < kCap) seen.insert(bundleID);
 }
 
-std::string BasicAppTelemetry::category(const platform::RunningApp& app) {
+std::string appCategory(const platform::Workspace& workspace, const platform::RunningApp& app) {
   const std::string& id = app.bundleID;
   if (id.empty()) return "other";
   if (id == "com.apple.finder" ||
-      contains(workspace_.identifierEquivalents(platform::IdentifierSet::neverTerminate), id)) {
+      contains(workspace.identifierEquivalents(platform::IdentifierSet::neverTerminate), id)) {
     return "finder";
   }
-  if (std::find(kTerminals.begin(), kTerminals.end(), id) != kTerminals.end() ||
-      contains(workspace_.identifierEquivalents(platform::IdentifierSet::terminals), id)) {
-    return "terminal";
-  }
+  if (guard::isTerminalApp(workspace, id)) return "terminal";
   if (std::find(kBrowsers.begin(), kBrowsers.end(), id) != kBrowsers.end()) return "browser";
   return "other";
+}
+
+std::string BasicAppTelemetry::category(const platform::RunningApp& app) {
+  return appCategory(workspace_, app);
 }
 
 }  // namespace tarry::diagnostics

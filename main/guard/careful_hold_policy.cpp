@@ -1,6 +1,7 @@
 #include "guard/careful_hold_policy.h"
 
 #include "guard/hold_duration.h"
+#include "guard/terminals.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
 
@@ -15,13 +16,6 @@ namespace {
 
 using settings::T;
 
-// Terminal emulators by the identifiers they have everywhere; the desktop adds its own through
-// Workspace::identifierEquivalents.
-constexpr std::array<std::string_view, 8> kTerminals = {
-    "com.apple.Terminal",    "com.googlecode.iterm2",  "dev.warp.Warp-Stable", "dev.warp.Warp",
-    "com.mitchellh.ghostty", "com.github.wez.wezterm", "org.alacritty",        "net.kovidgoyal.kitty",
-};
-
 // Shells and multiplexers sit between a terminal and the command the user runs; they are never
 // "a command" themselves. Compared in lower case.
 constexpr std::array<std::string_view, 9> kShells = {"zsh",  "bash",   "sh", "fish", "login",
@@ -34,10 +28,6 @@ std::string lowered(std::string_view text) {
   std::transform(out.begin(), out.end(), out.begin(),
                  [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
   return out;
-}
-
-bool equalCaseless(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && lowered(a) == lowered(b);
 }
 
 bool contains(std::string_view text, std::string_view part) {
@@ -112,16 +102,7 @@ void CarefulHoldPolicy::recordAttemptHour(Combo /*combo*/) {
 }
 
 bool CarefulHoldPolicy::isTerminal(const std::string& bundleID) const {
-  if (bundleID.empty()) return false;
-  // Case does not matter: on Linux the identifier may come from a desktop-file id, a WM_CLASS or
-  // an executable name, which spell the same terminal differently ("XTerm", "xterm").
-  if (std::any_of(kTerminals.begin(), kTerminals.end(),
-                  [&](std::string_view id) { return equalCaseless(id, bundleID); })) {
-    return true;
-  }
-  const auto extra = s_.workspace.identifierEquivalents(platform::IdentifierSet::terminals);
-  return std::any_of(extra.begin(), extra.end(),
-                     [&](const std::string& id) { return equalCaseless(id, bundleID); });
+  return isTerminalApp(s_.workspace, bundleID);
 }
 
 std::vector<std::int32_t> processTree(platform::ProcessInfo& processes, std::int32_t root, std::size_t cap) {

@@ -17,6 +17,8 @@ struct HttpRequest {
   std::vector<std::pair<std::string, std::string>> headers;
   CachePolicy cachePolicy = CachePolicy::useProtocol;
   double timeoutSec = 10;
+  /// The body of a POST (sent with the Content-Type header given in `headers`); empty for a GET.
+  std::string body;
 };
 
 struct HttpResponse {
@@ -41,6 +43,8 @@ class Http {
   /// Sends a GET and returns at once; `done` runs once, on the networking thread (not the main
   /// thread), with the response or the error.
   virtual void get(const HttpRequest& request, Completion done) = 0;
+  /// Sends a POST of `request.body` and returns at once; `done` as for `get`.
+  virtual void post(const HttpRequest& request, Completion done) = 0;
 };
 
 }  // namespace tarry::platform

@@ -111,6 +111,8 @@ class Harness:
             self._start_x()
             os.makedirs(os.path.join(self.tmp, "logs"))
             self.defaults("write", "logDir", json.dumps(os.path.join(self.tmp, "logs")))
+            # The first-run consent is given; the cases about it take it back.
+            self.defaults("write", "consentVersion", "1")
         except BaseException:
             self.close()
             raise

@@ -33,12 +33,25 @@ std::string unescaped(std::string_view value) {
       continue;
     }
     switch (value[i + 1]) {
-      case 's': out += ' '; break;
-      case 'n': out += '\n'; break;
-      case 't': out += '\t'; break;
-      case 'r': out += '\r'; break;
-      case '\\': out += '\\'; break;
-      default: out += value[i]; out += value[i + 1]; break;
+      case 's':
+        out += ' ';
+        break;
+      case 'n':
+        out += '\n';
+        break;
+      case 't':
+        out += '\t';
+        break;
+      case 'r':
+        out += '\r';
+        break;
+      case '\\':
+        out += '\\';
+        break;
+      default:
+        out += value[i];
+        out += value[i + 1];
+        break;
     }
     ++i;
   }
@@ -97,7 +110,8 @@ std::vector<std::string> localeVariants(std::string_view locale) {
   if (lang.empty() || lang == "C" || lang == "POSIX") return {};
   const std::string base(lang);
   std::vector<std::string> variants;
-  if (!country.empty() && !modifier.empty()) variants.push_back(base + "_" + std::string(country) + "@" + std::string(modifier));
+  if (!country.empty() && !modifier.empty())
+    variants.push_back(base + "_" + std::string(country) + "@" + std::string(modifier));
   if (!country.empty()) variants.push_back(base + "_" + std::string(country));
   if (!modifier.empty()) variants.push_back(base + "@" + std::string(modifier));
   variants.push_back(base);
@@ -129,13 +143,15 @@ std::string desktopFileId(const std::string& path, const std::vector<std::string
   }
   std::replace(relative.begin(), relative.end(), '/', '-');
   const std::string suffix = ".desktop";
-  if (relative.size() > suffix.size() && relative.compare(relative.size() - suffix.size(), suffix.size(), suffix) == 0) {
+  if (relative.size() > suffix.size() &&
+      relative.compare(relative.size() - suffix.size(), suffix.size(), suffix) == 0) {
     relative.resize(relative.size() - suffix.size());
   }
   return relative;
 }
 
-std::optional<DesktopEntry> parseDesktopEntry(std::string_view text, const std::vector<std::string>& locales) {
+std::optional<DesktopEntry> parseDesktopEntry(std::string_view text,
+                                              const std::vector<std::string>& locales) {
   if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);
   // Keys of the [Desktop Entry] group; the first occurrence of a key counts.
   std::map<std::string, std::string, std::less<>> keys;
@@ -186,6 +202,13 @@ std::optional<DesktopEntry> parseDesktopEntry(std::string_view text, const std::
   }
   entry.icon = value("Icon").value_or("");
   entry.startupWMClass = value("StartupWMClass").value_or("");
+  const std::string categories = value("Categories").value_or("");
+  for (std::size_t start = 0; start < categories.size();) {
+    std::size_t end = categories.find(';', start);
+    if (end == std::string::npos) end = categories.size();
+    if (end > start) entry.categories.push_back(categories.substr(start, end - start));
+    start = end + 1;
+  }
   entry.noDisplay = flag("NoDisplay");
   entry.hidden = flag("Hidden");
   return entry;
@@ -259,7 +282,8 @@ void DesktopEntryReader::refresh() {
 std::optional<DesktopEntry> DesktopEntryReader::findById(const std::string& id) {
   const std::lock_guard lock(mutex_);
   refresh();
-  const auto it = std::find_if(entries_.begin(), entries_.end(), [&](const DesktopEntry& e) { return e.id == id; });
+  const auto it =
+      std::find_if(entries_.begin(), entries_.end(), [&](const DesktopEntry& e) { return e.id == id; });
   if (it == entries_.end()) return std::nullopt;
   return *it;
 }

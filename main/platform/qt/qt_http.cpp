@@ -83,19 +83,25 @@ QtHttp::~QtHttp() {
   thread_.wait();
 }
 
-void QtHttp::get(const HttpRequest& request, Completion done) {
+void QtHttp::get(const HttpRequest& request, Completion done) { send(request, false, std::move(done)); }
+
+void QtHttp::post(const HttpRequest& request, Completion done) { send(request, true, std::move(done)); }
+
+void QtHttp::send(const HttpRequest& request, bool isPost, Completion done) {
   std::shared_ptr<Worker> worker = worker_;
   QObject* context = context_;
   QMetaObject::invokeMethod(
       context,
-      [worker, context, request, done = std::move(done)]() mutable {
+      [worker, context, request, isPost, done = std::move(done)]() mutable {
         if (worker->stopping.load()) return;
         if (worker->manager == nullptr) {
           worker->manager = new QNetworkAccessManager(context);
           // NOTE: replies are parented to the manager, the manager to the context; the context's
           // deletion on this thread takes them all.
         }
-        QNetworkReply* reply = worker->manager->get(toQRequest(request));
+        QNetworkReply* reply =
+            isPost ? worker->manager->post(toQRequest(request), QByteArray::fromStdString(request.body))
+                   : worker->manager->get(toQRequest(request));
         QObject::connect(reply, &QNetworkReply::finished, reply, [worker, reply, done = std::move(done)] {
           reply->deleteLater();
           if (worker->stopping.load()) return;

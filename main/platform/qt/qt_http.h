@@ -20,9 +20,11 @@ class QtHttp final : public Http {
   ~QtHttp() override;
 
   void get(const HttpRequest& request, Completion done) override;
+  void post(const HttpRequest& request, Completion done) override;
 
  private:
   struct Worker;
+  void send(const HttpRequest& request, bool isPost, Completion done);
 
   QThread thread_;
   /// Lives on `thread_`; owns the access manager and the replies.

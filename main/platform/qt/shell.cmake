@@ -1,11 +1,7 @@
-# The status item and its menu, the Settings, Statistics and About windows, and bringing windows
-# forward on X11.
+# The desktop application's shell: hand-over socket server, consent window, network status, look.
 target_sources(tarry_qt PRIVATE
-  ${CMAKE_CURRENT_LIST_DIR}/qt_settings_window.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/qt_small_windows.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/qt_stats_window.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/qt_status_item.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/qt_window_raise.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qt_appearance.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qt_consent_window.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qt_hand_over_server.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/qt_network_monitor.cpp
 )
-# QDBusServiceWatcher: the tray icon waits for a StatusNotifier host.
-target_link_libraries(tarry_qt PUBLIC Qt6::DBus)

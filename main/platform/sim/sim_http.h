@@ -3,6 +3,7 @@
 #include "platform/http.h"
 
 #include <functional>
+#include <utility>
 #include <vector>
 
 namespace tarry::platform::sim {
@@ -11,6 +12,8 @@ namespace tarry::platform::sim {
 class SimHttp final : public Http {
  public:
   void get(const HttpRequest& request, Completion done) override;
+  /// Like `get`; the request is recorded with its body.
+  void post(const HttpRequest& request, Completion done) override { get(request, std::move(done)); }
 
   /// Answers the oldest waiting request; false when none waits.
   bool respond(const HttpResponse& response);

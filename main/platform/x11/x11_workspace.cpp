@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -46,7 +47,8 @@ Icon pickWindowIcon(const std::vector<std::uint32_t>& data) {
     if (w == 0 || h == 0 || i + 2 + count > data.size()) break;
     const std::uint32_t side = std::max(w, h);
     const bool fits = side <= kMaxIconSide;
-    if (best == data.size() || (fits && (!bestFits || side > bestSide)) || (!fits && !bestFits && side < bestSide)) {
+    if (best == data.size() || (fits && (!bestFits || side > bestSide)) ||
+        (!fits && !bestFits && side < bestSide)) {
       best = i;
       bestSide = side;
       bestFits = fits;
@@ -183,7 +185,8 @@ void X11Workspace::readClients() {
   }
   // Follow the properties that make up a window's identity, which toolkits may set after mapping.
   const std::uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
-  for (const xcb_window_t w : added) xcb_change_window_attributes(display_.connection(), w, XCB_CW_EVENT_MASK, &mask);
+  for (const xcb_window_t w : added)
+    xcb_change_window_attributes(display_.connection(), w, XCB_CW_EVENT_MASK, &mask);
   xcb_flush(display_.connection());
 }
 
@@ -255,7 +258,8 @@ std::vector<RunningApp> X11Workspace::runningApplications() {
   for (const xcb_window_t w : clients) {
     const Resolved r = cached(w);
     if (r.app.pid <= 0) continue;
-    auto same = std::find_if(apps.begin(), apps.end(), [&](const RunningApp& a) { return a.pid == r.app.pid; });
+    auto same =
+        std::find_if(apps.begin(), apps.end(), [&](const RunningApp& a) { return a.pid == r.app.pid; });
     if (same == apps.end()) {
       apps.push_back(r.app);
     } else if (r.regular && !same->regular) {
@@ -278,7 +282,8 @@ bool X11Workspace::terminate(const RunningApp& app) {
       continue;
     }
     const auto protocols = display_.cardinals(w, atoms.wmProtocols, 32);
-    if (!protocols || std::find(protocols->begin(), protocols->end(), atoms.wmDeleteWindow) == protocols->end()) {
+    if (!protocols ||
+        std::find(protocols->begin(), protocols->end(), atoms.wmDeleteWindow) == protocols->end()) {
       continue;
     }
     xcb_client_message_event_t message{};
@@ -288,7 +293,8 @@ bool X11Workspace::terminate(const RunningApp& app) {
     message.type = atoms.wmProtocols;
     message.data.data32[0] = atoms.wmDeleteWindow;
     message.data.data32[1] = XCB_CURRENT_TIME;
-    xcb_send_event(display_.connection(), 0, w, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&message));
+    xcb_send_event(display_.connection(), 0, w, XCB_EVENT_MASK_NO_EVENT,
+                   reinterpret_cast<const char*>(&message));
     sent = true;
   }
   xcb_flush(display_.connection());
@@ -311,7 +317,33 @@ std::int32_t X11Workspace::ownPid() const { return static_cast<std::int32_t>(get
 std::vector<std::string> X11Workspace::identifierEquivalents(IdentifierSet set) const {
   std::vector<std::string> ids = os::linuxIdentifierEquivalents(set);
   if (set == IdentifierSet::dock) ids.emplace_back(kDesktopShellId);
+  if (set == IdentifierSet::terminals) {
+    const std::vector<std::string> installed = installedTerminals();
+    ids.insert(ids.end(), installed.begin(), installed.end());
+  }
   return ids;
+}
+
+std::vector<std::string> X11Workspace::installedTerminals() const {
+  constexpr double kRereadSec = 60;
+  const double now =
+      std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+  const std::lock_guard lock(terminalsMutex_);
+  if (terminalsReadAt_ < 0 || now - terminalsReadAt_ >= kRereadSec) {
+    terminalsReadAt_ = now;
+    terminals_.clear();
+    // The freedesktop menu standard's category: every terminal emulator a distribution ships
+    // declares it, whatever its desktop-file id ("debian-xterm", "org.gnome.Console", ...).
+    for (const DesktopEntry& entry : entries_.installedApplications()) {
+      if (std::find(entry.categories.begin(), entry.categories.end(), "TerminalEmulator") ==
+          entry.categories.end()) {
+        continue;
+      }
+      terminals_.push_back(entry.id);
+      if (!entry.startupWMClass.empty()) terminals_.push_back(entry.startupWMClass);
+    }
+  }
+  return terminals_;
 }
 
 }  // namespace tarry::platform::x11

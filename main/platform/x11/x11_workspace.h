@@ -51,8 +51,15 @@ class X11Workspace final : public Workspace {
   void readActive();
   void readClients();
 
+  /// Installed terminal emulators (desktop entries in the TerminalEmulator category), re-read
+  /// at most once a minute.
+  [[nodiscard]] std::vector<std::string> installedTerminals() const;
+
   X11Display& display_;
   DesktopEntries& entries_;
+  mutable std::mutex terminalsMutex_;
+  mutable std::vector<std::string> terminals_;
+  mutable double terminalsReadAt_ = -1;
   const Icon ownIcon_;
   xcb_window_t wakeWindow_ = 0;
 

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+
+namespace tarry::platform::os {
+
+/// One running copy of the program per user and display.
+///
+/// The first copy holds an exclusive `flock` on "<runtime dir>/tarry-<display>.lock" for its whole
+/// life and listens on the socket "<runtime dir>/tarry-<display>.sock" beside it. The kernel drops
+/// the lock when the process ends in any way (kill -9 included), so a stale lock cannot exist; a
+/// stale socket file is removed by the next copy that holds the lock. Two copies racing for the
+/// lock end with exactly one holder.
+class InstanceLock final {
+ public:
+  /// Paths for the display named `display` (":0", "localhost:10.0") under `runtimeDir`.
+  InstanceLock(const std::string& runtimeDir, const std::string& display);
+  ~InstanceLock();
+  InstanceLock(const InstanceLock&) = delete;
+  InstanceLock& operator=(const InstanceLock&) = delete;
+
+  /// Takes the lock without waiting; true when this process is now the running copy (or already
+  /// was). False when another process holds it, or on an error (`error` says which).
+  bool tryAcquire(std::string& error);
+  /// True while this object holds the lock.
+  [[nodiscard]] bool held() const { return fd_ >= 0; }
+
+  /// Sends one request line to the running copy and returns its answer line ("ok", "error: …").
+  /// Retries the connection for up to `timeoutSec` (the running copy may still be starting);
+  /// false with `error` set when no copy answered.
+  [[nodiscard]] bool send(const std::string& request, std::string& reply, std::string& error,
+                          double timeoutSec = 3.0) const;
+
+  [[nodiscard]] const std::string& socketPath() const { return socketPath_; }
+  [[nodiscard]] const std::string& lockPath() const { return lockPath_; }
+
+ private:
+  std::string lockPath_;
+  std::string socketPath_;
+  int fd_ = -1;
+};
+
+}  // namespace tarry::platform::os
