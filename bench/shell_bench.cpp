@@ -35,7 +35,8 @@ struct World {
     counters.start();
     platform::Value recents = platform::Value::array();
     for (int i = 0; i < 10; ++i) {
-      recents.push_back({{"name", "App " + std::to_string(i)}, {"path", "/usr/share/applications/app" + std::to_string(i) + ".desktop"}});
+      recents.push_back({{"name", "App " + std::to_string(i)},
+                         {"path", "/usr/share/applications/app" + std::to_string(i) + ".desktop"}});
     }
     store.set("recents", recents);
     store.set("pauseUntil", loop.now() + 600);
@@ -52,8 +53,8 @@ void BM_MenuOpeningRefresh(benchmark::State& state) {
   app::StatusMenuHooks hooks;
   hooks.tapInstalled = [] { return true; };
   hooks.undoApps = [] { return std::vector<std::string>{"Mail"}; };
-  app::StatusMenu menu(std::make_unique<platform::qt::QtStatusItem>(0), world.store, world.counters, world.loop,
-                       hooks);
+  app::StatusMenu menu(std::make_unique<platform::qt::QtStatusItem>(0), world.store, world.counters,
+                       world.loop, hooks);
   menu.refreshStatus();
   int n = 0;
   for (auto _ : state) {
@@ -70,7 +71,7 @@ void BM_StatisticsRefresh(benchmark::State& state) {
   NoAlerts alerts;
   NoClipboard clipboard;
   stats::StatsController controller(std::make_unique<platform::qt::QtStatsWindow>(), "Tarry", world.counters,
-                                     world.store, world.loop, alerts, clipboard);
+                                    world.store, world.loop, alerts, clipboard);
   controller.show();
   for (auto _ : state) {
     world.counters.add("quit", 1);  // every refresh has new figures to draw

@@ -2,6 +2,8 @@
 
 #include "app/app_delegate.h"
 #include "app/app_identity.h"
+#include "app/desktop_shell.h"
+#include "app/desktop_shell_wiring.h"
 #include "diagnostics/log.h"
 #include "diagnostics/telemetry_sender.h"
 #include "guard/careful_hold_policy.h"
@@ -286,6 +288,10 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     // X11 has no permission prompt: the display is unreachable, which Settings explains.
     log.log("keyboard access: " + tap->lastError());
   };
+
+  // The tray item and the windows (their own file; one call here).
+  DesktopShell shell({loop, store, counters, tunables, alerts, workspace, entries, server}, {});
+  wireDesktopShell(delegate, shell, *tap, loop, tunables, [&log](const std::string& line) { log.log(line); });
 
   platform::qt::QtHandOverServer handOver(
       [&delegate](const std::string& request) { return delegate.handOver(request); });

@@ -94,6 +94,9 @@ class DesktopShell final {
   void showStats();
   void showRules();
   void showAbout();
+  /// Runs `fallback` once if, when the wait for a tray host is over, no tray shows the item (no
+  /// StatusNotifier host and no XEmbed tray on this desktop).
+  void whenNoTray(std::function<void()> fallback);
   /// True while a modal alert or dialog of the program is up.
   [[nodiscard]] static bool modalWindowUp();
 
@@ -113,6 +116,8 @@ class DesktopShell final {
   std::unique_ptr<settings::AppRules> appRules_;
   std::unique_ptr<settings::AppListController> rules_;
   std::unique_ptr<platform::qt::QtAboutWindow> about_;
+  int waitForTrayHostMs_;
+  platform::Scheduled trayCheck_;
 };
 
 }  // namespace tarry::app

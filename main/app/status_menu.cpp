@@ -27,7 +27,8 @@ std::int64_t daysFromCivil(int year, int month, int day) {
   return static_cast<std::int64_t>(era) * 146097 + doe - 719468;
 }
 
-MenuRowState rowState(std::string title, bool visible = true, bool enabled = true, std::string shortcut = {}) {
+MenuRowState rowState(std::string title, bool visible = true, bool enabled = true,
+                      std::string shortcut = {}) {
   MenuRowState state;
   state.title = std::move(title);
   state.visible = visible;
@@ -48,8 +49,8 @@ std::string holdText(double seconds) {
 
 }  // namespace
 
-std::string headerText(bool tapInstalled, const std::string& tapProblem, bool paused, bool enabled, bool pressTwice,
-                       double holdSeconds) {
+std::string headerText(bool tapInstalled, const std::string& tapProblem, bool paused, bool enabled,
+                       bool pressTwice, double holdSeconds) {
   const std::string keys(guard::keysText(guard::Shortcut::quit));
   if (!tapInstalled) return tapProblem.empty() ? "Keyboard guard off" : "Keyboard guard off: " + tapProblem;
   if (paused) return "Paused";
@@ -70,8 +71,10 @@ std::vector<RecentRow> recentRows(const std::optional<platform::Value>& recents)
       if (!entry.is_object()) continue;
       std::string name;
       std::string path;
-      if (const auto it = entry.find("name"); it != entry.end() && it->is_string()) name = it->get<std::string>();
-      if (const auto it = entry.find("path"); it != entry.end() && it->is_string()) path = it->get<std::string>();
+      if (const auto it = entry.find("name"); it != entry.end() && it->is_string())
+        name = it->get<std::string>();
+      if (const auto it = entry.find("path"); it != entry.end() && it->is_string())
+        path = it->get<std::string>();
       rows.push_back({RecentRow::Kind::reopen, "Reopen " + (name.empty() ? std::string("app") : name), path});
     }
   }
@@ -92,14 +95,15 @@ std::string shortRelativeTime(double until, const platform::MainLoop& loop) {
                                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   const platform::CalendarFields at = loop.localTime(until);
   const platform::CalendarFields now = loop.localTime(loop.now());
-  const std::int64_t days = daysFromCivil(at.year, at.month, at.day) - daysFromCivil(now.year, now.month, now.day);
+  const std::int64_t days =
+      daysFromCivil(at.year, at.month, at.day) - daysFromCivil(now.year, now.month, now.day);
   char time[8];
   std::snprintf(time, sizeof time, "%02d:%02d", at.hour, at.minute);
   if (days == 0) return std::string("today, ") + time;
   if (days == 1) return std::string("tomorrow, ") + time;
   char date[32];
-  std::snprintf(date, sizeof date, "%d %s %d, ", at.day, kMonths[static_cast<std::size_t>((at.month + 11) % 12)],
-                at.year);
+  std::snprintf(date, sizeof date, "%d %s %d, ", at.day,
+                kMonths[static_cast<std::size_t>((at.month + 11) % 12)], at.year);
   return std::string(date) + time;
 }
 
@@ -133,11 +137,13 @@ void StatusMenu::buildMenu() {
   setRow(MenuRow::pauseTomorrow, rowState("Until tomorrow"));
   setRow(MenuRow::resume, rowState("Resume Now", false));
   setRow(MenuRow::recent, rowState("Recently Quit"));
-  setRow(MenuRow::undo, rowState("Undo Quit", false, true, std::string(guard::keysText(guard::Shortcut::undo))));
+  setRow(MenuRow::undo,
+         rowState("Undo Quit", false, true, std::string(guard::keysText(guard::Shortcut::undo))));
   setRow(MenuRow::stats, rowState("Statistics…"));
   setRow(MenuRow::rules, rowState("App Rules…"));
   setRow(MenuRow::quitOthers, rowState("Quit All Other Apps…"));
-  setRow(MenuRow::settings, rowState("Settings…", true, true, std::string(guard::keysText(guard::Shortcut::settings))));
+  setRow(MenuRow::settings,
+         rowState("Settings…", true, true, std::string(guard::keysText(guard::Shortcut::settings))));
   setRow(MenuRow::about, rowState("About Tarry"));
   setRow(MenuRow::checkUpdates, rowState("Check for Updates…"));
   setRow(MenuRow::quit, rowState("Quit Tarry"));
@@ -176,14 +182,17 @@ void StatusMenu::refreshStatus() {
 
   const bool tap = hooks_.tapInstalled ? hooks_.tapInstalled() : false;
   const std::string problem = (!tap && hooks_.tapProblem) ? hooks_.tapProblem() : std::string();
-  setRow(MenuRow::header, rowState(headerText(tap, problem, lastPaused, enabled, prefs.pressTwice(), prefs.holdSeconds()), true, false));
+  setRow(MenuRow::header,
+         rowState(headerText(tap, problem, lastPaused, enabled, prefs.pressTwice(), prefs.holdSeconds()),
+                  true, false));
   refreshRows();
 }
 
 void StatusMenu::refreshCounterTitle() {
   const settings::Preferences prefs(store_);
   const std::int64_t today = counters_.today("saved");
-  if (built_) setRow(MenuRow::counter, rowState(counterRowText(counters_.allTime("saved"), today), true, false));
+  if (built_)
+    setRow(MenuRow::counter, rowState(counterRowText(counters_.allTime("saved"), today), true, false));
   if (!shown_) return;
   const std::string title = prefs.menuCounter() ? " " + std::to_string(today) : std::string();
   if (lastCounterTitle && *lastCounterTitle == title) return;
@@ -202,9 +211,11 @@ void StatusMenu::refreshRows() {
     view_->setRecents(recents);
     recents_ = std::move(recents);
   }
-  setRow(MenuRow::counter, rowState(counterRowText(counters_.allTime("saved"), counters_.today("saved")), true, false));
+  setRow(MenuRow::counter,
+         rowState(counterRowText(counters_.allTime("saved"), counters_.today("saved")), true, false));
 
-  const std::optional<std::string> undo = undoTitle(hooks_.undoApps ? hooks_.undoApps() : std::vector<std::string>());
+  const std::optional<std::string> undo =
+      undoTitle(hooks_.undoApps ? hooks_.undoApps() : std::vector<std::string>());
   MenuRowState undoRow = *rows_[static_cast<std::size_t>(MenuRow::undo)];
   undoRow.visible = undo.has_value();
   if (undo) undoRow.title = *undo;
@@ -212,7 +223,8 @@ void StatusMenu::refreshRows() {
 
   const bool isPaused = paused();
   const double until = settings::Preferences(store_).pauseUntil();
-  setRow(MenuRow::pause, rowState(isPaused ? "Paused until " + shortRelativeTime(until, loop_) : "Pause Protection"));
+  setRow(MenuRow::pause,
+         rowState(isPaused ? "Paused until " + shortRelativeTime(until, loop_) : "Pause Protection"));
   setRow(MenuRow::resume, rowState("Resume Now", isPaused));
 }
 
@@ -220,7 +232,9 @@ void StatusMenu::menuNeedsUpdate() {
   counters_.add("open.menu", 1);
   // The menu is a sound moment for the automatic period check: its counter row reads the period.
   (void)counters_.checkAutoPeriod();
-  refreshRows();
+  // The header too: the guard may have come or gone since the last status refresh.
+  refreshStatus();
+  if (!shown_) refreshRows();
 }
 
 void StatusMenu::call(const std::function<void()>& hook, const char* what) {
@@ -256,18 +270,35 @@ void StatusMenu::chose(MenuRow row) {
       call(hooks_.resumeNow, "resume");
       refreshStatus();
       return;
-    case MenuRow::undo: call(hooks_.undoQuit, "Undo Quit"); return;
-    case MenuRow::stats: call(hooks_.openStats, "Statistics"); return;
-    case MenuRow::rules: call(hooks_.openRules, "App Rules"); return;
-    case MenuRow::quitOthers: call(hooks_.quitOthers, "Quit All Other Apps"); return;
-    case MenuRow::settings: call(hooks_.openSettings, "Settings"); return;
-    case MenuRow::about: call(hooks_.openAbout, "About"); return;
-    case MenuRow::checkUpdates: call(hooks_.checkUpdates, "the update check"); return;
-    case MenuRow::quit: call(hooks_.quit, "Quit"); return;
+    case MenuRow::undo:
+      call(hooks_.undoQuit, "Undo Quit");
+      return;
+    case MenuRow::stats:
+      call(hooks_.openStats, "Statistics");
+      return;
+    case MenuRow::rules:
+      call(hooks_.openRules, "App Rules");
+      return;
+    case MenuRow::quitOthers:
+      call(hooks_.quitOthers, "Quit All Other Apps");
+      return;
+    case MenuRow::settings:
+      call(hooks_.openSettings, "Settings");
+      return;
+    case MenuRow::about:
+      call(hooks_.openAbout, "About");
+      return;
+    case MenuRow::checkUpdates:
+      call(hooks_.checkUpdates, "the update check");
+      return;
+    case MenuRow::quit:
+      call(hooks_.quit, "Quit");
+      return;
     case MenuRow::header:
     case MenuRow::counter:
     case MenuRow::pause:
-    case MenuRow::recent: return;  // rows that do nothing themselves
+    case MenuRow::recent:
+      return;  // rows that do nothing themselves
   }
 }
 

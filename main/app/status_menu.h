@@ -44,8 +44,8 @@ struct StatusMenuHooks {
 
 /// "Active, hold Ctrl+Q 2s" and the other states of the header row. `tapProblem` says why the
 /// keyboard guard is off.
-[[nodiscard]] std::string headerText(bool tapInstalled, const std::string& tapProblem, bool paused, bool enabled,
-                                     bool pressTwice, double holdSeconds);
+[[nodiscard]] std::string headerText(bool tapInstalled, const std::string& tapProblem, bool paused,
+                                     bool enabled, bool pressTwice, double holdSeconds);
 /// "3 accidental quits blocked · 1 today".
 [[nodiscard]] std::string counterRowText(std::int64_t allTime, std::int64_t today);
 /// The recently-quit submenu for the `recents` preference (absent or not an array = empty).
@@ -76,6 +76,7 @@ class StatusMenu final : public platform::StatusMenuActions {
   /// The counter badge and counter row (after a blocked quit).
   void refreshCounterTitle();
   /// Recent apps, counter row, Undo Quit and the pause rows, without counting an opening.
+  /// NOTE: an opening (`menuNeedsUpdate`) refreshes the whole status as well.
   void refreshRows();
 
   // platform::StatusMenuActions

@@ -31,5 +31,4 @@ class AboutView {
   virtual void present() = 0;
 };
 
-
 }  // namespace tarry::platform

@@ -53,9 +53,9 @@ std::string dateText(double secondsSince1970, const platform::MainLoop& loop) {
   return text;
 }
 
-StatsController::StatsController(std::unique_ptr<platform::StatsView> view, std::string name, Counters& counters,
-                                 platform::DefaultsStore& store, platform::MainLoop& loop, platform::Alerts& alerts,
-                                 platform::Clipboard& clipboard)
+StatsController::StatsController(std::unique_ptr<platform::StatsView> view, std::string name,
+                                 Counters& counters, platform::DefaultsStore& store, platform::MainLoop& loop,
+                                 platform::Alerts& alerts, platform::Clipboard& clipboard)
     : appName(std::move(name)),
       metrics(shownMetrics()),
       view_(std::move(view)),
@@ -130,7 +130,8 @@ void StatsController::autoChanged(int index) {
 }
 
 void StatsController::resetPeriod() {
-  const platform::AlertSpec alert{"Start a new period?", "“All time” keeps going.", {"Start New Period", "Cancel"}};
+  const platform::AlertSpec alert{
+      "Start a new period?", "“All time” keeps going.", {"Start New Period", "Cancel"}};
   if (alerts_.runModal(alert) != 0) return;
   counters_.startNewPeriod();
   refresh();

@@ -1,9 +1,7 @@
 #include "settings/settings_window.h"
 
-#include "app/window_presenter.h"
 #include "platform/sim/memory_defaults_store.h"
 #include "platform/sim/sim_alerts.h"
-#include "platform/sim/sim_main_loop.h"
 #include "platform/sim/sim_services.h"
 
 #include <gtest/gtest.h>
@@ -66,14 +64,15 @@ class SettingsWindowTest : public ::testing::Test {
 TEST_F(SettingsWindowTest, EveryPopUpHasItsValueListAndEveryControlALabel) {
   const platform::SettingsTexts& t = view->texts;
   EXPECT_EQ(t.items.at("styleIndex"), (std::vector<std::string>{"Hold Ctrl+Q", "Press Ctrl+Q twice"}));
-  EXPECT_EQ(t.items.at("closeHoldIndex"), (std::vector<std::string>{"Off", "1 second", "2 seconds", "3 seconds"}));
+  EXPECT_EQ(t.items.at("closeHoldIndex"),
+            (std::vector<std::string>{"Off", "1 second", "2 seconds", "3 seconds"}));
   EXPECT_EQ(t.items.at("logoutHoldIndex").back(), "5 seconds");
   EXPECT_EQ(t.items.at("ramSaverIndex").size(), 6u);
   EXPECT_EQ(t.items.at("workToIndex").at(17), "17:00");
   EXPECT_EQ(t.items.at("appearanceIndex"), (std::vector<std::string>{"Light", "Dark", "Match system"}));
-  for (const char* name : {"enabled", "showMenuBar", "showHUD", "playSound", "menuCounter", "unsavedWarn", "workHours",
-                           "workWeekdays", "micStrict", "busyGuard", "undoQuit", "autoUpdate", "launchAtLogin",
-                           "holdSeconds", "reset", "rules", "stats", "checkNow"}) {
+  for (const char* name : {"enabled", "showMenuBar", "showHUD", "playSound", "menuCounter", "unsavedWarn",
+                           "workHours", "workWeekdays", "micStrict", "busyGuard", "undoQuit", "autoUpdate",
+                           "launchAtLogin", "holdSeconds", "reset", "rules", "stats", "checkNow"}) {
     EXPECT_FALSE(t.labels.at(name).empty()) << name;
   }
   EXPECT_EQ(t.holdMin, 0.5);
@@ -136,25 +135,6 @@ TEST_F(SettingsWindowTest, ResetAsksAndGuardTroubleIsExplained) {
   view->actions->pressed("checkNow");
   EXPECT_EQ(trace.back(), "log settings: checkNow is not available in this build");
   EXPECT_EQ(trace.at(trace.size() - 2), "stats");
-}
-
-TEST(WindowPresenterTest, ReopenIsIgnoredRightAfterOwnActivationAndWhileModal) {
-  platform::sim::SimMainLoop loop;
-  Tunables tunables;
-  app::WindowPresenter presenter(loop, tunables);
-  EXPECT_TRUE(presenter.shouldOpenOnReopen(false));
-  EXPECT_FALSE(presenter.shouldOpenOnReopen(true));
-  int shown = 0;
-  presenter.bringForward([&shown] { ++shown; });
-  EXPECT_EQ(shown, 1);
-  loop.advance(1.9);
-  EXPECT_FALSE(presenter.shouldOpenOnReopen(false));  // within reopenIgnoreSec (2 s)
-  loop.advance(0.2);
-  EXPECT_TRUE(presenter.shouldOpenOnReopen(false));
-  presenter.windowClosed();
-  EXPECT_FALSE(presenter.shouldOpenOnReopen(false));  // the desktop's answer to the close
-  loop.advance(0.2);
-  EXPECT_TRUE(presenter.shouldOpenOnReopen(false));
 }
 
 }  // namespace

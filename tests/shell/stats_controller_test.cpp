@@ -46,7 +46,8 @@ class StatsControllerTest : public ::testing::Test {
     store.set("stats.periodSince", kMarch14 + 3600);  // 8 h before
     auto owned = std::make_unique<RecordingStatsView>();
     view = owned.get();
-    controller = std::make_unique<StatsController>(std::move(owned), "Tarry", counters, store, loop, alerts, clipboard);
+    controller = std::make_unique<StatsController>(std::move(owned), "Tarry", counters, store, loop, alerts,
+                                                   clipboard);
   }
 
   platform::sim::SimMainLoop loop;
@@ -83,7 +84,8 @@ TEST_F(StatsControllerTest, WindowShowsEveryMetricWithItsPeriodLines) {
   EXPECT_EQ(view->figures.autoIndex, 3);
   EXPECT_EQ(view->texts.autoItems[3], "Every month");
   EXPECT_EQ(view->figures.periodInfo, "This period began 14 Mar 2026, 01:00:00\nRunning for 0d 08h 00m 00s");
-  EXPECT_EQ(view->figures.allInfo, "Counting all-time since 12 Mar 2026, 22:58:59\nThat is 1d 10h 01m 01s ago");
+  EXPECT_EQ(view->figures.allInfo,
+            "Counting all-time since 12 Mar 2026, 22:58:59\nThat is 1d 10h 01m 01s ago");
 }
 
 TEST_F(StatsControllerTest, RefreshesEverySecondOnlyWhileOpen) {
@@ -93,7 +95,8 @@ TEST_F(StatsControllerTest, RefreshesEverySecondOnlyWhileOpen) {
   counters.add("quit", 1);
   loop.advance(1.0);
   EXPECT_EQ(view->figures.cells[1][0], "1");
-  EXPECT_EQ(view->figures.periodInfo.substr(view->figures.periodInfo.find("Running")), "Running for 0d 08h 00m 01s");
+  EXPECT_EQ(view->figures.periodInfo.substr(view->figures.periodInfo.find("Running")),
+            "Running for 0d 08h 00m 01s");
 
   view->actions->windowWillClose();
   EXPECT_FALSE(controller->timerRunning());

@@ -51,7 +51,11 @@ int main(int argc, char** argv) {
   app::DesktopShell* shellPtr = nullptr;
   settings::SettingsController controller(
       store, loginItems, appearance, alerts,
-      settings::SettingsHooks{{}, {}, {}, {}, [&shellPtr] { shellPtr->refreshSettings(); },
+      settings::SettingsHooks{{},
+                              {},
+                              {},
+                              {},
+                              [&shellPtr] { shellPtr->refreshSettings(); },
                               [&shellPtr] { shellPtr->statusMenu().refreshStatus(); }});
 
   app::ShellHooks hooks;
@@ -62,9 +66,12 @@ int main(int argc, char** argv) {
     store.set("pauseUntil", loop.now() + (minutes > 0 ? minutes * 60.0 : 8 * 3600.0));
   };
   hooks.resumeNow = [&] { store.set("pauseUntil", 0.0); };
-  hooks.log = [](const std::string& line) { std::printf("log %s\n", line.c_str()); std::fflush(stdout); };
-  app::DesktopShell shell({loop, store, counters, tunables, alerts, workspace, entries, "https://tarry.example"},
-                          hooks, waitMs);
+  hooks.log = [](const std::string& line) {
+    std::printf("log %s\n", line.c_str());
+    std::fflush(stdout);
+  };
+  app::DesktopShell shell(
+      {loop, store, counters, tunables, alerts, workspace, entries, "https://tarry.example"}, hooks, waitMs);
   shellPtr = &shell;
   shell.statusMenu().refreshStatus();
 
@@ -73,8 +80,8 @@ int main(int argc, char** argv) {
     QSystemTrayIcon* tray = shell.statusItem().trayIcon();
     const std::string line = "state enabled=" + std::to_string(prefs.enabled() ? 1 : 0) +
                              " paused=" + std::to_string(loop.now() < prefs.pauseUntil() ? 1 : 0) +
-                             " icon=" + shell.statusItem().currentIcon().name().toStdString() +
-                             " tray=" + std::string(tray == nullptr ? "none" : (tray->isVisible() ? "shown" : "hidden"));
+                             " icon=" + shell.statusItem().currentIcon().name().toStdString() + " tray=" +
+                             std::string(tray == nullptr ? "none" : (tray->isVisible() ? "shown" : "hidden"));
     if (line == last) return;
     last = line;
     std::printf("%s\n", line.c_str());

@@ -126,13 +126,15 @@ TEST(ShellViews, StatisticsWindowShowsTheFiguresAndReportsTheControls) {
   f.store.set("stats.auto", 2);
   auto owned = std::make_unique<QtStatsWindow>();
   QtStatsWindow* window = owned.get();
-  stats::StatsController controller(std::move(owned), "Tarry", f.counters, f.store, f.loop, f.alerts, clipboard);
+  stats::StatsController controller(std::move(owned), "Tarry", f.counters, f.store, f.loop, f.alerts,
+                                    clipboard);
   controller.show();
   EXPECT_EQ(window->windowTitle(), "Tarry Statistics");
   EXPECT_EQ(window->size(), QSize(540, 400));
   EXPECT_EQ(text(window, "cell0.0"), "7");
   EXPECT_EQ(text(window, "cell0.2"), "7");
-  EXPECT_EQ(text(window, "periodInfo"), "This period began 14 Mar 2026, 01:00:00\nRunning for 0d 08h 00m 00s");
+  EXPECT_EQ(text(window, "periodInfo"),
+            "This period began 14 Mar 2026, 01:00:00\nRunning for 0d 08h 00m 00s");
   auto* autoBox = window->findChild<QComboBox*>("auto");
   ASSERT_NE(autoBox, nullptr);
   EXPECT_EQ(autoBox->currentText(), "Every week");
@@ -155,8 +157,9 @@ TEST(ShellViews, SettingsWindowCommitsEveryKindOfControl) {
   sim::SimLoginItems loginItems;
   sim::SimAppearance appearance;
   int changes = 0;
-  settings::SettingsController controller(f.store, loginItems, appearance, f.alerts,
-                                          settings::SettingsHooks{{}, {}, {}, {}, {}, [&changes] { ++changes; }});
+  settings::SettingsController controller(
+      f.store, loginItems, appearance, f.alerts,
+      settings::SettingsHooks{{}, {}, {}, {}, {}, [&changes] { ++changes; }});
   auto owned = std::make_unique<QtSettingsWindow>();
   QtSettingsWindow* window = owned.get();
   bool tap = false;

@@ -6,10 +6,17 @@ starts a private Xvfb and tarry-shell-demo, waits for the item to register, then
 icon name and its menu through com.canonical.dbusmenu, clicks "Pause Protection → For 15 minutes"
 and "Protect Ctrl+Q" and checks what the item, the menu and the program's state show.
 
-    dbus-run-session -- /usr/bin/python3 tray_host_test.py DEMO
+    dbus-run-session -- /usr/bin/python3 tray_host_test.py demo PATH-TO-tarry-shell-demo
+    dbus-run-session -- /usr/bin/python3 tray_host_test.py tarry PATH-TO-tarry
+
+With "tarry" the real program runs (with a private configuration, consent given) and the state is
+read back from its preferences with `tarry defaults read`; the header row must then say the
+keyboard guard is active, which only the real guard can report.
 """
+import json
 import os
 import random
+import shutil
 import subprocess
 import sys
 import threading
@@ -125,6 +132,36 @@ class Demo:
         return dict(kv.split("=", 1) for kv in states[-1].split()[1:]) if states else {}
 
 
+class Tarry:
+    """The real program on a private configuration; its state read from its preferences."""
+
+    def __init__(self, binary, env):
+        self.binary = binary
+        self.tmp = __import__("tempfile").mkdtemp(prefix="tarry-tray-")
+        runtime = os.path.join(self.tmp, "run")
+        os.mkdir(runtime, 0o700)
+        self.env = dict(env, XDG_CONFIG_HOME=os.path.join(self.tmp, "config"), XDG_RUNTIME_DIR=runtime,
+                        XDG_DATA_HOME=os.path.join(self.tmp, "data"))
+        self.defaults("write", "consentVersion", "1")
+        self.defaults("write", "all.saved", "2")
+        self.proc = subprocess.Popen([binary], env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def defaults(self, *args):
+        out = subprocess.run([self.binary, "defaults"] + list(args), env=self.env, capture_output=True, text=True)
+        return out.stdout.strip()
+
+    def state(self):
+        enabled = self.defaults("read", "enabled")
+        until = self.defaults("read", "pauseUntil")
+        return {"enabled": "0" if enabled == "false" else "1",
+                "paused": "1" if until and json.loads(until) > time.time() else "0"}
+
+    def close(self):
+        self.proc.terminate()
+        self.proc.wait()
+        shutil.rmtree(self.tmp, ignore_errors=True)
+
+
 def labels(layout):
     """id → label of every item of a GetLayout answer, depth first."""
     out = {}
@@ -155,13 +192,18 @@ def visible_labels(layout):
 
 
 def main():
-    demo_bin = sys.argv[1]
+    kind, binary = sys.argv[1], sys.argv[2]
     DBusGMainLoop(set_as_default=True)
     bus = dbus.SessionBus()
     watcher = Watcher(bus)
     server, display = start_x()
     env = dict(os.environ, DISPLAY=display, QT_QPA_PLATFORM="xcb")
-    demo = Demo([demo_bin, "--saved", "2"], env)
+    if kind == "tarry":
+        demo = Tarry(binary, env)
+        today_saved = "0"
+    else:
+        demo = Demo([binary, "--saved", "2"], env)
+        today_saved = "2"
     try:
         sender, path = wait_for("the item to register", lambda: watcher.items and watcher.items[0])
         item = bus.get_object(sender, path)
@@ -171,7 +213,7 @@ def main():
         # Hosts and screen readers name the item by its tooltip ("Tarry · …"); its Title is the
         # application name.
         tooltip = props.Get(ITEM, "ToolTip")
-        if "Tarry · 2 blocked today" not in str(tooltip[2]) + str(tooltip[3]):
+        if "Tarry · %s blocked today" % today_saved not in str(tooltip[2]) + str(tooltip[3]):
             raise Failure("tooltip %r" % (tooltip,))
         if len(props.Get(ITEM, "IconPixmap")) == 0:
             raise Failure("no icon pixels for hosts without the icon name")
@@ -180,7 +222,7 @@ def main():
         menu.AboutToShow(0)
         layout = menu.GetLayout(0, -1, [])[1]
         shown = visible_labels(layout)
-        expected = ["Active, hold Ctrl+Q 2s", "2 accidental quits blocked · 2 today", "Protect Ctrl+Q",
+        expected = ["Active, hold Ctrl+Q 2s", "2 accidental quits blocked · %s today" % today_saved, "Protect Ctrl+Q",
                     "Pause Protection", "For 15 minutes", "For 1 hour", "Until tomorrow", "Recently Quit",
                     "Nothing quit yet", "Statistics…", "App Rules…", "Quit All Other Apps…", "Settings…",
                     "About Tarry", "Check for Updates…", "Quit Tarry"]
@@ -209,10 +251,13 @@ def main():
 
         menu.Event(ids["Resume Now"], "clicked", dbus.Int32(0, variant_level=1), dbus.UInt32(0))
         wait_for("the off icon", lambda: icon() == "command.circle")
-        print("tray host test: ok (" + " | ".join(demo.lines[-1:]) + ")")
+        print("tray host test (%s): ok %r" % (kind, demo.state()))
     finally:
-        demo.proc.terminate()
-        demo.proc.wait()
+        if kind == "tarry":
+            demo.close()
+        else:
+            demo.proc.terminate()
+            demo.proc.wait()
         server.terminate()
         server.wait()
 

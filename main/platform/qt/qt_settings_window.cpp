@@ -32,18 +32,27 @@ struct IntField {
 };
 
 constexpr BoolField kBools[] = {
-    {"enabled", &SettingsControls::enabled},         {"showMenuBar", &SettingsControls::showMenuBar},
-    {"showHUD", &SettingsControls::showHUD},         {"playSound", &SettingsControls::playSound},
-    {"menuCounter", &SettingsControls::menuCounter}, {"unsavedWarn", &SettingsControls::unsavedWarn},
-    {"workHours", &SettingsControls::workHours},     {"workWeekdays", &SettingsControls::workWeekdays},
-    {"micStrict", &SettingsControls::micStrict},     {"busyGuard", &SettingsControls::busyGuard},
-    {"undoQuit", &SettingsControls::undoQuit},       {"autoUpdate", &SettingsControls::autoUpdate},
+    {"enabled", &SettingsControls::enabled},
+    {"showMenuBar", &SettingsControls::showMenuBar},
+    {"showHUD", &SettingsControls::showHUD},
+    {"playSound", &SettingsControls::playSound},
+    {"menuCounter", &SettingsControls::menuCounter},
+    {"unsavedWarn", &SettingsControls::unsavedWarn},
+    {"workHours", &SettingsControls::workHours},
+    {"workWeekdays", &SettingsControls::workWeekdays},
+    {"micStrict", &SettingsControls::micStrict},
+    {"busyGuard", &SettingsControls::busyGuard},
+    {"undoQuit", &SettingsControls::undoQuit},
+    {"autoUpdate", &SettingsControls::autoUpdate},
     {"launchAtLogin", &SettingsControls::launchAtLogin},
 };
 constexpr IntField kInts[] = {
-    {"styleIndex", &SettingsControls::styleIndex},         {"workFromIndex", &SettingsControls::workFromIndex},
-    {"workToIndex", &SettingsControls::workToIndex},       {"ramSaverIndex", &SettingsControls::ramSaverIndex},
-    {"closeHoldIndex", &SettingsControls::closeHoldIndex}, {"logoutHoldIndex", &SettingsControls::logoutHoldIndex},
+    {"styleIndex", &SettingsControls::styleIndex},
+    {"workFromIndex", &SettingsControls::workFromIndex},
+    {"workToIndex", &SettingsControls::workToIndex},
+    {"ramSaverIndex", &SettingsControls::ramSaverIndex},
+    {"closeHoldIndex", &SettingsControls::closeHoldIndex},
+    {"logoutHoldIndex", &SettingsControls::logoutHoldIndex},
     {"appearanceIndex", &SettingsControls::appearanceIndex},
 };
 
@@ -139,7 +148,8 @@ QtSettingsWindow::QtSettingsWindow(QWidget* parent) : QWidget(parent, Qt::Window
   QFormLayout* careful = page("section.careful");
   careful->addRow(check("unsavedWarn"));
   careful->addRow(check("busyGuard"));
-  careful->addRow(row(this, {check("workHours"), popUp("workFromIndex"), label("workToIndex"), popUp("workToIndex")}));
+  careful->addRow(
+      row(this, {check("workHours"), popUp("workFromIndex"), label("workToIndex"), popUp("workToIndex")}));
   careful->addRow(check("workWeekdays"));
   careful->addRow(check("micStrict"));
 
@@ -248,7 +258,8 @@ void QtSettingsWindow::report() {
 }
 
 void QtSettingsWindow::changeEvent(QEvent* event) {
-  if (event->type() == QEvent::ActivationChange && isActiveWindow() && actions_ != nullptr) actions_->activated();
+  if (event->type() == QEvent::ActivationChange && isActiveWindow() && actions_ != nullptr)
+    actions_->activated();
   QWidget::changeEvent(event);
 }
 

@@ -64,8 +64,6 @@ void QtAboutWindow::setTexts(const AboutTexts& texts) {
 
 void QtAboutWindow::present() { bringForward(this); }
 
-void QtClipboard::setText(const std::string& text) {
-  QGuiApplication::clipboard()->setText(toQString(text));
-}
+void QtClipboard::setText(const std::string& text) { QGuiApplication::clipboard()->setText(toQString(text)); }
 
 }  // namespace tarry::platform::qt

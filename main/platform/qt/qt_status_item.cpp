@@ -41,7 +41,8 @@ class SymbolIconEngine final : public QIconEngine {
     painter->setFont(font);
     const QFontMetricsF metrics(font);
     const qreal height = std::max<qreal>(7, edge * 0.56);
-    const qreal width = std::min<qreal>(edge, std::max(height, metrics.horizontalAdvance(badge_) + height * 0.5));
+    const qreal width =
+        std::min<qreal>(edge, std::max(height, metrics.horizontalAdvance(badge_) + height * 0.5));
     const QRectF pill(rect.left() + edge - width, rect.top() + edge - height, width, height);
     QPainterPath path;
     path.addRoundedRect(pill, height / 2, height / 2);

@@ -1,7 +1,7 @@
 #include "platform/qt/qt_window_raise.h"
 
-#include <QGuiApplication>
 #include <QtGui/qguiapplication_platform.h>
+#include <QGuiApplication>
 #include <QScreen>
 #include <QWidget>
 
@@ -20,8 +20,8 @@ struct Disconnect {
 using Connection = std::unique_ptr<xcb_connection_t, Disconnect>;
 
 xcb_atom_t intern(xcb_connection_t* c, const char* name) {
-  xcb_intern_atom_reply_t* reply =
-      xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, static_cast<std::uint16_t>(std::strlen(name)), name), nullptr);
+  xcb_intern_atom_reply_t* reply = xcb_intern_atom_reply(
+      c, xcb_intern_atom(c, 0, static_cast<std::uint16_t>(std::strlen(name)), name), nullptr);
   if (reply == nullptr) return XCB_ATOM_NONE;
   const xcb_atom_t atom = reply->atom;
   std::free(reply);
@@ -39,8 +39,8 @@ xcb_screen_t* firstScreen(xcb_connection_t* c, int screen) {
 std::uint32_t serverTime(xcb_connection_t* c, xcb_screen_t* screen) {
   const xcb_window_t probe = xcb_generate_id(c);
   const std::uint32_t mask = XCB_EVENT_MASK_PROPERTY_CHANGE;
-  xcb_create_window(c, XCB_COPY_FROM_PARENT, probe, screen->root, -1, -1, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
-                    XCB_COPY_FROM_PARENT, XCB_CW_EVENT_MASK, &mask);
+  xcb_create_window(c, XCB_COPY_FROM_PARENT, probe, screen->root, -1, -1, 1, 1, 0,
+                    XCB_WINDOW_CLASS_INPUT_ONLY, XCB_COPY_FROM_PARENT, XCB_CW_EVENT_MASK, &mask);
   xcb_change_property(c, XCB_PROP_MODE_APPEND, probe, XCB_ATOM_WM_NAME, XCB_ATOM_STRING, 8, 0, nullptr);
   xcb_flush(c);
   std::uint32_t time = 0;
@@ -92,7 +92,8 @@ void bringForward(QWidget* window, std::uint32_t userTime) {
   const xcb_atom_t userTimeAtom = intern(c.get(), "_NET_WM_USER_TIME");
   const xcb_atom_t activeAtom = intern(c.get(), "_NET_ACTIVE_WINDOW");
   if (userTimeAtom != XCB_ATOM_NONE) {
-    xcb_change_property(c.get(), XCB_PROP_MODE_REPLACE, target, userTimeAtom, XCB_ATOM_CARDINAL, 32, 1, &time);
+    xcb_change_property(c.get(), XCB_PROP_MODE_REPLACE, target, userTimeAtom, XCB_ATOM_CARDINAL, 32, 1,
+                        &time);
   }
   if (activeAtom != XCB_ATOM_NONE) {
     xcb_client_message_event_t message{};
