@@ -128,7 +128,8 @@ void AppDelegate::runLaunchSequence() {
   // 13: the show-settings request of a second launch arrives through `handOver`, which now opens
   // Settings instead of the consent window.
   lastTrusted_ = deps_.tap.isTrusted();  // 15
-  // 16: window close / activation observers belong to the window presenter (its hooks).
+  // 16: the window presenter watches its windows closing; activation comes in through
+  // applicationDidBecomeActive.
   // 17: openRules / openStats are the delegate's actions below.
   // 18: `changed` is the process-wide change hook.
   if (hooks_.startUndo) {  // 19
@@ -372,6 +373,7 @@ bool AppDelegate::applicationShouldHandleReopen() {
     consent_.show();
     return true;
   }
+  deps_.telemetry.send("reopened");
   const double now = deps_.loop.uptime();
   const bool modal = hooks_.modalWindowUp && hooks_.modalWindowUp();
   if (!modal && now >= presenter_.ignoreReopenUntil &&
@@ -381,11 +383,17 @@ bool AppDelegate::applicationShouldHandleReopen() {
   return true;
 }
 
+void AppDelegate::applicationDidBecomeActive() {
+  if (settings_) refreshSettingsWindow();
+}
+
 std::string AppDelegate::handOver(const std::string& message) {
   std::istringstream in(message);
   std::string verb;
   in >> verb;
   if (verb == "show-settings") {
+    activationToken_.clear();
+    in >> activationToken_;
     deps_.log.log("show settings requested by a second launch");
     applicationShouldHandleReopen();
     return "ok";

@@ -142,8 +142,10 @@ class AppDelegate final {
   void applicationWillTerminate();
   /// The user started the program again (a second launch). Always true.
   bool applicationShouldHandleReopen();
-  /// A message from a second launch ("show-settings", "pause MINUTES", "resume"); the answer for
-  /// it ("ok", or "error: …").
+  /// The application became active (a window of it took the focus): Settings shows fresh values.
+  void applicationDidBecomeActive();
+  /// A message from a second launch ("show-settings [ACTIVATION-TOKEN]", "pause MINUTES",
+  /// "resume"); the answer for it ("ok", or "error: …").
   std::string handOver(const std::string& message);
 
   // ---- Actions ----
@@ -188,6 +190,9 @@ class AppDelegate final {
   [[nodiscard]] bool lastPaused() const { return lastPaused_; }
   /// The version `lastVersion` held before an update; empty otherwise.
   [[nodiscard]] const std::string& previousVersion() const { return previousVersion_; }
+  /// The XDG activation token (or startup id) the last second launch brought along; the window
+  /// presenter hands it to the window system so that Settings may take the focus. Empty if none.
+  [[nodiscard]] const std::string& activationToken() const { return activationToken_; }
   /// The interval of the poll armed last (0 before the first).
   [[nodiscard]] double pollInterval() const { return pollInterval_; }
   /// Shortcuts blocked while a newer release is known (the update nudge reads and resets it).
@@ -224,6 +229,7 @@ class AppDelegate final {
   double pollInterval_ = 0;
   std::string previousVersion_;
   std::string lastTapError_;
+  std::string activationToken_;
   PresenterStamps presenter_;
   /// Weak references to this token stand for weak references to the delegate.
   std::shared_ptr<char> alive_ = std::make_shared<char>();

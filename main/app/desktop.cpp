@@ -53,6 +53,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 namespace tarry::app {
 namespace {
@@ -203,8 +204,19 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
       std::fprintf(stderr, "tarry: %s\n", error.c_str());
       return 1;
     }
+    // Focus-stealing prevention lets the running copy raise Settings only with the token the
+    // launcher gave this one.
+    std::string request = "show-settings";
+    for (const char* name : {"XDG_ACTIVATION_TOKEN", "DESKTOP_STARTUP_ID"}) {
+      const char* token = std::getenv(name);
+      if (token != nullptr && *token != '\0' &&
+          std::string_view(token).find_first_of(" \n") == std::string_view::npos) {
+        request += " " + std::string(token);
+        break;
+      }
+    }
     std::string reply;
-    if (!instance.send("show-settings", reply, error)) {
+    if (!instance.send(request, reply, error)) {
       std::fprintf(stderr, "tarry: another Tarry runs on display %s but did not answer: %s\n",
                    display.c_str(), error.c_str());
       return 1;
@@ -288,6 +300,11 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     // X11 has no permission prompt: the display is unreachable, which Settings explains.
     log.log("keyboard access: " + tap->lastError());
   };
+
+  QObject::connect(&application, &QGuiApplication::applicationStateChanged, &application,
+                   [&delegate](Qt::ApplicationState state) {
+                     if (state == Qt::ApplicationActive) delegate.applicationDidBecomeActive();
+                   });
 
   // The tray item and the windows (their own file; one call here).
   DesktopShell shell({loop, store, counters, tunables, alerts, workspace, entries, server}, {});

@@ -4,6 +4,7 @@
 #include "app/desktop_shell.h"
 #include "platform/event_tap.h"
 #include "platform/qt/qt_status_item.h"
+#include "platform/qt/qt_window_raise.h"
 
 #include <QApplication>
 #include <QEvent>
@@ -73,7 +74,12 @@ void wireDesktopShell(AppDelegate& delegate, DesktopShell& shell, platform::Even
   // Called on every poll tick: some tray hosts never say that the menu opens, so the whole status is
   // brought up to date here; rows that did not change are not sent again.
   h.updateMenuCounter = [&shell] { shell.statusMenu().refreshStatus(); };
-  h.showSettingsWindow = [&shell] { shell.showSettings(); };
+  h.showSettingsWindow = [&shell, &delegate] {
+    // A second launch's startup id carries the time of the user's click: with it, the window
+    // manager lets Settings take the focus.
+    platform::qt::useStartupId(delegate.activationToken());
+    shell.showSettings();
+  };
   h.refreshSettingsWindow = [&shell] { shell.refreshSettings(); };
   h.settingsWindowVisible = [&shell] { return shell.settingsVisible(); };
   h.modalWindowUp = [] { return DesktopShell::modalWindowUp(); };

@@ -20,12 +20,12 @@ struct DesktopEntry {
   std::string exec;
   /// `StartupWMClass`: the WM_CLASS its windows carry; may be empty.
   std::string startupWMClass;
-  /// `Categories`, split at ';' ("System", "TerminalEmulator", ...); may be empty.
-  std::vector<std::string> categories;
   /// `NoDisplay=true`: installed but kept out of menus (still a real application).
   bool noDisplay = false;
   /// `Hidden=true`: the user deleted it; lookups treat its id as absent.
   bool hidden = false;
+  /// `Categories`, split at ';' ("System", "TerminalEmulator", ...); may be empty.
+  std::vector<std::string> categories;
 };
 
 /// The desktop's installed applications, read from `.desktop` files.

@@ -107,6 +107,10 @@ def second_launch_hands_over(h):
     wait_for("the first copy to hear of it", lambda: "show settings requested by a second launch" in h.events_log())
     check(guard_on_count(h) == 1, "the second launch started a guard")
     check(h.tarry_proc.poll() is None, "the first copy ended")
+    # The session's logout ends it with SIGTERM, through the orderly termination.
+    h.tarry_proc.send_signal(signal.SIGTERM)
+    check(h.tarry_proc.wait(timeout=10) == 0, "SIGTERM ended tarry with status %s" % h.tarry_proc.returncode)
+    check(" terminate\n" in h.events_log(), "SIGTERM did not go through the termination")
 
 
 @case

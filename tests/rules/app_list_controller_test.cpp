@@ -156,9 +156,9 @@ TEST_F(AppListControllerTest, ProtectSwitchStoresAndRebuildsTheList) {
 }
 
 TEST_F(AppListControllerTest, AddingAnAppFromItsDesktopFile) {
-  entries.addFile({"org.example.Notes", "/opt/notes/org.example.Notes.desktop", "Notes", "notes", "notes %U", "", {},
-                   false, false});
-  entries.addFile({"org.example.Gone", "/tmp/gone.desktop", "Gone", "", "gone", "", {}, false, true});
+  entries.addFile({"org.example.Notes", "/opt/notes/org.example.Notes.desktop", "Notes", "notes", "notes %U", "",
+                   false, false, {}});
+  entries.addFile({"org.example.Gone", "/tmp/gone.desktop", "Gone", "", "gone", "", false, true, {}});
   open();
 
   // Cancelled, not an application entry, or deleted (Hidden): nothing is added.
@@ -194,7 +194,7 @@ TEST_F(AppListControllerTest, ListsRuledIdleAndRunningAppsOnceSortedByName) {
   store.set("appModes", Value{{"org.example.Zeta", "long"}, {"bad.number", 5}, {"org.example.Odd", "sometimes"}});
   store.set("ramSaverApp", Value{{"org.example.alpha", 3}, {"bad.string", "2"}, {"bad.range", 30}});
   entries.install({"org.example.Zeta", "/usr/share/applications/org.example.Zeta.desktop", "zeta Viewer",
-                   "zeta-icon", "zeta", "", {}, false, false});
+                   "zeta-icon", "zeta", "", false, false, {}});
   workspace.addApp(running("org.example.Beta", "Beta", 10));
   workspace.addApp(running("org.example.Beta", "Beta", 11));  // a second instance
   workspace.addApp(running("org.example.Daemon", "Daemon", 12, false));

@@ -64,6 +64,7 @@ TEST_F(DesktopEntryReaderTest, ReadsTheDesktopEntryGroupWithLocalizedNames) {
       "Exec=editor\\s--new %U\n"
       "StartupWMClass=EditorWin\n"
       "NoDisplay=true\n"
+      "Categories=System;TerminalEmulator;;\n"
       "\n"
       "[Desktop Action window]\n"
       "Name=New Window\n"
@@ -80,6 +81,7 @@ TEST_F(DesktopEntryReaderTest, ReadsTheDesktopEntryGroupWithLocalizedNames) {
   EXPECT_EQ(entry->icon, "/opt/editor/icon.png");
   EXPECT_EQ(entry->exec, "editor --new %U");
   EXPECT_EQ(entry->startupWMClass, "EditorWin");
+  EXPECT_EQ(entry->categories, (std::vector<std::string>{"System", "TerminalEmulator"}));
   EXPECT_TRUE(entry->noDisplay);
   EXPECT_FALSE(entry->hidden);
 

@@ -78,6 +78,7 @@ void QtConsentWindow::present(const ConsentTexts& texts) {
   agreeButton_->setText(toQString(texts.agreeButton));
   disagreeButton_->setText(toQString(texts.disagreeButton));
   adjustSize();
+  setFixedSize(sizeHint());
   if (!isVisible()) {
     if (const QScreen* screen = QGuiApplication::primaryScreen()) {
       const QRect area = screen->availableGeometry();

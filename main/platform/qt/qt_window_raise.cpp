@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <utility>
 
 namespace tarry::platform::qt {
 namespace {
@@ -54,7 +56,18 @@ std::uint32_t serverTime(xcb_connection_t* c, xcb_screen_t* screen) {
   return time;
 }
 
+std::uint32_t nextUserTime = 0;
+
 }  // namespace
+
+void useStartupId(const std::string& startupId) {
+  const std::size_t at = startupId.rfind("_TIME");
+  if (at == std::string::npos) return;
+  const std::string digits = startupId.substr(at + 5);
+  if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos || digits.size() > 10) return;
+  const unsigned long long time = std::stoull(digits);
+  if (time > 0 && time <= 0xFFFFFFFFull) nextUserTime = static_cast<std::uint32_t>(time);
+}
 
 std::uint32_t xServerTime() {
   if (QGuiApplication::platformName() != QLatin1String("xcb")) return 0;
@@ -85,6 +98,7 @@ void bringForward(QWidget* window, std::uint32_t userTime) {
   if (!c || xcb_connection_has_error(c.get()) != 0) return;
   xcb_screen_t* screen = firstScreen(c.get(), screenNumber);
   if (screen == nullptr) return;
+  if (userTime == 0) userTime = std::exchange(nextUserTime, 0);
   const std::uint32_t time = userTime != 0 ? userTime : serverTime(c.get(), screen);
   const auto target = static_cast<xcb_window_t>(window->winId());
   // The map request must reach the server before the activation does.

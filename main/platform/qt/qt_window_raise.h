@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 class QWidget;
 
@@ -13,6 +14,11 @@ namespace tarry::platform::qt {
 /// the timestamp Qt remembers would be old and focus-stealing prevention would leave the window
 /// behind the others.
 void bringForward(QWidget* window, std::uint32_t userTime = 0);
+
+/// The user timestamp a second launch brought in its startup id ("…_TIME<timestamp>", the
+/// Startup Notification form that XDG_ACTIVATION_TOKEN also takes on X11); the next
+/// `bringForward` without a time of its own uses it once. Ids without a time are ignored.
+void useStartupId(const std::string& startupId);
 
 /// The X server's current time, read from a property change on a private connection; 0 when no
 /// X server answers.

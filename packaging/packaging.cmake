@@ -1,0 +1,35 @@
+# Installing Tarry like any Linux desktop program (`cmake --install`), and its Debian package
+# (`cpack -G DEB`). The one reverse-DNS id names the launcher, the icon and the metainfo.
+include(GNUInstallDirs)
+set(TARRY_APP_ID org.tarry.Tarry)
+
+install(TARGETS tarry RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/${TARRY_APP_ID}.desktop
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/${TARRY_APP_ID}.metainfo.xml
+               ${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.metainfo.xml @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.metainfo.xml
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
+foreach(size 16 24 32 48 64 128 256)
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/icons/${size}x${size}/${TARRY_APP_ID}.png
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/${size}x${size}/apps)
+endforeach()
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/icons/scalable/${TARRY_APP_ID}.svg
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME tarry)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_VENDOR "Tarry")
+set(CPACK_PACKAGE_CONTACT "Tarry maintainers <maintainers@tarry.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Guard Ctrl+Q, Ctrl+W and Ctrl+Shift+Q against accidental presses")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_STRIP_FILES ON)
+# Qt loads these as plugins, which dpkg-shlibdeps cannot see: the xcb platform (the program runs
+# on X11), SVG icons, and NetworkManager's network-information backend.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins, libqt6svg6, libqt6network6")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "pulseaudio | pipewire-pulse")
+include(CPack)
