@@ -1,5 +1,6 @@
 #include "app/about.h"
 #include "app/status_menu.h"
+#include "platform/qt/qt_convert.h"
 #include "platform/qt/qt_settings_window.h"
 #include "platform/qt/qt_small_windows.h"
 #include "platform/qt/qt_stats_window.h"
@@ -18,6 +19,7 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QMenu>
+#include <QPainter>
 #include <QPushButton>
 #include <QSlider>
 
@@ -117,6 +119,32 @@ TEST(ShellViews, StatusMenuRowsChangeInPlaceAndTheIconCarriesItsState) {
   f.store.set("showMenuBar", false);
   menu.refreshStatus();
   EXPECT_EQ(item->trayIcon(), nullptr);
+}
+
+TEST(ShellViews, TrayIconsAreShippedAndDrawnAtPanelSizes) {
+  QtStatusItem item(0);  // registers the shipped icons
+  // A sheet for a person to look at: each symbol at 16, 22 and 32 px on a light and a dark panel.
+  QImage sheet(3 * 3 * 40, 2 * 40, QImage::Format_ARGB32);
+  QPainter painter(&sheet);
+  painter.fillRect(0, 0, sheet.width(), 40, QColor(0xED, 0xED, 0xED));
+  painter.fillRect(0, 40, sheet.width(), 40, QColor(0x2A, 0x2A, 0x2A));
+  int x = 0;
+  for (const char* name : {"command.circle.fill", "command.circle", "pause.circle"}) {
+    for (const int size : {16, 22, 32}) {
+      const QImage image = toQImage(Icon{name, 0, 0, nullptr}, size);
+      ASSERT_FALSE(image.isNull()) << name;
+      // Drawn, not blank: some pixels are opaque.
+      int opaque = 0;
+      for (int py = 0; py < image.height(); ++py) {
+        for (int px = 0; px < image.width(); ++px) opaque += qAlpha(image.pixel(px, py)) > 200 ? 1 : 0;
+      }
+      EXPECT_GT(opaque, size * size / 8) << name << " at " << size;
+      for (const int y : {0, 40}) painter.drawImage(x + (40 - size) / 2, y + (40 - size) / 2, image);
+      x += 40;
+    }
+  }
+  painter.end();
+  sheet.save(png("tray_icons.png"));
 }
 
 TEST(ShellViews, StatisticsWindowShowsTheFiguresAndReportsTheControls) {

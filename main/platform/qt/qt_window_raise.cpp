@@ -64,7 +64,8 @@ void useStartupId(const std::string& startupId) {
   const std::size_t at = startupId.rfind("_TIME");
   if (at == std::string::npos) return;
   const std::string digits = startupId.substr(at + 5);
-  if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos || digits.size() > 10) return;
+  if (digits.empty() || digits.find_first_not_of("0123456789") != std::string::npos || digits.size() > 10)
+    return;
   const unsigned long long time = std::stoull(digits);
   if (time > 0 && time <= 0xFFFFFFFFull) nextUserTime = static_cast<std::uint32_t>(time);
 }
