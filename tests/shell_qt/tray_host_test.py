@@ -8,6 +8,10 @@ and "Protect Ctrl+Q" and checks what the item, the menu and the program's state 
 
     dbus-run-session -- /usr/bin/python3 tray_host_test.py demo PATH-TO-tarry-shell-demo
     dbus-run-session -- /usr/bin/python3 tray_host_test.py tarry PATH-TO-tarry
+    dbus-run-session -- /usr/bin/python3 tray_host_test.py late PATH-TO-tarry-shell-demo
+
+"late" starts the watcher a second after the program, as a panel that starts after Tarry at login
+does: the item must still appear over D-Bus rather than settle for XEmbed.
 
 With "tarry" the real program runs (with a private configuration, consent given) and the state is
 read back from its preferences with `tarry defaults read`; the header row must then say the
@@ -195,10 +199,18 @@ def main():
     kind, binary = sys.argv[1], sys.argv[2]
     DBusGMainLoop(set_as_default=True)
     bus = dbus.SessionBus()
-    watcher = Watcher(bus)
+    watcher = Watcher(bus) if kind != "late" else None
     server, display = start_x()
     env = dict(os.environ, DISPLAY=display, QT_QPA_PLATFORM="xcb")
-    if kind == "tarry":
+    if kind == "late":
+        demo = Demo([binary, "--saved", "2", "--wait-ms", "20000"], env)
+        wait_for("the program to start", lambda: demo.state().get("tray") == "none")
+        pump(1.0)
+        if demo.state().get("tray") != "none":
+            raise Failure("the item did not wait for a tray host: %r" % demo.state())
+        watcher = Watcher(bus)
+        today_saved = "2"
+    elif kind == "tarry":
         demo = Tarry(binary, env)
         today_saved = "0"
     else:
