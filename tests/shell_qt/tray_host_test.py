@@ -224,6 +224,8 @@ def main():
         wait_for("the enabled icon", lambda: icon() == "command.circle.fill")
         # Hosts and screen readers name the item by its tooltip ("Tarry · …"); its Title is the
         # application name.
+        if kind == "tarry" and str(props.Get(ITEM, "Title")) != "Tarry":
+            raise Failure("the item's title is %r" % props.Get(ITEM, "Title"))
         tooltip = props.Get(ITEM, "ToolTip")
         if "Tarry · %s blocked today" % today_saved not in str(tooltip[2]) + str(tooltip[3]):
             raise Failure("tooltip %r" % (tooltip,))
