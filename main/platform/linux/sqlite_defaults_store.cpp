@@ -4,9 +4,17 @@
 
 #include <sqlite3.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <limits>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -73,7 +81,7 @@ SqliteDefaultsStore::SqliteDefaultsStore(std::string path, std::function<void(co
     std::string moveError;
     if (!moveAside(aside, moveError)) {
       sendNote("cannot use " + path_ + " (" + error + ") nor move it aside (" + moveError +
-           "); keeping preferences in memory only");
+               "); keeping preferences in memory only");
       return;
     }
     sendNote("cannot use " + path_ + " (" + error + "); moved it to " + aside + " and started from defaults");
@@ -88,7 +96,56 @@ SqliteDefaultsStore::SqliteDefaultsStore(std::string path, std::function<void(co
     return;
   }
   persistent_ = true;
+  startWatcher();
   writer_ = std::thread([this] { run(); });
+}
+
+void SqliteDefaultsStore::startWatcher() {
+  // Another process's commit writes the database or its WAL file: the kernel says so, and the
+  // writer thread need not wake every second to ask SQLite (an idle program should sleep).
+  const fs::path parent = fs::path(path_).parent_path();
+  inotify_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  if (inotify_ < 0) return;
+  if (inotify_add_watch(inotify_, parent.empty() ? "." : parent.c_str(),
+                        IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE) < 0 ||
+      pipe2(stopPipe_, O_CLOEXEC) != 0) {
+    ::close(inotify_);
+    inotify_ = -1;
+    return;
+  }
+  watcher_ = std::thread([this] { watch(); });
+}
+
+void SqliteDefaultsStore::watch() {
+  const std::string name = fs::path(path_).filename().string();
+  alignas(inotify_event) char buffer[4096];
+  for (;;) {
+    pollfd fds[2] = {{inotify_, POLLIN, 0}, {stopPipe_[0], POLLIN, 0}};
+    if (::poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    if (fds[1].revents != 0) return;
+    bool ours = false;
+    for (;;) {
+      const ssize_t n = ::read(inotify_, buffer, sizeof(buffer));
+      if (n <= 0) break;
+      for (ssize_t at = 0; at < n;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+        // The database, its "-wal" or "-journal": a commit writes one of them. "-shm" is left out:
+        // reading the database touches it, and the reload must not wake itself.
+        const std::string_view file = event->len > 0 ? std::string_view(event->name) : std::string_view();
+        if (file.substr(0, name.size()) == name && !file.ends_with("-shm")) ours = true;
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+      }
+    }
+    if (!ours) continue;
+    {
+      const std::lock_guard lock(wakeMutex_);
+      changed_ = true;
+    }
+    wake_.notify_one();
+  }
 }
 
 SqliteDefaultsStore::~SqliteDefaultsStore() {
@@ -98,6 +155,14 @@ SqliteDefaultsStore::~SqliteDefaultsStore() {
   }
   wake_.notify_all();
   if (writer_.joinable()) writer_.join();
+  if (watcher_.joinable()) {
+    const char stop = 1;
+    [[maybe_unused]] const ssize_t n = ::write(stopPipe_[1], &stop, 1);
+    watcher_.join();
+  }
+  for (int fd : {inotify_, stopPipe_[0], stopPipe_[1]}) {
+    if (fd >= 0) ::close(fd);
+  }
   persistPending();
   const std::lock_guard db(dbMutex_);
   closeDatabase();
@@ -397,7 +462,9 @@ void SqliteDefaultsStore::reloadIfChanged() {
 
 void SqliteDefaultsStore::run() {
   using Clock = std::chrono::steady_clock;
-  auto nextPoll = Clock::now() + timing_.pollInterval;
+  const auto pollInterval =
+      inotify_ >= 0 ? std::max(timing_.pollInterval, timing_.watchedPollInterval) : timing_.pollInterval;
+  auto nextPoll = Clock::now() + pollInterval;
   constexpr auto kNone = Clock::time_point::max();
   auto commitAt = kNone;  // when the pending writes are due
   std::unique_lock lock(wakeMutex_);
@@ -407,9 +474,11 @@ void SqliteDefaultsStore::run() {
       if (commitAt == kNone) commitAt = Clock::now() + timing_.commitDelay;
     }
     const auto deadline = std::min(commitAt, nextPoll);
-    wake_.wait_until(lock, deadline, [this] { return stopping_ || pending_; });
+    wake_.wait_until(lock, deadline, [this] { return stopping_ || pending_ || changed_; });
     if (stopping_) break;
     if (pending_) continue;
+    const bool changed = changed_;
+    changed_ = false;
     lock.unlock();
     const auto now = Clock::now();
     if (now >= commitAt) {
@@ -417,9 +486,13 @@ void SqliteDefaultsStore::run() {
       // A failed save (disk full, a lock held too long) is tried again after a pause.
       if (!persistPending()) commitAt = now + std::max(timing_.commitDelay, std::chrono::milliseconds(1000));
     }
-    if (now >= nextPoll) {
+    if (changed || now >= nextPoll) {
       reloadIfChanged();
-      nextPoll = now + timing_.pollInterval;
+      // A change may be reported while the other process is still inside its commit: look once
+      // more shortly after the last report.
+      nextPoll =
+          now + (changed ? std::min<std::chrono::milliseconds>(pollInterval, std::chrono::milliseconds(100))
+                         : pollInterval);
     }
     lock.lock();
   }

@@ -23,8 +23,11 @@ namespace tarry::platform::os {
 struct StoreTiming {
   /// Delay from the first pending write to its commit; writes made meanwhile join the same commit.
   std::chrono::milliseconds commitDelay{200};
-  /// How often the database is checked for changes made by another process.
+  /// How often the database is checked for changes made by another process. While the kernel
+  /// reports changes to the database's files (inotify), this is only a fallback, checked at most
+  /// every `watchedPollInterval`.
   std::chrono::milliseconds pollInterval{1000};
+  std::chrono::milliseconds watchedPollInterval{60000};
 };
 
 /// The preferences domain kept in an SQLite database (WAL), one row per key holding the value's
@@ -96,7 +99,17 @@ class SqliteDefaultsStore final : public DefaultsStore {
   std::condition_variable wake_;
   bool stopping_ = false;
   bool pending_ = false;
+  /// Set by the watcher: a file of the database changed.
+  bool changed_ = false;
   std::thread writer_;
+
+  /// The inotify watch on the database's folder and the pipe that ends the watcher; -1 when the
+  /// kernel offers no watch (the writer then polls every `pollInterval`).
+  int inotify_ = -1;
+  int stopPipe_[2] = {-1, -1};
+  std::thread watcher_;
+  void startWatcher();
+  void watch();
 };
 
 }  // namespace tarry::platform::os
