@@ -52,7 +52,7 @@ void BM_MenuOpeningRefresh(benchmark::State& state) {
   World world;
   app::StatusMenuHooks hooks;
   hooks.tapInstalled = [] { return true; };
-  hooks.undoApps = [] { return std::vector<std::string>{"Mail"}; };
+  hooks.undoTitle = [] { return std::optional<std::string>("Undo Quit Mail"); };
   app::StatusMenu menu(std::make_unique<platform::qt::QtStatusItem>(0), world.store, world.counters,
                        world.loop, hooks);
   menu.refreshStatus();

@@ -26,7 +26,7 @@ DesktopShell::DesktopShell(ShellDeps deps, ShellHooks hooks, int waitForTrayHost
   StatusMenuHooks m;
   m.tapInstalled = [this] { return hooks_.tapActive && hooks_.tapActive(); };
   m.tapProblem = [this] { return hooks_.tapProblem ? hooks_.tapProblem() : std::string(); };
-  m.undoApps = [this] { return hooks_.undoApps ? hooks_.undoApps() : std::vector<std::string>(); };
+  m.undoTitle = [this] { return hooks_.undoTitle ? hooks_.undoTitle() : std::nullopt; };
   m.refreshSettings = [this] {
     // The switch changed `enabled`: everything that shows it follows.
     if (hooks_.changed) {

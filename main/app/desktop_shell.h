@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -67,7 +68,8 @@ struct ShellHooks {
   std::function<void()> changed;
   std::function<void()> quit;
   // Undo Quit, Quit All Others, the update check and RAM Saver fill these.
-  std::function<std::vector<std::string>()> undoApps;
+  /// Undo Quit's "Undo Quit …" title for its record, nothing when there is nothing to undo.
+  std::function<std::optional<std::string>()> undoTitle;
   std::function<void()> undoQuit;
   std::function<void(const std::string&)> reopenRecent;
   std::function<void()> quitOthers;

@@ -84,12 +84,6 @@ std::vector<RecentRow> recentRows(const std::optional<platform::Value>& recents)
   return rows;
 }
 
-std::optional<std::string> undoTitle(const std::vector<std::string>& apps) {
-  if (apps.empty()) return std::nullopt;
-  if (apps.size() == 1) return "Undo Quit " + apps.front();
-  return "Undo Quit " + std::to_string(apps.size()) + " Apps";
-}
-
 std::string shortRelativeTime(double until, const platform::MainLoop& loop) {
   static constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -214,8 +208,7 @@ void StatusMenu::refreshRows() {
   setRow(MenuRow::counter,
          rowState(counterRowText(counters_.allTime("saved"), counters_.today("saved")), true, false));
 
-  const std::optional<std::string> undo =
-      undoTitle(hooks_.undoApps ? hooks_.undoApps() : std::vector<std::string>());
+  const std::optional<std::string> undo = hooks_.undoTitle ? hooks_.undoTitle() : std::nullopt;
   MenuRowState undoRow = *rows_[static_cast<std::size_t>(MenuRow::undo)];
   undoRow.visible = undo.has_value();
   if (undo) undoRow.title = *undo;

@@ -22,8 +22,9 @@ struct StatusMenuHooks {
   std::function<bool()> tapInstalled;
   /// Why the keyboard guard is not working, in a few words ("" when unknown).
   std::function<std::string()> tapProblem;
-  /// Names of the apps Undo Quit would bring back now; empty = nothing to undo.
-  std::function<std::vector<std::string>()> undoApps;
+  /// Undo Quit's title for its current record ("Undo Quit Mail", "Undo Quit 3 Apps"); nothing
+  /// when there is nothing to undo (the row is hidden then).
+  std::function<std::optional<std::string>()> undoTitle;
   /// After the protection switch was flipped: the Settings window shows the new state.
   std::function<void()> refreshSettings;
   /// Pause for this many minutes (0 = until tomorrow morning), and its end.
@@ -50,8 +51,6 @@ struct StatusMenuHooks {
 [[nodiscard]] std::string counterRowText(std::int64_t allTime, std::int64_t today);
 /// The recently-quit submenu for the `recents` preference (absent or not an array = empty).
 [[nodiscard]] std::vector<platform::RecentRow> recentRows(const std::optional<platform::Value>& recents);
-/// "Undo Quit Mail", "Undo Quit 3 Apps"; nothing when there is nothing to undo.
-[[nodiscard]] std::optional<std::string> undoTitle(const std::vector<std::string>& apps);
 /// The moment `until` as a short local date and time, with "today" and "tomorrow" for those days:
 /// "today, 14:30", "tomorrow, 06:00", "3 Dec 2026, 09:15".
 [[nodiscard]] std::string shortRelativeTime(double until, const platform::MainLoop& loop);

@@ -27,7 +27,7 @@ class StatusMenuTest : public ::testing::Test {
     StatusMenuHooks hooks;
     hooks.tapInstalled = [this] { return tap; };
     hooks.tapProblem = [] { return std::string("Ctrl+Q is taken by another program"); };
-    hooks.undoApps = [this] { return undoApps; };
+    hooks.undoTitle = [this] { return undoTitle; };
     hooks.refreshSettings = [this] { trace.push_back("settings"); };
     hooks.pauseFor = [this](int minutes) {
       trace.push_back("pause " + std::to_string(minutes));
@@ -43,7 +43,7 @@ class StatusMenuTest : public ::testing::Test {
   stats::Counters counters{store, loop};
   platform::sim::SimStatusItem* view = nullptr;
   bool tap = true;
-  std::vector<std::string> undoApps;
+  std::optional<std::string> undoTitle;
   std::vector<std::string> trace;
   std::unique_ptr<StatusMenu> menu;
 };
@@ -60,13 +60,10 @@ TEST(StatusMenuTexts, HeaderNamesEveryStateWithTheMissingGuardFirst) {
   EXPECT_EQ(headerText(true, "", false, true, false, 0.5), "Active, hold Ctrl+Q 0.5s");
 }
 
-TEST(StatusMenuTexts, CounterRowAndUndoTitleCountWords) {
+TEST(StatusMenuTexts, CounterRowCountsWords) {
   EXPECT_EQ(counterRowText(1, 1), "1 accidental quit blocked · 1 today");
   EXPECT_EQ(counterRowText(0, 0), "0 accidental quits blocked · 0 today");
   EXPECT_EQ(counterRowText(12, 3), "12 accidental quits blocked · 3 today");
-  EXPECT_EQ(undoTitle({}), std::nullopt);
-  EXPECT_EQ(undoTitle({"Mail"}), "Undo Quit Mail");
-  EXPECT_EQ(undoTitle({"Mail", "Web", "Notes"}), "Undo Quit 3 Apps");
 }
 
 TEST(StatusMenuTexts, RecentsListEveryEntryThenClear) {
@@ -185,7 +182,7 @@ TEST_F(StatusMenuTest, MenuOpeningCountsAndRefreshesRecentsAndUndo) {
   EXPECT_FALSE(view->row(MenuRow::undo).visible);
   EXPECT_EQ(view->row(MenuRow::undo).shortcut, "Ctrl+Alt+Z");
   store.set("recents", Value::parse(R"([{"name":"Mail","path":"/apps/mail.desktop"}])"));
-  undoApps = {"Mail"};
+  undoTitle = "Undo Quit Mail";
   menu->menuNeedsUpdate();
   EXPECT_EQ(counters.allTime("open.menu"), 1);
   EXPECT_EQ(view->recents.front().title, "Reopen Mail");

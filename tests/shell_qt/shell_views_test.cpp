@@ -63,10 +63,10 @@ TEST(ShellViews, StatusMenuRowsChangeInPlaceAndTheIconCarriesItsState) {
   Fixture f;
   auto owned = std::make_unique<QtStatusItem>(0);
   QtStatusItem* item = owned.get();
-  std::vector<std::string> undo;
+  std::optional<std::string> undo;
   app::StatusMenuHooks hooks;
   hooks.tapInstalled = [] { return true; };
-  hooks.undoApps = [&undo] { return undo; };
+  hooks.undoTitle = [&undo] { return undo; };
   app::StatusMenu menu(std::move(owned), f.store, f.counters, f.loop, hooks);
   menu.refreshStatus();
 
@@ -92,7 +92,7 @@ TEST(ShellViews, StatusMenuRowsChangeInPlaceAndTheIconCarriesItsState) {
 
   // Recents: the same actions are reused however the list changes.
   f.store.set("recents", Value::parse(R"([{"name":"Mail","path":"/m"},{"name":"Web","path":"/w"}])"));
-  undo = {"Mail", "Web"};
+  undo = "Undo Quit 2 Apps";
   emit item->menu()->aboutToShow();
   const std::vector<QAction*> pool = item->recentActions();
   ASSERT_EQ(pool.size(), 4u);
