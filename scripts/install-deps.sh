@@ -29,6 +29,9 @@ packages=(
   fonts-dejavu-core
   # screenshots of the HUD on Xvfb (scripts/hud-screenshot.sh)
   imagemagick xcompmgr
+  # the tray: a private session bus and a StatusNotifier host written in Python for its test, an
+  # XEmbed tray for the screenshots (scripts/shell-screenshot.sh)
+  dbus-daemon python3-dbus python3-gi trayer
 )
 
 missing=()

@@ -3,6 +3,8 @@
 #include "app/actions_wiring.h"
 #include "app/app_delegate.h"
 #include "app/app_identity.h"
+#include "app/desktop_shell.h"
+#include "app/desktop_shell_wiring.h"
 #include "app/store_notes.h"
 #include "diagnostics/log.h"
 #include "diagnostics/telemetry_sender.h"
@@ -311,6 +313,18 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
                    [&delegate](Qt::ApplicationState state) {
                      if (state == Qt::ApplicationActive) delegate.applicationDidBecomeActive();
                    });
+
+  // The tray item and the windows (their own file; one call here).
+  DesktopShell shell({loop, store, counters, tunables, alerts, workspace, entries, server}, {});
+  wireDesktopShell(delegate, shell, *tap, loop, tunables, [&log](const std::string& line) { log.log(line); });
+  // The menu's Undo Quit, Recently Quit and Quit All Other Apps rows, and the RAM Saver's timer.
+  ShellHooks& menu = shell.hooks();
+  menu.undoTitle = [&actions] { return actions.currentUndoTitle(); };
+  menu.undoQuit = [&actions] { actions.undoLast(); };
+  menu.reopenRecent = [&actions](const std::string& path) { actions.reopenRecent(path); };
+  menu.quitOthers = [&actions] { actions.quitOthers(); };
+  menu.rescheduleRamSaver = [&actions] { actions.rescheduleRamSaver(); };
+  actions.undo().onChange = [&shell] { shell.statusMenu().refreshRows(); };
 
   platform::qt::QtHandOverServer handOver(
       [&delegate](const std::string& request) { return delegate.handOver(request); });

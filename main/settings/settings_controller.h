@@ -4,6 +4,7 @@
 #include "platform/appearance.h"
 #include "platform/defaults_store.h"
 #include "platform/login_items.h"
+#include "platform/settings_view.h"
 #include "settings/preferences.h"
 
 #include <array>
@@ -13,33 +14,8 @@
 
 namespace tarry::settings {
 
-/// What the Settings window's controls show: checkboxes as Booleans, pop-ups as their selected
-/// index (see choice_lists.h), the hold slider as its value.
-struct SettingsControls {
-  bool enabled = true;
-  bool showMenuBar = true;
-  bool showHUD = true;
-  bool playSound = true;
-  bool menuCounter = true;
-  int styleIndex = 0;
-  bool unsavedWarn = true;
-  bool workHours = false;
-  bool workWeekdays = true;
-  bool micStrict = false;
-  int workFromIndex = 9;
-  int workToIndex = 17;
-  bool busyGuard = true;
-  bool undoQuit = true;
-  int ramSaverIndex = 0;
-  int closeHoldIndex = 0;
-  int logoutHoldIndex = 1;
-  bool autoUpdate = true;
-  int appearanceIndex = 0;
-  bool launchAtLogin = false;
-  double holdSeconds = 2.0;
-
-  friend bool operator==(const SettingsControls&, const SettingsControls&) = default;
-};
+/// What the Settings window's controls show (defined with the window's contract).
+using SettingsControls = platform::SettingsControls;
 
 /// What the Settings logic asks of the rest of the program. Every member may be left empty.
 struct SettingsHooks {

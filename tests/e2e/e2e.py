@@ -23,6 +23,13 @@ CTRL = 0x4
 CASES = {}
 
 
+
+def start_guard(h, extra_env=None):
+    """tarry as the session starts it at login, without a tray icon: no window of its own takes
+    the focus from the test client, so these cases see the guard alone."""
+    h.defaults("write", "showMenuBar", "false")
+    h.start_tarry(extra_env, args=["--autostart"])
+
 def case(fn):
     CASES[fn.__name__] = fn
     return fn
@@ -47,7 +54,7 @@ def settle(seconds=0.4):
 @case
 def short_press_is_blocked(h):
     client = h.start_client("app")
-    h.start_tarry()
+    start_guard(h)
     h.keydown("ctrl+q")
     wait_for("the HUD to show", h.hud_visible, timeout=5)
     h.keyup("ctrl+q")
@@ -61,7 +68,7 @@ def short_press_is_blocked(h):
 @case
 def long_hold_quits(h):
     client = h.start_client("app")
-    h.start_tarry()
+    start_guard(h)
     h.keydown("ctrl+q")
     # The default hold is 2 s; the client must be asked to close well within 6 s.
     wait_for("the client to end", lambda: not client.alive(), timeout=6)
@@ -75,7 +82,7 @@ def long_hold_quits(h):
 def instant_rule_passes_at_once(h):
     h.defaults("write", "appModes", json.dumps({CLIENT_ID: "instant"}))
     client = h.start_client("app")
-    h.start_tarry()
+    start_guard(h)
     h.key("ctrl+q")
     wait_for("Ctrl+Q to reach the client", lambda: client.presses(KEY_Q), timeout=5)
     wait_for("the client to quit", lambda: not client.alive(), timeout=5)
@@ -87,7 +94,7 @@ def instant_rule_passes_at_once(h):
 def close_hold_reposts_ctrl_w(h):
     h.defaults("write", "closeHold", "1")
     client = h.start_client("app", "--windows", "2")
-    h.start_tarry()
+    start_guard(h)
     h.key("ctrl+w")
     wait_for("one blocked close", lambda: h.counter("wblocked") == 1)
     settle()
@@ -109,7 +116,7 @@ def press_twice_close_reposts_ctrl_w(h):
     h.defaults("write", "style", "1")
     h.defaults("write", "closeHold", "1")
     client = h.start_client("app", "--windows", "2")
-    h.start_tarry()
+    start_guard(h)
     h.key("ctrl+w")
     settle()
     check(not client.closed(), "the first Ctrl+W closed a window")
@@ -123,7 +130,7 @@ def press_twice_close_reposts_ctrl_w(h):
 @case
 def unguarded_keys_pass_untouched(h):
     client = h.start_client("app")
-    h.start_tarry()
+    start_guard(h)
     h.key("ctrl+shift+w")
     h.key("ctrl+alt+q")
     h.x("xdotool", "type", "--delay", "20", "hello")
@@ -139,7 +146,7 @@ def unguarded_keys_pass_untouched(h):
 @case
 def layouts_follow_the_typed_letter(h):
     client = h.start_client("app")
-    h.start_tarry()
+    start_guard(h)
     # Dvorak types q on the key that types x on a US keyboard.
     h.x("setxkbmap", "dvorak")
     settle()
@@ -161,7 +168,7 @@ def layouts_follow_the_typed_letter(h):
 @case
 def killed_during_hold_leaves_keyboard_working(h):
     client = h.start_client("app")
-    h.start_tarry()
+    start_guard(h)
     h.keydown("ctrl+q")
     wait_for("the HUD to show", h.hud_visible, timeout=5)
     h.tarry_proc.kill()
@@ -176,7 +183,7 @@ def killed_during_hold_leaves_keyboard_working(h):
 @case
 def stalled_main_thread_frees_the_keyboard(h):
     client = h.start_client("app", "--keep-running")
-    h.start_tarry({"TARRY_DEBUG_STALL_ON_PRESS": "2"})
+    start_guard(h, {"TARRY_DEBUG_STALL_ON_PRESS": "2"})
     sent = time.monotonic()
     h.key("ctrl+q")
     first = wait_for("Ctrl+Q to be let through", lambda: client.presses(KEY_Q), timeout=5)

@@ -218,8 +218,8 @@ class Harness:
         except FileNotFoundError:
             return ""
 
-    def start_tarry(self, extra_env=None):
-        self.tarry_proc = self.spawn([self.tarry], "tarry", extra_env)
+    def start_tarry(self, extra_env=None, args=()):
+        self.tarry_proc = self.spawn([self.tarry] + list(args), "tarry", extra_env)
         wait_for("tarry to install its keyboard guard",
                  lambda: "keyboard guard on" in self.events_log() or self.tarry_proc.poll() is not None)
         if self.tarry_proc.poll() is not None:
@@ -279,7 +279,15 @@ class Harness:
             raise Failure("cannot activate window %d: %s" % (window, attempt.error))
 
     def hud_visible(self):
-        """True while a window of tarry is mapped (the HUD is its only one)."""
+        """True while the HUD of tarry is mapped: its utility (override-redirect) window; Settings
+        and the other windows are normal ones."""
         result = subprocess.run(["xdotool", "search", "--onlyvisible", "--classname", "^tarry$"], env=self.env,
                                 capture_output=True, text=True, timeout=10)
-        return result.returncode == 0 and result.stdout.strip() != ""
+        if result.returncode != 0:
+            return False
+        for window in result.stdout.split():
+            kind = subprocess.run(["xprop", "-id", window, "_NET_WM_WINDOW_TYPE"], env=self.env,
+                                  capture_output=True, text=True, timeout=10).stdout
+            if "_NET_WM_WINDOW_TYPE_UTILITY" in kind or "_NET_WM_WINDOW_TYPE_NOTIFICATION" in kind:
+                return True
+        return False

@@ -1,0 +1,22 @@
+#include "app/about.h"
+
+#include "guard/combo.h"
+
+namespace tarry::app {
+
+platform::AboutTexts aboutTexts(const std::string& serverURL) {
+  platform::AboutTexts info;
+  info.title = "About Tarry";
+  info.name = "Tarry";
+  info.version = std::string("Version ") + TARRY_VERSION;
+  info.description = "Guards " + std::string(guard::keysText(guard::Shortcut::quit)) + ", " +
+                     std::string(guard::keysText(guard::Shortcut::close)) + " and " +
+                     std::string(guard::keysText(guard::Shortcut::logout)) +
+                     ": hold the keys, or press them twice, to go through.";
+  info.licence = "Free software under the MIT License, without any warranty.";
+  if (!serverURL.empty()) info.server = "Server: " + serverURL;
+  info.icon = "tarry";
+  return info;
+}
+
+}  // namespace tarry::app

@@ -1,0 +1,75 @@
+#!/usr/bin/python3
+"""The tray item in an XEmbed tray (trayer), where no StatusNotifier host exists: the icon window
+must end up embedded in the tray.
+
+    /usr/bin/python3 xembed_tray_test.py PATH-TO-tarry-shell-demo
+"""
+import os
+import random
+import subprocess
+import sys
+import time
+
+
+def start_x():
+    for _ in range(20):
+        number = random.randint(200, 999)
+        if os.path.exists("/tmp/.X%d-lock" % number):
+            continue
+        read_end, write_end = os.pipe()
+        server = subprocess.Popen(["Xvfb", ":%d" % number, "-displayfd", str(write_end), "-screen", "0",
+                                   "1024x768x24", "-nolisten", "tcp"], pass_fds=(write_end,),
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(write_end)
+        with os.fdopen(read_end, "rb") as pipe:
+            if pipe.readline().strip() == str(number).encode():
+                return server, ":%d" % number
+        server.wait()
+    sys.exit("Xvfb did not start")
+
+
+def tree(env, window):
+    return subprocess.run(["xwininfo", "-tree", "-id", window], env=env, capture_output=True, text=True).stdout
+
+
+def main():
+    demo_bin = sys.argv[1]
+    server, display = start_x()
+    # No session bus at all: Qt's only choice is the XEmbed tray.
+    env = dict(os.environ, DISPLAY=display, QT_QPA_PLATFORM="xcb", DBUS_SESSION_BUS_ADDRESS="disabled:")
+    procs = []
+    try:
+        procs.append(subprocess.Popen(["trayer", "--edge", "top", "--align", "right", "--widthtype", "pixel",
+                                       "--width", "120", "--heighttype", "pixel", "--height", "28"],
+                                      env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+        trayer = ""
+        for _ in range(100):
+            found = subprocess.run(["xdotool", "search", "--class", "trayer"], env=env,
+                                   capture_output=True, text=True).stdout.split()
+            if found:
+                trayer = found[0]
+                break
+            time.sleep(0.05)
+        if not trayer:
+            sys.exit("FAILED: trayer did not start")
+        name = os.path.basename(demo_bin)
+        procs.append(subprocess.Popen([demo_bin, "--wait-ms", "0"], env=env, stdout=subprocess.DEVNULL,
+                                      stderr=subprocess.DEVNULL))
+        for _ in range(100):
+            if any('"%s"' % name in tree(env, w) for w in
+                   subprocess.run(["xdotool", "search", "--class", "trayer"], env=env,
+                                  capture_output=True, text=True).stdout.split()):
+                print("xembed tray test: ok (the icon is embedded in trayer)")
+                return 0
+            time.sleep(0.1)
+        sys.exit("FAILED: no window of %s inside trayer:\n%s" % (name, tree(env, trayer)))
+    finally:
+        for proc in reversed(procs):
+            proc.terminate()
+            proc.wait()
+        server.terminate()
+        server.wait()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
