@@ -205,7 +205,7 @@ def stalled_main_thread_frees_the_keyboard(h):
 @case
 def stopped_program_never_holds_the_keyboard(h):
     client = h.start_client("app", "--keep-running")
-    h.start_tarry()
+    start_guard(h)
     h.keydown("ctrl+q")
     wait_for("the HUD to show", h.hud_visible, timeout=5)
     # As under a debugger or in a frozen cgroup: the process runs no code at all, no thread of it.
@@ -237,7 +237,7 @@ def stopped_program_never_holds_the_keyboard(h):
 
 @bare_x_case
 def missing_window_manager_is_reported(h):
-    h.start_tarry()
+    start_guard(h)
     wait_for("the missing window manager to be logged",
              lambda: "keyboard guard not working: no EWMH window manager is running" in h.events_log())
     check(h.events_log().count("keyboard guard not working") == 1, "logged more than once:\n" + h.events_log())
@@ -283,6 +283,7 @@ def make_writable(path):
 @case
 def read_only_database_is_read(h):
     h.defaults("write", "appModes", json.dumps({CLIENT_ID: "instant"}))
+    h.defaults("write", "showMenuBar", "false")
     database = os.path.join(h.tmp, "config", "tarry", "defaults.sqlite3")
     make_read_only(database)
     try:
@@ -296,7 +297,7 @@ def read_only_database_is_read(h):
         # The program uses the stored values: its log goes to the stored logDir, and the stored
         # rule lets Ctrl+Q through at once.
         client = h.start_client("app")
-        h.start_tarry()
+        h.start_tarry(args=["--autostart"])
         check("is read-only: using its values, but changes cannot be saved" in h.events_log(),
               "not logged:\n" + h.events_log())
         h.key("ctrl+q")
@@ -314,7 +315,7 @@ def events_log_names_apps_and_the_damaged_database(h):
         f.write(b"this is not a database" * 200)
     client = h.start_client("app")
     # The damaged file took logDir with it: the log starts in a new folder under TMPDIR.
-    h.tarry_proc = h.spawn([h.tarry], "tarry", {"TMPDIR": h.tmp})
+    h.tarry_proc = h.spawn([h.tarry, "--autostart"], "tarry", {"TMPDIR": h.tmp})
 
     def new_log():
         try:
@@ -336,6 +337,7 @@ def events_log_names_apps_and_the_damaged_database(h):
     h.key("Return")  # Agree is the default button
     text = wait_for("tarry to start with a new log folder", new_log)
     check("moved it to " + database + ".corrupt-" in text, "the moved-aside database is not logged:\n" + text)
+    h.activate(client.windows[-1])
     h.key("ctrl+q")
     wait_for("the blocked quit to be logged with the app",
              lambda: "accidental quit blocked total=1: Tarry Test Client (%s)" % CLIENT_ID in (new_log() or ""))
@@ -376,7 +378,7 @@ def apps_lists_ids_and_a_tk_app_gets_its_own(h):
           "the desktop entry's app is missing or wrong:\n" + listing.stdout)
 
     # The guard knows the Tk app by the same id: its rule protects it.
-    h.start_tarry()
+    start_guard(h)
     h.activate(int(window))
     h.key("ctrl+q")
     wait_for("the refusal to be logged", lambda: "Ctrl+Q refused: notes_pad is protected by its rule" in h.events_log())
@@ -449,7 +451,7 @@ def undo_brings_back_windows(h):
     wait_for("the first window to be minimized", lambda: minimized(h, first), timeout=5)
     before = frame_of(h, second)
     h.activate(second)
-    h.start_tarry()
+    start_guard(h)
     hold_quit(h, client)
     wait_for("the undo banner's record", lambda: "quit confirmed" in h.events_log(), timeout=5)
     settle(0.6)
@@ -468,7 +470,7 @@ def undo_expires_after_30s(h):
     relaunch_log = os.path.join(h.tmp, "relaunched.log")
     write_entry(h, CLIENT_ID, "Notes", "TarryTestClient", ["--log", relaunch_log])
     client = h.start_client("app")
-    h.start_tarry()
+    start_guard(h)
     hold_quit(h, client)
     time.sleep(30.5)
     h.key("ctrl+alt+z")
@@ -490,7 +492,7 @@ def quit_others_and_undo(h):
     # Asks about unsaved work: stays open, and is not counted as quit.
     writer = h.start_client("writer", "--class", "writer,Writer", "--refuse-close", "--geometry", "300x200+780+60")
     front = h.start_client("front", "--geometry", "300x200+60+420")
-    h.start_tarry({"TARRY_DEBUG_QUIT_OTHERS_AFTER": "1"})
+    start_guard(h, {"TARRY_DEBUG_QUIT_OTHERS_AFTER": "1"})
 
     def alert():
         result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^Tarry$"], env=h.env,
