@@ -1,4 +1,5 @@
 #include "app/desktop.h"
+#include "app/session_backends.h"
 
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
@@ -15,11 +16,6 @@
 #include "platform/qt/qt_hud_panel.h"
 #include "platform/qt/qt_main_loop.h"
 #include "platform/qt/qt_screens.h"
-#include "platform/x11/x11_activity.h"
-#include "platform/x11/x11_display.h"
-#include "platform/x11/x11_event_tap.h"
-#include "platform/x11/x11_window_list.h"
-#include "platform/x11/x11_workspace.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
 #include "stats/counters.h"
@@ -119,20 +115,12 @@ class QuitOnSignal final {
 }  // namespace
 
 int runDesktop(int argc, char** argv) {
-  const char* displayName = std::getenv("DISPLAY");
-  if (displayName == nullptr || *displayName == '\0') {
-    std::fputs("tarry: cannot open the X display (DISPLAY is not set)\n", stderr);
+  const Session session = detectSession();
+  if (session.kind == Session::Kind::none) {
+    std::fputs("tarry: cannot open the X display (DISPLAY is not set) nor a Wayland display\n", stderr);
     return 1;
   }
-  std::string error;
-  std::unique_ptr<platform::x11::X11Display> display = platform::x11::X11Display::open(displayName, error);
-  if (!display) {
-    std::fprintf(stderr, "tarry: %s\n", error.c_str());
-    return 1;
-  }
-  // The guard works through X; its HUD must live on the same server even inside a Wayland
-  // session that offers Xwayland.
-  setenv("QT_QPA_PLATFORM", "xcb", 0);
+  prepareQt(session);
 
   QApplication application(argc, argv);
   QApplication::setQuitOnLastWindowClosed(false);
@@ -148,8 +136,14 @@ int runDesktop(int argc, char** argv) {
   counters.start();
 
   platform::os::DesktopEntryReader entries;
-  platform::x11::X11Workspace workspace(*display, entries);
-  platform::x11::X11WindowList windows(*display);
+  std::string error;
+  std::unique_ptr<SessionBackends> backends = openSessionBackends(session, loop, entries, error);
+  if (!backends) {
+    std::fprintf(stderr, "tarry: %s\n", error.c_str());
+    return 1;
+  }
+  platform::Workspace& workspace = backends->workspace();
+  platform::WindowList& windows = backends->windows();
   platform::os::ProcProcessInfo processes;
   platform::os::PulseAudio audio;
   guard::CarefulHoldPolicy policy({prefs, tunables, loop, workspace, processes, audio, windows},
@@ -161,23 +155,22 @@ int runDesktop(int argc, char** argv) {
   platform::qt::QtHudPanel panel;
   guard::HUD hud(panel, screens, loop, tunables);
 
-  platform::x11::X11EventTap x11Tap(loop);
+  platform::EventTap& sessionTap = backends->tap();
   std::unique_ptr<StallingTap> stalling;
-  platform::EventTap* tap = &x11Tap;
+  platform::EventTap* tap = &sessionTap;
   if (const char* stall = std::getenv("TARRY_DEBUG_STALL_ON_PRESS"); stall && std::atof(stall) > 0) {
-    stalling = std::make_unique<StallingTap>(x11Tap, std::atof(stall));
+    stalling = std::make_unique<StallingTap>(sessionTap, std::atof(stall));
     tap = stalling.get();
   }
 
   platform::os::PulseSound sound;
-  // On the display's own connection: the server ends the suspension if the program dies mid-hold.
-  platform::x11::X11Activity power(display->connection());
+  platform::Activity& power = backends->activity();
   guard::NoUndo undo;
   diagnostics::BasicAppTelemetry telemetry(workspace);
   guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log, hud,
                                       policy, undo, telemetry});
 
-  log.log("started on X display " + std::string(displayName));
+  log.log("started on " + backends->description());
   // Another program may hold one of the combinations; try again now and then, as one would wait
   // for a permission.
   platform::Scheduled retry;
