@@ -1,5 +1,7 @@
 #include "app/session_backends.h"
 
+#include "platform/qt/qt_hud_panel.h"
+#include "platform/wayland/layer_shell_hud_panel.h"
 #include "platform/wayland/sway_event_tap.h"
 #include "platform/wayland/sway_ipc.h"
 #include "platform/wayland/sway_workspace.h"
@@ -178,6 +180,16 @@ std::unique_ptr<SessionBackends> openSessionBackends(const Session& session, pla
       return std::make_unique<UnsupportedBackends>(unsupportedWaylandText(session.desktop), session.display);
   }
   return nullptr;
+}
+
+std::unique_ptr<platform::HudPanel> makeHudPanel(const Session& session,
+                                                 const std::function<void(const std::string&)>& log) {
+  if (session.kind == Session::Kind::sway) {
+    std::string error;
+    if (auto overlay = platform::wayland::LayerShellHudPanel::open(error)) return overlay;
+    log("HUD as an ordinary window: " + error);
+  }
+  return std::make_unique<platform::qt::QtHudPanel>();
 }
 
 }  // namespace tarry::app

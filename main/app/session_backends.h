@@ -3,6 +3,7 @@
 #include "platform/activity.h"
 #include "platform/desktop_entries.h"
 #include "platform/event_tap.h"
+#include "platform/hud_panel.h"
 #include "platform/main_loop.h"
 #include "platform/window_list.h"
 #include "platform/workspace.h"
@@ -60,5 +61,10 @@ void prepareQt(const Session& session);
                                                                    platform::MainLoop& loop,
                                                                    platform::DesktopEntries& entries,
                                                                    std::string& error);
+
+/// The HUD's panel for `session`: on sway a layer-shell overlay (above every window, never
+/// focused, click-through), else the Qt window. `log` hears why the overlay is not available.
+[[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(
+    const Session& session, const std::function<void(const std::string&)>& log);
 
 }  // namespace tarry::app
