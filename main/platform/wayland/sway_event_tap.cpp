@@ -1,5 +1,6 @@
 #include "platform/wayland/sway_event_tap.h"
 
+#include "platform/wayland/keyboard_watch.h"
 #include "platform/wayland/sway_ipc.h"
 #include "platform/wayland/virtual_keyboard.h"
 
@@ -101,6 +102,9 @@ class SwayEventTap::Session final : public std::enable_shared_from_this<Session>
   void stopCleaner();
   void readLoop(std::shared_ptr<SwayIpc> events);
   void deliver(const KeyEvent& event);
+  void startWatch(const KeyEvent& press);
+  void stopWatch();
+  void onModifiers(std::uint64_t flags);
   void inject(const SwayCombination* combination, std::uint32_t keysym, std::uint64_t flags, bool press);
   void setError(std::string text) {
     std::lock_guard lock(errorMutex_);
@@ -129,6 +133,10 @@ class SwayEventTap::Session final : public std::enable_shared_from_this<Session>
   std::unique_ptr<VirtualKeyboard> keyboard_;
   std::string keyboardError_;
   std::set<std::string> lifted_;  // words whose press binding is lifted
+  std::unique_ptr<KeyboardWatch> watch_;
+  std::string watchError_;
+  std::optional<KeyEvent> watched_;  // the swallowed press whose modifiers are followed
+  Scheduled watchLimit_;
 };
 
 bool SwayEventTap::Session::bind(std::string& error) {
@@ -176,6 +184,7 @@ void SwayEventTap::Session::stop() {
   if (events_) events_->shutdown();
   if (reader_.joinable()) reader_.join();
   events_.reset();
+  stopWatch();
   commands_->command(swayUnbindCommands());
   lifted_.clear();
   stopCleaner();
@@ -292,6 +301,8 @@ void SwayEventTap::Session::deliver(const KeyEvent& event) {
   TapVerdict verdict = TapVerdict::pass;
   const std::shared_ptr<Callback> callback = callback_;
   if (enabled_ && callback && *callback) verdict = (*callback)(event);
+  if (event.type == EventType::keyDown && verdict == TapVerdict::swallow) startWatch(event);
+  if (event.type == EventType::keyUp && watched_ && watched_->keyCode == event.keyCode) stopWatch();
   // The compositor kept the key from the application; letting it through means typing it again.
   if (verdict == TapVerdict::pass && event.type == EventType::keyDown && combination) {
     inject(combination, combination->keysym, combination->flags, true);
@@ -299,8 +310,52 @@ void SwayEventTap::Session::deliver(const KeyEvent& event) {
   }
 }
 
+// The longest a watch may keep the keyboard, should its key-up never be seen.
+constexpr double kWatchLimitSec = 20.0;
+
+void SwayEventTap::Session::startWatch(const KeyEvent& press) {
+  if (!watch_ && watchError_.empty()) {
+    watch_ = KeyboardWatch::open(
+        [weak = weak_from_this(), &loop = loop_](std::uint64_t flags) {
+          loop.dispatchMain([weak, flags] {
+            if (auto self = weak.lock()) self->onModifiers(flags);
+          });
+        },
+        watchError_);
+    if (!watch_) setError("cannot follow Ctrl during a hold: " + watchError_);
+  }
+  if (!watch_) return;
+  watched_ = press;
+  watch_->start();
+  watchLimit_ = loop_.after(kWatchLimitSec, [weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->stopWatch();
+  });
+}
+
+void SwayEventTap::Session::stopWatch() {
+  if (!watched_) return;
+  watched_.reset();
+  watchLimit_.cancel();
+  if (watch_) watch_->stop();
+}
+
+void SwayEventTap::Session::onModifiers(std::uint64_t flags) {
+  if (!watched_) return;
+  constexpr std::uint64_t kWatched = kFlagCommand | kFlagShift;
+  if ((flags & kWatched) == (watched_->flags & kWatched)) return;
+  KeyEvent change;
+  change.type = EventType::flagsChanged;
+  change.keyCode = watched_->keyCode;
+  change.flags = flags;
+  if (!(flags & kFlagCommand)) stopWatch();
+  const std::shared_ptr<Callback> callback = callback_;
+  if (enabled_ && callback && *callback) (*callback)(change);
+}
+
 void SwayEventTap::Session::inject(const SwayCombination* combination, std::uint32_t keysym,
                                    std::uint64_t flags, bool press) {
+  // The watch's surface holds the keyboard focus; the key must reach the application.
+  stopWatch();
   if (!keyboard_) {
     keyboard_ = VirtualKeyboard::open(keyboardError_);
     if (!keyboard_) {

@@ -87,12 +87,35 @@ RunningApp SwayWorkspace::resolve(const nlohmann::json& view) const {
   return app;
 }
 
+const nlohmann::json* swayFocusedView(const nlohmann::json& tree) {
+  for (const SwayView& view : swayViews(tree)) {
+    if (view.node->value("focused", false)) return view.node;
+  }
+  // While a layer surface holds the keyboard (the HUD's keyboard watch, a launcher) no view is
+  // focused; the view that gets the keyboard back is the first of each level's focus order.
+  const nlohmann::json* node = &tree;
+  for (int depth = 0; depth < 64 && node; ++depth) {
+    if (node->contains("pid")) return node;
+    const auto focus = node->find("focus");
+    if (focus == node->end() || !focus->is_array() || focus->empty()) return nullptr;
+    const auto next = (*focus)[0].get<std::int64_t>();
+    const nlohmann::json* child = nullptr;
+    for (const char* list : {"nodes", "floating_nodes"}) {
+      const auto it = node->find(list);
+      if (it == node->end() || !it->is_array()) continue;
+      for (const nlohmann::json& candidate : *it) {
+        if (candidate.value("id", std::int64_t{-1}) == next) child = &candidate;
+      }
+    }
+    node = child;
+  }
+  return nullptr;
+}
+
 std::optional<RunningApp> SwayWorkspace::frontmostApplication() {
   std::optional<nlohmann::json> tree = ipc_->request(SwayIpc::getTree, "");
   if (!tree) return std::nullopt;
-  for (const SwayView& view : swayViews(*tree)) {
-    if (view.node->value("focused", false)) return resolve(*view.node);
-  }
+  if (const nlohmann::json* view = swayFocusedView(*tree)) return resolve(*view);
   return std::nullopt;
 }
 

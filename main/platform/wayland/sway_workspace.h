@@ -56,5 +56,8 @@ struct SwayView {
   bool floating = false;
 };
 [[nodiscard]] std::vector<SwayView> swayViews(const nlohmann::json& tree);
+/// The focused view of a `get_tree` answer, else (while a layer surface has the keyboard) the one
+/// first in the focus order; null when a workspace without views has the focus.
+[[nodiscard]] const nlohmann::json* swayFocusedView(const nlohmann::json& tree);
 
 }  // namespace tarry::platform::wayland
