@@ -22,6 +22,10 @@ packages=(
   fonts-dejavu-core
   # screenshots of the HUD on Xvfb (scripts/hud-screenshot.sh)
   imagemagick xcompmgr
+  # Wayland backend (sway IPC, virtual keyboard, layer shell) and its end-to-end tests on a
+  # headless sway: wtype types, foot is the terminal, grim takes screenshots, Qt's Wayland plugin
+  # runs the test client
+  libwayland-dev sway wtype foot grim qt6-wayland
 )
 
 missing=()

@@ -35,13 +35,26 @@ void collect(const nlohmann::json& node, bool scratchpad, bool floating, std::ve
   if (node.contains("pid") && node["pid"].is_number_integer()) {
     out.push_back({&node, inScratchpad, floating});
   }
+  // Children front to back: in the container's focus order (most recent first), then the rest.
+  std::vector<std::pair<const nlohmann::json*, bool>> children;
   for (const char* list : {"nodes", "floating_nodes"}) {
     const auto it = node.find(list);
     if (it == node.end() || !it->is_array()) continue;
-    for (const nlohmann::json& child : *it) {
-      collect(child, inScratchpad, floating || std::string(list) == "floating_nodes", out);
-    }
+    for (const nlohmann::json& child : *it)
+      children.emplace_back(&child, std::string(list) == "floating_nodes");
   }
+  const auto rank = [&node](const nlohmann::json& child) {
+    const auto focus = node.find("focus");
+    if (focus == node.end() || !focus->is_array()) return std::size_t{0};
+    const auto id = child.value("id", std::int64_t{-1});
+    for (std::size_t i = 0; i < focus->size(); ++i) {
+      if ((*focus)[i].is_number_integer() && (*focus)[i].get<std::int64_t>() == id) return i;
+    }
+    return focus->size();
+  };
+  std::stable_sort(children.begin(), children.end(),
+                   [&](const auto& a, const auto& b) { return rank(*a.first) < rank(*b.first); });
+  for (const auto& [child, isFloating] : children) collect(*child, inScratchpad, floating || isFloating, out);
 }
 
 }  // namespace

@@ -48,8 +48,8 @@ class SwayWorkspace final : public Workspace, public WindowList {
   const Icon ownIcon_;
 };
 
-/// Every view of a `get_tree` answer (nodes with a pid), front to back within each workspace,
-/// with whether it sits in the scratchpad and whether it floats.
+/// Every view of a `get_tree` answer (nodes with a pid), front to back (each container's focus
+/// order), with whether it sits in the scratchpad and whether it floats.
 struct SwayView {
   const nlohmann::json* node = nullptr;
   bool scratchpad = false;
