@@ -1,7 +1,9 @@
 // A Wayland-native application for the end-to-end tests on sway: windows that log every key
 // press and release, quit on Ctrl+Q, close on Ctrl+W, and close when the compositor asks.
 //
-//   tarry-wayland-client --log FILE [--windows N] [--app-id ID] [--exec-sleep]
+//   tarry-wayland-client --log FILE [--windows N] [--app-id ID] [--no-quit]
+//
+// --no-quit keeps it running on Ctrl+Q (for measurements that press it many times).
 //
 // Log lines: "<monotonic µs> <event> <words...>":
 //   ready <n> | press <Qt key> <Ctrl 0/1> <Shift 0/1> | release <Qt key> | close <window> |
@@ -25,6 +27,7 @@
 namespace {
 
 FILE* logFile = nullptr;
+bool quitOnCtrlQ = true;
 
 void logLine(const std::string& text) {
   const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
@@ -54,7 +57,7 @@ class Window final : public QWidget {
     const bool shift = event->modifiers() & Qt::ShiftModifier;
     logLine("press " + std::to_string(event->key()) + " " + (ctrl ? "1" : "0") + " " + (shift ? "1" : "0") +
             (event->isAutoRepeat() ? " repeat" : ""));
-    if (ctrl && !shift && event->key() == Qt::Key_Q) {
+    if (ctrl && !shift && event->key() == Qt::Key_Q && quitOnCtrlQ) {
       logLine("quit");
       QApplication::quit();
     } else if (ctrl && !shift && event->key() == Qt::Key_W) {
@@ -90,6 +93,8 @@ int main(int argc, char** argv) {
       windows = std::atoi(argv[++i]);
     else if (arg == "--app-id" && i + 1 < argc)
       appId = argv[++i];
+    else if (arg == "--no-quit")
+      quitOnCtrlQ = false;
   }
   logFile = logPath.empty() ? stdout : std::fopen(logPath.c_str(), "a");
   if (!logFile) return 2;

@@ -10,6 +10,9 @@
 #include <unistd.h>
 #include <wayland-client.h>
 
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace tarry::platform::wayland {
@@ -195,9 +198,19 @@ void LayerShellHudPanel::setOrigin(Point origin) {
 }
 
 void LayerShellHudPanel::orderFront() {
+  const bool first = !shown_;
   shown_ = true;
   present();
   frames_.start();
+  // A hidden measuring aid: with TARRY_DEBUG_HUD_TIMES set, the moment (CLOCK_MONOTONIC, µs) each
+  // showing of the panel reached the compositor goes to standard error.
+  static const bool timed = std::getenv("TARRY_DEBUG_HUD_TIMES") != nullptr;
+  if (timed && first) {
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
+                            std::chrono::steady_clock::now().time_since_epoch())
+                            .count();
+    std::fprintf(stderr, "hud-shown %lld\n", static_cast<long long>(micros));
+  }
 }
 
 void LayerShellHudPanel::orderOut() {
