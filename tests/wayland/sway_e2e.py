@@ -135,6 +135,17 @@ def terminal_running_sleep_gets_longer_hold(d):
     wait_for("foot to close after the longer hold", lambda: foot.poll() is not None, timeout=3)
 
 
+@case
+def config_reload_keeps_the_guard(d):
+    client = d.start_client("app")
+    d.start_tarry()
+    d.run(["swaymsg", "reload"])
+    settle()
+    d.wtype("-M", "ctrl", "-P", "q", "-s", "200", "-p", "q", "-m", "ctrl")
+    wait_for("the short press to be blocked after the reload", lambda: d.counter("saved") == 1)
+    check(client.alive(), "the client ended")
+
+
 CTRL_Q = ("-M", "ctrl", "-P", "q", "-s", "50", "-p", "q", "-m", "ctrl")
 
 

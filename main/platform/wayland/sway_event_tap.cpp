@@ -102,6 +102,7 @@ class SwayEventTap::Session final : public std::enable_shared_from_this<Session>
   void stopCleaner();
   void readLoop(std::shared_ptr<SwayIpc> events);
   void deliver(const KeyEvent& event);
+  void rebind();
   void startWatch(const KeyEvent& press);
   void stopWatch();
   void onModifiers(std::uint64_t flags);
@@ -150,7 +151,7 @@ bool SwayEventTap::Session::bind(std::string& error) {
   }
   std::string connectError;
   std::unique_ptr<SwayIpc> events = SwayIpc::connect(path_, connectError);
-  if (!events || !events->send(SwayIpc::subscribe, R"(["binding","shutdown"])")) {
+  if (!events || !events->send(SwayIpc::subscribe, R"(["binding","shutdown","workspace"])")) {
     error = events ? "the compositor's IPC socket stopped answering" : connectError;
     commands_->command(swayUnbindCommands());
     return false;
@@ -213,6 +214,14 @@ void SwayEventTap::Session::enable() {
   enabled_ = true;
 }
 
+void SwayEventTap::Session::rebind() {
+  if (!tapped_) return;
+  lifted_.clear();
+  std::string error;
+  if (!commands_->command(swayBindCommands(), &error))
+    setError("the compositor refused the key bindings: " + error);
+}
+
 void SwayEventTap::Session::startCleaner() {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return;
@@ -272,7 +281,16 @@ void SwayEventTap::Session::readLoop(std::shared_ptr<SwayIpc> events) {
   for (;;) {
     std::optional<SwayIpc::Message> message = events->read();
     if (!message || message->type == SwayIpc::kEventShutdown) break;
-    if (message->type != SwayIpc::kEventBinding || !message->body.is_object()) continue;
+    if (!message->body.is_object()) continue;
+    if (message->type == SwayIpc::kEventWorkspace &&
+        message->body.value("change", std::string()) == "reload") {
+      // A configuration reload drops every binding made over the IPC.
+      loop_.dispatchMain([weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->rebind();
+      });
+      continue;
+    }
+    if (message->type != SwayIpc::kEventBinding) continue;
     const nlohmann::json& binding = message->body.value("binding", nlohmann::json::object());
     std::optional<KeyEvent> event = keyEventOfBinding(binding.value("command", std::string()));
     if (!event) continue;

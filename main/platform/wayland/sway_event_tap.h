@@ -43,6 +43,7 @@ struct SwayCombination {
 /// The bindings are removed when the tap ends; a small helper process removes them also when
 /// this program dies without ending it (kill -9), and every start removes leftovers first.
 /// "Trusted" means the socket answers; a lost socket disables the tap, and `enable` binds again.
+/// A configuration reload (which drops bindings made over the IPC) is followed by binding again.
 /// NOTE: sway reports no event when Ctrl goes up while Q is still held; the release binding
 /// fires when Q goes up, and the guard's hold ends then.
 class SwayEventTap final : public EventTap {

@@ -21,6 +21,7 @@ class SwayIpc final {
     getVersion = 7,
   };
   /// Event types carry the high bit.
+  static constexpr std::uint32_t kEventWorkspace = 0x80000000;
   static constexpr std::uint32_t kEventWindow = 0x80000003;
   static constexpr std::uint32_t kEventBinding = 0x80000005;
   static constexpr std::uint32_t kEventShutdown = 0x80000006;
