@@ -173,7 +173,11 @@ class SwayDesktop:
 
     def spawn(self, argv, name, extra_env=None):
         env = dict(self.env)
-        env.update(extra_env or {})
+        for key, value in (extra_env or {}).items():
+            if value is None:
+                env.pop(key, None)
+            else:
+                env[key] = value
         path = os.path.join(self.tmp, name + ".out")
         out = open(path, "ab")
         self.chown(path)
