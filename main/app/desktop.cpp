@@ -126,9 +126,8 @@ int runDesktop(int argc, char** argv) {
   QApplication::setQuitOnLastWindowClosed(false);
   platform::qt::QtMainLoop loop;
 
-  platform::os::SqliteDefaultsStore store(
-      platform::os::SqliteDefaultsStore::defaultPath(),
-      [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
+  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(),
+                                          [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
   settings::Preferences prefs(store);
   settings::Tunables tunables;
   platform::os::LinuxFileSystem files;
@@ -147,9 +146,10 @@ int runDesktop(int argc, char** argv) {
   platform::WindowList& windows = backends->windows();
   platform::os::ProcProcessInfo processes;
   platform::os::PulseAudio audio;
-  guard::CarefulHoldPolicy policy(
-      {prefs, tunables, loop, workspace, processes, audio, windows},
-      [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); });
+  guard::CarefulHoldPolicy policy({prefs, tunables, loop, workspace, processes, audio, windows},
+                                  [&counters](std::string_view name, std::int64_t amount) {
+                                    counters.add(name, amount);
+                                  });
 
   platform::qt::QtScreens screens;
   std::unique_ptr<platform::HudPanel> panel =
@@ -168,8 +168,8 @@ int runDesktop(int argc, char** argv) {
   platform::Activity& power = backends->activity();
   guard::NoUndo undo;
   diagnostics::BasicAppTelemetry telemetry(workspace);
-  guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log,
-                                      hud, policy, undo, telemetry});
+  guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log, hud,
+                                      policy, undo, telemetry});
 
   log.log("started on " + backends->description());
   // Another program may hold one of the combinations; try again now and then, as one would wait
