@@ -60,16 +60,14 @@ def main():
     args = parser.parse_args()
     tarry = os.path.join(args.build, "main", "app", "tarry")
     client = os.path.join(args.build, "tests", "wayland", "tarry-wayland-client")
-    typist_built = os.path.join(args.build, "bench", "tarry-sway-typist")
+    typist_built = os.path.join(args.build, "tests", "wayland", "tarry-sway-typist")
     try:
-        d = SwayDesktop(tarry, client)
+        d = SwayDesktop(tarry, client, typist_built)
     except Skip as skip:
         print("cannot measure: " + str(skip))
         return 77
     try:
-        typist = os.path.join(os.path.dirname(d.tarry), "tarry-sway-typist")
-        subprocess.run(["cp", typist_built, typist], check=True)
-        d.chown(typist)
+        typist = d.typist
         app = d.start_client("app", "--no-quit")
 
         def presses_since(t):

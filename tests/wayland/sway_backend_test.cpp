@@ -32,7 +32,7 @@ std::vector<std::string> split(const std::string& text, char sep) {
   return out;
 }
 
-TEST(SwayBindings, EveryBindingFiresAnEventTheGuardUnderstandsAndIsRemovedAgain) {
+TEST(SwayBindings, EveryBindingFiresAnEventTheGuardUnderstandsAndOnlyPressBindingsAreRemoved) {
   const std::vector<std::string> binds = split(swayBindCommands(), ';');
   std::vector<std::string> unbinds = split(swayUnbindCommands(), ';');
   ASSERT_EQ(binds.size(), 8U);
@@ -41,9 +41,11 @@ TEST(SwayBindings, EveryBindingFiresAnEventTheGuardUnderstandsAndIsRemovedAgain)
     // "bindsym <flag> <keys> nop tarry-guard <down|up> <word>"
     const std::vector<std::string> words = split(bind, ' ');
     ASSERT_EQ(words.size(), 7U) << bind;
+    // Press bindings must go with the program; release bindings must never be removed (sway 1.7
+    // crashes when a release binding whose keys are held goes away).
     const std::string unbind = "unbindsym " + words[1] + " " + words[2];
-    EXPECT_NE(std::find(unbinds.begin(), unbinds.end(), unbind), unbinds.end())
-        << "nothing removes: " << bind;
+    const bool removed = std::find(unbinds.begin(), unbinds.end(), unbind) != unbinds.end();
+    EXPECT_EQ(removed, words[1] == "--no-repeat") << bind;
     const std::optional<KeyEvent> event =
         keyEventOfBinding(words[3] + " " + words[4] + " " + words[5] + " " + words[6]);
     ASSERT_TRUE(event) << bind;

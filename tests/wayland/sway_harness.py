@@ -98,7 +98,7 @@ class Client:
 
 
 class SwayDesktop:
-    def __init__(self, tarry, client):
+    def __init__(self, tarry, client, typist=None):
         if not shutil.which("sway"):
             raise Skip("sway is not installed")
         self.account = ensure_user()
@@ -108,7 +108,7 @@ class SwayDesktop:
         self.tarry_proc = None
         signal.signal(signal.SIGTERM, self._on_signal)
         try:
-            self._prepare(tarry, client)
+            self._prepare(tarry, client, typist)
             self._start_sway()
             os.makedirs(os.path.join(self.tmp, "logs"))
             self.chown(os.path.join(self.tmp, "logs"))
@@ -125,7 +125,7 @@ class SwayDesktop:
         if self.account:
             os.chown(path, self.account.pw_uid, self.account.pw_gid)
 
-    def _prepare(self, tarry, client):
+    def _prepare(self, tarry, client, typist):
         self.chown(self.tmp)
         os.chmod(self.tmp, 0o700)
         # The build folder may not be readable by the test user: run copies.
@@ -133,6 +133,7 @@ class SwayDesktop:
         os.makedirs(bindir)
         self.tarry = shutil.copy(tarry, bindir)
         self.client = shutil.copy(client, bindir)
+        self.typist = shutil.copy(typist, bindir) if typist else None
         runtime = os.path.join(self.tmp, "run")
         os.makedirs(runtime, mode=0o700)
         home = os.path.join(self.tmp, "home")
@@ -281,6 +282,11 @@ class SwayDesktop:
         self.run(["wtype"] + list(args))
         return None
 
+    def swallowing_bindings_fired_by(self, *wtype_args):
+        """The press bindings (those that keep a key from the application: tarry's `nop ... down`)
+        that fire while wtype types this. tarry leaves its release bindings in place on purpose."""
+        return [c for c in self.bindings_fired_by(*wtype_args) if " down " in c]
+
     def bindings_fired_by(self, *wtype_args):
         """The `nop` commands of the compositor's bindings that fire while wtype types this."""
         argv = ["swaymsg", "-t", "subscribe", "-m", '["binding"]']
@@ -300,6 +306,11 @@ class SwayDesktop:
             except (ValueError, KeyError):
                 pass
         return commands
+
+    def type_ctrl_q(self, presses=3):
+        """Presses Ctrl+Q `presses` times through tarry-sway-typist (a full keymap, as a physical
+        keyboard has)."""
+        self.run([self.typist, str(presses), "50", "100"])
 
     def views(self):
         """(app_id, pid, focused) of every window in the compositor's tree."""

@@ -53,7 +53,7 @@ struct KeyboardWatch::Impl {
     }
     unmap();
     if (pixel) wl_buffer_destroy(pixel);
-    if (keyboard) wl_keyboard_destroy(keyboard);
+    if (keyboard) wl_keyboard_release(keyboard);
     if (seat) wl_seat_destroy(seat);
     if (shell) zwlr_layer_shell_v1_destroy(shell);
     if (shm) wl_shm_destroy(shm);
@@ -157,6 +157,22 @@ struct KeyboardWatch::Impl {
   }
   static void repeatInfo(void*, wl_keyboard*, std::int32_t, std::int32_t) {}
 
+  static void capabilities(void* data, wl_seat* seat, std::uint32_t caps) {
+    auto* self = static_cast<Impl*>(data);
+    const bool has = caps & WL_SEAT_CAPABILITY_KEYBOARD;
+    if (has && !self->keyboard) {
+      self->keyboard = wl_seat_get_keyboard(seat);
+      static const wl_keyboard_listener listener = {&Impl::keymapEvent, &Impl::enter,     &Impl::leave,
+                                                    &Impl::key,         &Impl::modifiers, &Impl::repeatInfo};
+      wl_keyboard_add_listener(self->keyboard, &listener, self);
+    } else if (!has && self->keyboard) {
+      wl_keyboard_release(self->keyboard);
+      self->keyboard = nullptr;
+      self->focused = false;
+    }
+  }
+  static void seatName(void*, wl_seat*, const char*) {}
+
   static void global(void* data, wl_registry* registry, std::uint32_t name, const char* interface,
                      std::uint32_t version) {
     auto* self = static_cast<Impl*>(data);
@@ -233,10 +249,10 @@ std::unique_ptr<KeyboardWatch> KeyboardWatch::open(OnModifiers onModifiers, std:
     return nullptr;
   }
   impl->context = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
-  impl->keyboard = wl_seat_get_keyboard(impl->seat);
-  static const wl_keyboard_listener keyboardListener = {
-      &Impl::keymapEvent, &Impl::enter, &Impl::leave, &Impl::key, &Impl::modifiers, &Impl::repeatInfo};
-  wl_keyboard_add_listener(impl->keyboard, &keyboardListener, impl.get());
+  // The keyboard comes and goes with the seat's capability (a headless seat has one only while
+  // a virtual keyboard exists).
+  static const wl_seat_listener seatListener = {&Impl::capabilities, &Impl::seatName};
+  wl_seat_add_listener(impl->seat, &seatListener, impl.get());
 
   // One transparent pixel: a layer surface needs a buffer to be mapped.
   const int fd = memfd_create("tarry-keyboard", MFD_CLOEXEC);

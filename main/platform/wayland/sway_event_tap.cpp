@@ -49,10 +49,7 @@ std::string swayBindCommands() {
 
 std::string swayUnbindCommands() {
   std::string out;
-  for (const SwayCombination& c : swayCombinations()) {
-    out += "unbindsym --no-repeat " + c.keys + ";";
-    out += "unbindsym --release " + c.keys + ";";
-  }
+  for (const SwayCombination& c : swayCombinations()) out += "unbindsym --no-repeat " + c.keys + ";";
   return out;
 }
 

@@ -25,10 +25,13 @@ struct SwayCombination {
 /// The guarded combinations and the undo hot key.
 [[nodiscard]] const std::vector<SwayCombination>& swayCombinations();
 /// The commands that bind every combination (press and release) to `nop` commands saying what
-/// fired, and those that remove them again.
+/// fired, and those that remove the press bindings.
+/// NOTE: release bindings are never removed. sway 1.7 keeps a pointer to a release binding whose
+/// keys are down and crashes when that binding is removed (or replaced) then: a program ending, or
+/// killed, during a hold would take the session down. Left alone, a release binding is harmless:
+/// without its press binding the press reaches the application, and so does the release.
 [[nodiscard]] std::string swayBindCommands();
 [[nodiscard]] std::string swayUnbindCommands();
-/// The key event a `binding` event's command stands for; nothing when it is not one of ours.
 [[nodiscard]] std::optional<KeyEvent> keyEventOfBinding(const std::string& command);
 
 /// The event tap on sway and compositors that speak its IPC (`$SWAYSOCK`).
@@ -37,15 +40,14 @@ struct SwayCombination {
 /// the press and a `--release` binding for the release, both running `nop` commands, which the
 /// IPC reports as `binding` events. A binding always keeps its key from the application, so
 /// "pass" types the combination again through this program's virtual keyboard, with the press
-/// binding lifted around it. Only the press binding is lifted: the compositor keeps a pointer to
-/// a release binding whose keys are held, and removing it then crashes sway 1.7.
+/// binding lifted around it. While a swallowed key is held, a `KeyboardWatch` follows the
+/// modifiers: releasing Ctrl (or Shift) before the key gives a flags-changed event at once (sway
+/// has no event for it; its release binding fires only when the key goes up).
 ///
-/// The bindings are removed when the tap ends; a small helper process removes them also when
-/// this program dies without ending it (kill -9), and every start removes leftovers first.
+/// The press bindings are removed when the tap ends; a small helper process removes them also
+/// when this program dies without ending it (kill -9), and every start removes leftovers first.
 /// "Trusted" means the socket answers; a lost socket disables the tap, and `enable` binds again.
 /// A configuration reload (which drops bindings made over the IPC) is followed by binding again.
-/// NOTE: sway reports no event when Ctrl goes up while Q is still held; the release binding
-/// fires when Q goes up, and the guard's hold ends then.
 class SwayEventTap final : public EventTap {
  public:
   explicit SwayEventTap(MainLoop& loop, std::string socketPath = {});

@@ -1,6 +1,6 @@
 // Presses Ctrl+Q through a virtual keyboard of its own on the Wayland display, as a physical
-// keyboard would, and prints when each press was sent (CLOCK_MONOTONIC, µs), for
-// bench/sway_latency.py.
+// keyboard would, and prints when each press was sent (CLOCK_MONOTONIC, µs), for the sway
+// end-to-end tests and bench/sway_latency.py.
 //
 //   tarry-sway-typist PRESSES HOLD_MS GAP_MS
 #include "platform/event_tap.h"
