@@ -72,7 +72,9 @@ def long_hold_quits_politely(d):
     hold(d, "q", 3000)
     # The default hold is 2 s: the compositor's close request must come well before the keys go up.
     wait_for("the client to leave its event loop", lambda: any(w == ["exit"] for _, w in client.lines()), timeout=2.9)
-    wait_for("the client to end", lambda: not client.alive(), timeout=5)
+    # NOTE: once in a full-suite run the test client's process took more than 5 s to end after
+    # leaving its event loop (Qt's Wayland teardown); the quit itself had been delivered.
+    wait_for("the client to end", lambda: not client.alive(), timeout=15)
     check(client.close_requests() == [0], "not closed by the compositor's request: %s" % client.lines())
     check(not client.presses(QT_KEY_Q), "the held Ctrl+Q itself reached the client")
     wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
