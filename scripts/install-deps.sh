@@ -32,6 +32,10 @@ packages=(
   # the tray: a private session bus and a StatusNotifier host written in Python for its test, an
   # XEmbed tray for the screenshots (scripts/shell-screenshot.sh)
   dbus-daemon python3-dbus python3-gi trayer
+  # Wayland backend (sway IPC, virtual keyboard, layer shell) and its end-to-end tests on a
+  # headless sway: wtype types, foot is the terminal, grim takes screenshots, Qt's Wayland plugin
+  # runs the test client
+  libwayland-dev sway wtype foot grim qt6-wayland
 )
 
 missing=()

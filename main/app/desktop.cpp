@@ -5,6 +5,7 @@
 #include "app/app_identity.h"
 #include "app/desktop_shell.h"
 #include "app/desktop_shell_wiring.h"
+#include "app/session_backends.h"
 #include "app/store_notes.h"
 #include "diagnostics/log.h"
 #include "diagnostics/telemetry_sender.h"
@@ -26,15 +27,9 @@
 #include "platform/qt/qt_consent_window.h"
 #include "platform/qt/qt_hand_over_server.h"
 #include "platform/qt/qt_http.h"
-#include "platform/qt/qt_hud_panel.h"
 #include "platform/qt/qt_main_loop.h"
 #include "platform/qt/qt_network_monitor.h"
 #include "platform/qt/qt_screens.h"
-#include "platform/x11/x11_activity.h"
-#include "platform/x11/x11_display.h"
-#include "platform/x11/x11_event_tap.h"
-#include "platform/x11/x11_window_list.h"
-#include "platform/x11/x11_workspace.h"
 #include "settings/preferences.h"
 #include "settings/remote_config.h"
 #include "settings/server_url.h"
@@ -133,44 +128,15 @@ class QuitOnSignal final {
   std::thread watcher_;
 };
 
-// ---- Session backend ----
-
-/// The services that depend on the kind of desktop session: keys, apps and windows, power.
-/// NOTE: the one place that picks them; a Wayland session would build its own set here.
-struct SessionBackend {
-  std::string name;
-  std::unique_ptr<platform::x11::X11Display> display;
-  std::unique_ptr<platform::Workspace> workspace;
-  std::unique_ptr<platform::WindowList> windows;
-  std::unique_ptr<platform::EventTap> tap;
-  std::unique_ptr<platform::Activity> power;
-};
-
-std::unique_ptr<SessionBackend> openSessionBackend(const std::string& displayName, platform::MainLoop& loop,
-                                                   platform::DesktopEntries& entries, std::string& error) {
-  auto backend = std::make_unique<SessionBackend>();
-  backend->name = "X display " + displayName;
-  backend->display = platform::x11::X11Display::open(displayName, error);
-  if (!backend->display) return nullptr;
-  backend->workspace = std::make_unique<platform::x11::X11Workspace>(*backend->display, entries);
-  backend->windows = std::make_unique<platform::x11::X11WindowList>(*backend->display);
-  backend->tap = std::make_unique<platform::x11::X11EventTap>(loop);
-  // On the display's own connection: the server ends the suspension if the program dies mid-hold.
-  backend->power = std::make_unique<platform::x11::X11Activity>(backend->display->connection());
-  return backend;
-}
-
-std::string displayName() {
-  const char* name = std::getenv("DISPLAY");
-  return name ? name : "";
-}
+/// What one running copy is per: the X display or the Wayland display of the session.
+std::string displayName() { return detectSession().display; }
 
 }  // namespace
 
 int sendToRunningCopy(const std::string& request) {
   const std::string display = displayName();
   if (display.empty()) {
-    std::fputs("tarry: cannot reach a running Tarry (DISPLAY is not set)\n", stderr);
+    std::fputs("tarry: cannot reach a running Tarry (neither DISPLAY nor WAYLAND_DISPLAY is set)\n", stderr);
     return 1;
   }
   platform::os::InstanceLock lock(platform::os::runtimeDirectory(), display);
@@ -192,11 +158,12 @@ int sendToRunningCopy(const std::string& request) {
 }
 
 int runDesktop(int argc, char** argv, const DesktopOptions& options) {
-  const std::string display = displayName();
-  if (display.empty()) {
-    std::fputs("tarry: cannot open the X display (DISPLAY is not set)\n", stderr);
+  const Session session = detectSession();
+  if (session.kind == Session::Kind::none) {
+    std::fputs("tarry: cannot open the X display (DISPLAY is not set) nor a Wayland display\n", stderr);
     return 1;
   }
+  const std::string& display = session.display;
 
   // One copy per user and display: a second launch hands over to the first and ends.
   platform::os::InstanceLock instance(platform::os::runtimeDirectory(), display);
@@ -226,9 +193,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     return 0;
   }
 
-  // The guard works through X; its windows must live on the same server even inside a Wayland
-  // session that offers Xwayland.
-  setenv("QT_QPA_PLATFORM", "xcb", 0);
+  prepareQt(session);
   QApplication application(argc, argv);
   QApplication::setQuitOnLastWindowClosed(false);
   QGuiApplication::setDesktopFileName(QString::fromLatin1(kAppId));
@@ -245,24 +210,26 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   stats::Counters counters(store, loop);
 
   platform::os::DesktopEntryReader entries;
-  std::unique_ptr<SessionBackend> session = openSessionBackend(display, loop, entries, error);
-  if (!session) {
+  std::unique_ptr<SessionBackends> backends = openSessionBackends(session, loop, entries, error);
+  if (!backends) {
     std::fprintf(stderr, "tarry: %s\n", error.c_str());
     return 1;
   }
-  platform::Workspace& workspace = *session->workspace;
+  platform::Workspace& workspace = backends->workspace();
+  platform::WindowList& windows = backends->windows();
   platform::os::ProcProcessInfo processes;
   platform::os::PulseAudio audio;
   guard::CarefulHoldPolicy policy(
-      {prefs, tunables, loop, workspace, processes, audio, *session->windows},
+      {prefs, tunables, loop, workspace, processes, audio, windows},
       [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); });
 
   platform::qt::QtScreens screens;
-  platform::qt::QtHudPanel panel;
-  guard::HUD hud(panel, screens, loop, tunables);
+  std::unique_ptr<platform::HudPanel> panel =
+      makeHudPanel(session, [&log](const std::string& line) { log.log(line); });
+  guard::HUD hud(*panel, screens, loop, tunables);
 
   std::unique_ptr<StallingTap> stalling;
-  platform::EventTap* tap = session->tap.get();
+  platform::EventTap* tap = &backends->tap();
   if (const char* stall = std::getenv("TARRY_DEBUG_STALL_ON_PRESS"); stall && std::atof(stall) > 0) {
     stalling = std::make_unique<StallingTap>(*tap, std::atof(stall));
     tap = stalling.get();
@@ -281,14 +248,14 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   platform::qt::QtAppearance appearance;
   platform::qt::QtAlerts alerts;
   platform::qt::QtConsentWindow consentWindow;
-  AppActions actions({loop, workspace, *session->windows, *tap, entries, processes, alerts, prefs, tunables,
+  AppActions actions({loop, workspace, windows, *tap, entries, processes, alerts, prefs, tunables,
                       counters, hud, log});
   guard::UndoHooks& undo = actions.undoHooks();
 
   AppDelegate delegate(AppDelegateDeps{loop, *tap, loginItems, appearance, alerts, networkMonitor,
                                        networkStatus, consentWindow, workspace, prefs, tunables, remoteConfig,
                                        counters, log, telemetry, hud, TARRY_VERSION, server},
-                       guard::GuardDeps{loop, *tap, workspace, sound, *session->power, prefs, tunables,
+                       guard::GuardDeps{loop, *tap, workspace, sound, backends->activity(), prefs, tunables,
                                         counters, log, hud, policy, undo, telemetry});
   telemetry.setSnapshotSource([&] {
     settings::SnapshotFacts facts;
@@ -333,7 +300,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     std::fprintf(stderr, "tarry: cannot listen at %s: %s\n", instance.socketPath().c_str(), error.c_str());
   }
 
-  log.log("started on " + session->name + (options.loginLaunch ? " at login" : ""));
+  log.log("started on " + backends->description() + (options.loginLaunch ? " at login" : ""));
   int status = 0;
   {
     QuitOnSignal quitOnSignal(loop);

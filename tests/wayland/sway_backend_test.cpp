@@ -1,0 +1,295 @@
+// The sway backend's pieces that need no compositor: what its bindings stand for, how it reads
+// the compositor's tree, and what it asks over the IPC (against a small fake of the socket).
+
+#include "app/session_backends.h"
+#include "guard/guard.h"
+#include "platform/sim/sim_desktop_entries.h"
+#include "platform/wayland/sway_event_tap.h"
+#include "platform/wayland/sway_ipc.h"
+#include "platform/wayland/sway_workspace.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <thread>
+
+namespace tarry::platform::wayland {
+namespace {
+
+std::vector<std::string> split(const std::string& text, char sep) {
+  std::vector<std::string> out;
+  std::stringstream in(text);
+  for (std::string part; std::getline(in, part, sep);) {
+    if (!part.empty()) out.push_back(part);
+  }
+  return out;
+}
+
+TEST(SwayBindings, EveryBindingFiresAnEventTheGuardUnderstandsAndOnlyPressBindingsAreRemoved) {
+  const std::vector<std::string> binds = split(swayBindCommands(), ';');
+  std::vector<std::string> unbinds = split(swayUnbindCommands(), ';');
+  ASSERT_EQ(binds.size(), 8U);
+  std::map<std::string, std::optional<guard::Combo>> classified;
+  for (const std::string& bind : binds) {
+    // "bindsym <flag> <keys> nop tarry-guard <down|up> <word>"
+    const std::vector<std::string> words = split(bind, ' ');
+    ASSERT_EQ(words.size(), 7U) << bind;
+    // Press bindings must go with the program; release bindings must never be removed (sway 1.7
+    // crashes when a release binding whose keys are held goes away).
+    const std::string unbind = "unbindsym " + words[1] + " " + words[2];
+    const bool removed = std::find(unbinds.begin(), unbinds.end(), unbind) != unbinds.end();
+    EXPECT_EQ(removed, words[1] == "--no-repeat") << bind;
+    const std::optional<KeyEvent> event =
+        keyEventOfBinding(words[3] + " " + words[4] + " " + words[5] + " " + words[6]);
+    ASSERT_TRUE(event) << bind;
+    EXPECT_EQ(event->type, words[1] == "--release" ? EventType::keyUp : EventType::keyDown) << bind;
+    if (event->type == EventType::keyDown) classified[words[6]] = guard::Guard::classify(*event);
+  }
+  EXPECT_EQ(classified["quit"], guard::Combo::quit);
+  EXPECT_EQ(classified["close"], guard::Combo::close);
+  EXPECT_EQ(classified["logout"], guard::Combo::logout);
+  // The undo hot key is Command+Option and types "z" without modifiers; it is no guarded combination.
+  EXPECT_EQ(classified["undo"], std::nullopt);
+  const std::optional<KeyEvent> undo = keyEventOfBinding("nop tarry-guard down undo");
+  EXPECT_EQ(undo->flags, kFlagCommand | kFlagOption);
+  EXPECT_EQ(undo->unmodifiedText, u"z");
+
+  for (const char* foreign : {"nop something else", "exec foot", "nop tarry-guard sideways quit",
+                              "nop tarry-guard down reboot", "nop tarry-guard"}) {
+    EXPECT_FALSE(keyEventOfBinding(foreign)) << foreign;
+  }
+}
+
+nlohmann::json view(int id, int pid, const std::string& appId, bool focused = false) {
+  return {{"id", id},
+          {"type", "con"},
+          {"pid", pid},
+          {"app_id", appId.empty() ? nlohmann::json() : nlohmann::json(appId)},
+          {"focused", focused},
+          {"name", "window " + std::to_string(id)},
+          {"rect", {{"x", id * 10}, {"y", 20}, {"width", 300}, {"height", 200}}},
+          {"nodes", nlohmann::json::array()},
+          {"floating_nodes", nlohmann::json::array()}};
+}
+
+/// root → (scratchpad output with one view), output → workspace 1 with views 11 and 12 (12 focused)
+/// and a floating view 13 (an Xwayland window).
+nlohmann::json tree() {
+  nlohmann::json xwayland = view(13, 300, "");
+  xwayland["window_properties"] = {{"class", "Gimp-2.10"}, {"instance", "gimp"}};
+  nlohmann::json workspace = {{"id", 4},
+                              {"type", "workspace"},
+                              {"name", "1"},
+                              {"focus", {12, 11, 13}},
+                              {"nodes", {view(11, 100, "org.gnome.TextEditor"), view(12, 200, "foot", true)}},
+                              {"floating_nodes", {xwayland}}};
+  nlohmann::json scratch = {{"id", 9},
+                            {"type", "workspace"},
+                            {"name", "__i3_scratch"},
+                            {"nodes", nlohmann::json::array()},
+                            {"floating_nodes", {view(14, 100, "org.gnome.TextEditor")}}};
+  return {
+      {"id", 1},
+      {"type", "root"},
+      {"focus", {3, 2}},
+      {"nodes",
+       {{{"id", 2}, {"type", "output"}, {"name", "__i3"}, {"nodes", {scratch}}},
+        {{"id", 3}, {"type", "output"}, {"name", "HEADLESS-1"}, {"focus", {4}}, {"nodes", {workspace}}}}}};
+}
+
+void clearFocus(nlohmann::json& node) {
+  if (node.contains("focused")) node["focused"] = false;
+  for (const char* list : {"nodes", "floating_nodes"}) {
+    if (node.contains(list)) {
+      for (nlohmann::json& child : node[list]) clearFocus(child);
+    }
+  }
+}
+
+TEST(SwayTree, ViewsAndTheFocusedOneAlsoWhileALayerSurfaceHasTheKeyboard) {
+  nlohmann::json t = tree();
+  std::map<int, std::pair<bool, bool>> seen;  // id → (scratchpad, floating)
+  for (const SwayView& v : swayViews(t)) seen[v.node->value("id", 0)] = {v.scratchpad, v.floating};
+  EXPECT_EQ(seen, (std::map<int, std::pair<bool, bool>>{
+                      {11, {false, false}}, {12, {false, false}}, {13, {false, true}}, {14, {true, true}}}));
+
+  ASSERT_NE(swayFocusedView(t), nullptr);
+  EXPECT_EQ(swayFocusedView(t)->value("id", 0), 12);
+  // No view is focused while a layer surface holds the keyboard: the focus order still names one.
+  clearFocus(t);
+  t["nodes"][1]["nodes"][0]["focus"] = {11, 12, 13};
+  ASSERT_NE(swayFocusedView(t), nullptr);
+  EXPECT_EQ(swayFocusedView(t)->value("id", 0), 11);
+  // A focused empty workspace: nobody is frontmost.
+  t["nodes"][1]["nodes"][0]["focus"] = nlohmann::json::array();
+  EXPECT_EQ(swayFocusedView(t), nullptr);
+}
+
+/// A stand-in for the compositor's IPC socket: answers each request with `answer(type, payload)`
+/// and keeps the payloads it was sent.
+class FakeSway {
+ public:
+  using Answer = std::function<std::string(std::uint32_t, const std::string&)>;
+
+  explicit FakeSway(Answer answer) : answer_(std::move(answer)) {
+    char dir[] = "/tmp/tarry-fake-sway-XXXXXX";
+    dir_ = mkdtemp(dir);
+    path_ = dir_ + "/ipc.sock";
+    listener_ = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, path_.c_str());
+    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    listen(listener_, 4);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~FakeSway() {
+    shutdown(listener_, SHUT_RDWR);
+    close(listener_);
+    if (client_ >= 0) shutdown(client_, SHUT_RDWR);
+    thread_.join();
+    unlink(path_.c_str());
+    rmdir(dir_.c_str());
+  }
+  FakeSway(const FakeSway&) = delete;
+  FakeSway& operator=(const FakeSway&) = delete;
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+  [[nodiscard]] std::vector<std::string> commands() {
+    std::lock_guard lock(mutex_);
+    return commands_;
+  }
+
+ private:
+  void serve() {
+    client_ = accept(listener_, nullptr, nullptr);
+    if (client_ < 0) return;
+    char header[14];
+    while (recv(client_, header, sizeof header, MSG_WAITALL) == sizeof header) {
+      std::uint32_t length = 0, type = 0;
+      std::memcpy(&length, header + 6, 4);
+      std::memcpy(&type, header + 10, 4);
+      std::string payload(length, '\0');
+      if (length && recv(client_, payload.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length)) break;
+      if (type == SwayIpc::runCommand) {
+        std::lock_guard lock(mutex_);
+        commands_.push_back(payload);
+      }
+      const std::string reply = answer_(type, payload);
+      std::string message = "i3-ipc";
+      const auto size = static_cast<std::uint32_t>(reply.size());
+      message.append(reinterpret_cast<const char*>(&size), 4);
+      message.append(reinterpret_cast<const char*>(&type), 4);
+      message += reply;
+      send(client_, message.data(), message.size(), MSG_NOSIGNAL);
+    }
+    close(client_);
+  }
+
+  Answer answer_;
+  std::string dir_, path_;
+  int listener_ = -1;
+  int client_ = -1;
+  std::thread thread_;
+  std::mutex mutex_;
+  std::vector<std::string> commands_;
+};
+
+TEST(SwayWorkspace, AppsFromTheTreeAndWhatItAsksOfTheCompositor) {
+  FakeSway sway([](std::uint32_t type, const std::string& payload) {
+    if (type == SwayIpc::getTree) return tree().dump();
+    if (payload.starts_with("[con_id=99]"))
+      return std::string(R"([{"success":false,"error":"No matching node"}])");
+    return std::string(R"([{"success":true},{"success":true}])");
+  });
+  sim::SimDesktopEntries entries;
+  entries.install({"org.gnome.TextEditor", "/usr/share/applications/org.gnome.TextEditor.desktop",
+                   "Text Editor", "org.gnome.TextEditor", "gnome-text-editor %U", "", false, false});
+  entries.install({"gimp", "/usr/share/applications/gimp.desktop", "GNU Image Manipulation Program", "gimp",
+                   "gimp-2.10 %U", "Gimp-2.10", false, false});
+  std::string error;
+  std::unique_ptr<SwayWorkspace> workspace = SwayWorkspace::open(sway.path(), entries, error);
+  ASSERT_TRUE(workspace) << error;
+
+  const std::optional<RunningApp> front = workspace->frontmostApplication();
+  ASSERT_TRUE(front);
+  EXPECT_EQ(front->bundleID, "foot");  // no entry installed here: the app id itself
+  EXPECT_EQ(front->pid, 200);
+
+  std::map<std::int32_t, RunningApp> apps;
+  for (const RunningApp& app : workspace->runningApplications()) apps[app.pid] = app;
+  ASSERT_EQ(apps.size(), 3U);  // the editor's two views are one app
+  EXPECT_EQ(apps[100].bundleID, "org.gnome.TextEditor");
+  EXPECT_EQ(apps[100].localizedName, "Text Editor");
+  EXPECT_EQ(apps[100].icon.name, "org.gnome.TextEditor");
+  EXPECT_EQ(apps[100].path, "/usr/share/applications/org.gnome.TextEditor.desktop");
+  // An Xwayland window is found by its WM_CLASS, as on X11.
+  EXPECT_EQ(apps[300].bundleID, "gimp");
+
+  const std::vector<WindowInfo> windows = workspace->windowsOf(100);
+  ASSERT_EQ(windows.size(), 2U);
+  EXPECT_EQ(windows[0].title, "window 11");
+  EXPECT_EQ(windows[0].x, 110);
+  EXPECT_FALSE(windows[0].minimized);
+  EXPECT_TRUE(windows[1].minimized);  // in the scratchpad
+
+  EXPECT_TRUE(workspace->terminate(apps[100]));
+  EXPECT_TRUE(workspace->setFrame(13, 5, 6, 400, 300, false));  // floating: moved and resized
+  EXPECT_TRUE(workspace->setFrame(11, 5, 6, 400, 300, false));  // tiled: the layout decides
+  EXPECT_TRUE(workspace->setFrame(14, 0, 0, 1, 1, true));       // already in the scratchpad
+  EXPECT_TRUE(workspace->setFrame(12, 0, 0, 1, 1, true));
+  EXPECT_FALSE(workspace->setFrame(99, 0, 0, 1, 1, false));  // no such window
+  EXPECT_EQ(sway.commands(),
+            (std::vector<std::string>{
+                "[pid=100] kill",
+                "[con_id=13] move absolute position 5 6; [con_id=13] resize set width 400 px height 300 px",
+                "[con_id=12] move scratchpad",
+            }));
+
+  std::unique_ptr<SwayIpc> ipc = SwayIpc::connect(sway.path() + ".missing", error);
+  EXPECT_FALSE(ipc);
+  EXPECT_NE(error.find("does not answer"), std::string::npos) << error;
+}
+
+TEST(SwayIpc, ACommandReportsTheFirstFailure) {
+  FakeSway sway([](std::uint32_t, const std::string&) {
+    return std::string(R"([{"success":true},{"success":false,"error":"Unknown/invalid command 'frob'"}])");
+  });
+  std::string error;
+  std::unique_ptr<SwayIpc> ipc = SwayIpc::connect(sway.path(), error);
+  ASSERT_TRUE(ipc) << error;
+  EXPECT_FALSE(ipc->command("nop; frob", &error));
+  EXPECT_EQ(error, "Unknown/invalid command 'frob'");
+}
+
+TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
+  using Kind = app::Session::Kind;
+  const auto detect = [](std::map<std::string, std::string> env) {
+    return app::detectSession([env](const char* name) -> const char* {
+      const auto it = env.find(name);
+      return it == env.end() ? nullptr : it->second.c_str();
+    });
+  };
+  EXPECT_EQ(detect({{"DISPLAY", ":0"}}).kind, Kind::x11);
+  EXPECT_EQ(detect({}).kind, Kind::none);
+  // Inside a Wayland session the X display is Xwayland's: its grabs would see only X clients.
+  EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-1"}, {"SWAYSOCK", "/run/s.sock"}}).kind,
+            Kind::sway);
+  const app::Session gnome =
+      detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME"}});
+  EXPECT_EQ(gnome.kind, Kind::otherWayland);
+  EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
+            Kind::otherWayland);
+  EXPECT_TRUE(app::unsupportedWaylandText(gnome.desktop)
+                  .starts_with("this Wayland desktop is not supported yet: GNOME"));
+}
+
+}  // namespace
+}  // namespace tarry::platform::wayland
