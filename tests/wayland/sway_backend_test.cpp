@@ -211,9 +211,9 @@ TEST(SwayWorkspace, AppsFromTheTreeAndWhatItAsksOfTheCompositor) {
   });
   sim::SimDesktopEntries entries;
   entries.install({"org.gnome.TextEditor", "/usr/share/applications/org.gnome.TextEditor.desktop",
-                   "Text Editor", "org.gnome.TextEditor", "gnome-text-editor %U", "", false, false});
+                   "Text Editor", "org.gnome.TextEditor", "gnome-text-editor %U", "", false, false, "", false, {}});
   entries.install({"gimp", "/usr/share/applications/gimp.desktop", "GNU Image Manipulation Program", "gimp",
-                   "gimp-2.10 %U", "Gimp-2.10", false, false});
+                   "gimp-2.10 %U", "Gimp-2.10", false, false, "", false, {}});
   std::string error;
   std::unique_ptr<SwayWorkspace> workspace = SwayWorkspace::open(sway.path(), entries, error);
   ASSERT_TRUE(workspace) << error;
