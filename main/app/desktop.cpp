@@ -272,8 +272,12 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   hooks.rescheduleRamSaver = [&actions] { actions.rescheduleRamSaver(); };
   hooks.systemLog = [](const std::string& line) { std::fprintf(stderr, "tarry: %s\n", line.c_str()); };
   hooks.promptForTrust = [&log, tap] {
-    // X11 has no permission prompt: the display is unreachable, which Settings explains.
-    log.log("keyboard access: " + tap->lastError());
+    // Linux desktops have no permission to prompt for: say, once at launch, why the guard cannot
+    // work (the display is unreachable, or a Wayland desktop without a backend); Settings and the
+    // menu show it too, and the poll starts the guard when it can.
+    const std::string line = "keyboard guard off: " + tap->lastError();
+    log.log(line);
+    std::fprintf(stderr, "tarry: %s\n", line.c_str());
   };
 
   QObject::connect(&application, &QGuiApplication::applicationStateChanged, &application,

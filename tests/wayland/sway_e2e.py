@@ -168,7 +168,7 @@ def config_reload_keeps_the_guard(d):
 @case
 def other_wayland_desktop_is_named(d):
     # A Wayland session without sway's IPC, as GNOME or KDE Plasma would be.
-    tarry = d.spawn([d.tarry], "tarry", {"SWAYSOCK": None, "XDG_CURRENT_DESKTOP": "GNOME"})
+    tarry = d.spawn([d.tarry, "--autostart"], "tarry", {"SWAYSOCK": None, "XDG_CURRENT_DESKTOP": "GNOME"})
     wait_for("the reason in the log", lambda: "keyboard guard off: this Wayland desktop is not supported yet: GNOME"
              in d.events_log())
     check(tarry.poll() is None, "tarry ended instead of running with the guard off")

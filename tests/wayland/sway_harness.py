@@ -113,6 +113,9 @@ class SwayDesktop:
             os.makedirs(os.path.join(self.tmp, "logs"))
             self.chown(os.path.join(self.tmp, "logs"))
             self.defaults("write", "logDir", json.dumps(os.path.join(self.tmp, "logs")))
+            # The first-run consent is given, and no tray icon: the guard is what these cases see.
+            self.defaults("write", "consentVersion", "1")
+            self.defaults("write", "showMenuBar", "false")
         except BaseException:
             self.close()
             raise
@@ -250,7 +253,8 @@ class SwayDesktop:
 
     def start_tarry(self):
         before = self.events_log().count("keyboard guard on")
-        self.tarry_proc = self.spawn([self.tarry], "tarry")
+        # As the session starts it at login: no window of its own takes the focus while the guard works.
+        self.tarry_proc = self.spawn([self.tarry, "--autostart"], "tarry")
         wait_for("tarry to install its keyboard guard",
                  lambda: self.events_log().count("keyboard guard on") > before or self.tarry_proc.poll() is not None)
         if self.tarry_proc.poll() is not None:
