@@ -1,5 +1,7 @@
 #include "app/desktop.h"
 
+#include "app/diagnostics_wiring.h"
+
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
 #include "guard/careful_hold_policy.h"
@@ -144,6 +146,7 @@ int runDesktop(int argc, char** argv) {
   settings::Tunables tunables;
   platform::os::LinuxFileSystem files;
   diagnostics::Log log(loop, files, store, tunables);
+  const auto diagnostics = startDesktopDiagnostics(log, files, store, tunables);
   stats::Counters counters(store, loop);
   counters.start();
 
