@@ -22,6 +22,8 @@ packages=(
   # end-to-end tests on a real X server
   xvfb openbox xdotool x11-xkb-utils x11-utils xauth python3 procps
   fonts-dejavu-core
+  # updates: the test CA and https server for the installer test; unpacking release archives
+  openssl tar
   # screenshots of the HUD on Xvfb (scripts/hud-screenshot.sh)
   imagemagick xcompmgr
 )

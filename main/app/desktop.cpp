@@ -10,6 +10,7 @@
 #include "guard/no_undo.h"
 #include "platform/linux/desktop_entry_reader.h"
 #include "platform/linux/linux_file_system.h"
+#include "platform/linux/linux_update_target.h"
 #include "platform/linux/proc_process_info.h"
 #include "platform/linux/pulse_audio.h"
 #include "platform/linux/pulse_sound.h"
@@ -140,8 +141,9 @@ int runDesktop(int argc, char** argv) {
   QApplication::setQuitOnLastWindowClosed(false);
   platform::qt::QtMainLoop loop;
 
-  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(),
-                                          [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
+  platform::os::SqliteDefaultsStore store(
+      platform::os::SqliteDefaultsStore::defaultPath(),
+      [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
   settings::Preferences prefs(store);
   settings::Tunables tunables;
   platform::os::LinuxFileSystem files;
@@ -155,10 +157,9 @@ int runDesktop(int argc, char** argv) {
   platform::x11::X11WindowList windows(*display);
   platform::os::ProcProcessInfo processes;
   platform::os::PulseAudio audio;
-  guard::CarefulHoldPolicy policy({prefs, tunables, loop, workspace, processes, audio, windows},
-                                  [&counters](std::string_view name, std::int64_t amount) {
-                                    counters.add(name, amount);
-                                  });
+  guard::CarefulHoldPolicy policy(
+      {prefs, tunables, loop, workspace, processes, audio, windows},
+      [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); });
 
   platform::qt::QtScreens screens;
   platform::qt::QtHudPanel panel;
@@ -177,8 +178,8 @@ int runDesktop(int argc, char** argv) {
   platform::x11::X11Activity power(display->connection());
   guard::NoUndo undo;
   diagnostics::BasicAppTelemetry telemetry(workspace);
-  guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log, hud,
-                                      policy, undo, telemetry});
+  guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log,
+                                      hud, policy, undo, telemetry});
 
   log.log("started on X display " + std::string(displayName));
   // Another program may hold one of the combinations; try again now and then, as one would wait
@@ -200,6 +201,8 @@ int runDesktop(int argc, char** argv) {
   int status = 0;
   {
     QuitOnSignal quitOnSignal(loop);
+    // A copy started by an update says it runs once its loop does; until then the old copy waits.
+    const platform::Scheduled started = loop.post([] { platform::os::LinuxUpdateTarget::reportStarted(); });
     status = loop.run();
   }
   guard.removeTap();
