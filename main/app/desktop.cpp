@@ -141,9 +141,8 @@ int runDesktop(int argc, char** argv) {
   QApplication::setQuitOnLastWindowClosed(false);
   platform::qt::QtMainLoop loop;
 
-  platform::os::SqliteDefaultsStore store(
-      platform::os::SqliteDefaultsStore::defaultPath(),
-      [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
+  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(),
+                                          [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
   settings::Preferences prefs(store);
   settings::Tunables tunables;
   platform::os::LinuxFileSystem files;
@@ -157,9 +156,10 @@ int runDesktop(int argc, char** argv) {
   platform::x11::X11WindowList windows(*display);
   platform::os::ProcProcessInfo processes;
   platform::os::PulseAudio audio;
-  guard::CarefulHoldPolicy policy(
-      {prefs, tunables, loop, workspace, processes, audio, windows},
-      [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); });
+  guard::CarefulHoldPolicy policy({prefs, tunables, loop, workspace, processes, audio, windows},
+                                  [&counters](std::string_view name, std::int64_t amount) {
+                                    counters.add(name, amount);
+                                  });
 
   platform::qt::QtScreens screens;
   platform::qt::QtHudPanel panel;
@@ -178,8 +178,8 @@ int runDesktop(int argc, char** argv) {
   platform::x11::X11Activity power(display->connection());
   guard::NoUndo undo;
   diagnostics::BasicAppTelemetry telemetry(workspace);
-  guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log,
-                                      hud, policy, undo, telemetry});
+  guard::Guard guard(guard::GuardDeps{loop, *tap, workspace, sound, power, prefs, tunables, counters, log, hud,
+                                      policy, undo, telemetry});
 
   log.log("started on X display " + std::string(displayName));
   // Another program may hold one of the combinations; try again now and then, as one would wait
