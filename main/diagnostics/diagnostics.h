@@ -36,6 +36,8 @@ class Diagnostics final {
         crashes_(crashes),
         facts_(std::move(facts)),
         version_(std::move(version)) {}
+  /// Waits for the work it queued on the log queue.
+  ~Diagnostics() { log_.queue().drain(); }
   Diagnostics(const Diagnostics&) = delete;
   Diagnostics& operator=(const Diagnostics&) = delete;
 

@@ -214,6 +214,17 @@ def main():
         if name != "a new copy that does not start":
             expect(not downloads, name + ": no downloaded file is left", done)
 
+    # Cancel in the progress window stops the download quietly and keeps nothing.
+    root = fresh_install()
+    publish(big, sign(big, secret), port)
+    SLOW["delay"] = 0.05
+    done, downloads = probe(root, port, pk, ca, "--cancel-after", "2")
+    SLOW["delay"] = 0.0
+    expect("CANCEL" in done.stdout and done.returncode == 3, "cancel: the Cancel button was clicked", done)
+    expect(done.stdout.count("ALERT") == 1, "cancel: no alert after the offer", done)
+    expect("download cancelled" in done.stderr, "cancel: logged", done)
+    expect(unchanged(root) and not downloads, "cancel: nothing installed, no partial file left", done)
+
     server.shutdown()
     shutil.rmtree(WORK, ignore_errors=True)
     if failures:

@@ -9,6 +9,8 @@
 #include "platform/sim/memory_defaults_store.h"
 
 #include <QApplication>
+#include <QPushButton>
+#include <QTimer>
 
 #include <cstdio>
 #include <cstring>
@@ -54,7 +56,7 @@ int main(int argc, char** argv) {
   std::string server, version = "1.0", key, exe;
   bool manual = false, qtAlerts = false;
   int answer = 0;
-  double maxMB = 0, startTimeout = 10;
+  double maxMB = 0, startTimeout = 10, cancelAfter = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     const auto next = [&] { return i + 1 < argc ? std::string(argv[++i]) : std::string(); };
@@ -76,8 +78,12 @@ int main(int argc, char** argv) {
       maxMB = std::stod(next());
     else if (a == "--start-timeout")
       startTimeout = std::stod(next());
+    else if (a == "--cancel-after")
+      cancelAfter = std::stod(next());
   }
   QApplication application(argc, argv);
+  // Like the desktop program: closing a window never ends the run.
+  QApplication::setQuitOnLastWindowClosed(false);
   platform::qt::QtMainLoop loop;
   platform::qt::QtHttp http;
   settings::Tunables tunables;
@@ -108,6 +114,23 @@ int main(int argc, char** argv) {
                                &alerts,
                                &target});
   const platform::Scheduled start = loop.post([&] { updates.check(manual); });
+  // Clicks the progress window's Cancel like a user would, then ends the run.
+  platform::Scheduled cancel;
+  if (cancelAfter > 0) {
+    cancel = loop.after(cancelAfter, [&loop] {
+      for (QWidget* window : QApplication::topLevelWidgets()) {
+        if (!window->isVisible()) continue;
+        for (QPushButton* button : window->findChildren<QPushButton*>()) {
+          if (button->text() == QStringLiteral("Cancel") && button->isEnabled()) {
+            std::printf("CANCEL\n");
+            std::fflush(stdout);
+            button->click();
+          }
+        }
+      }
+      QTimer::singleShot(2000, [&loop] { loop.quit(3); });
+    });
+  }
   // An automatic check that finds nothing says nothing: end the run after a while.
   const platform::Scheduled deadline = loop.after(30, [&loop] { loop.quit(2); });
   return loop.run();

@@ -14,18 +14,21 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <memory>
 #include <mutex>
 
 namespace tarry::platform::qt {
 namespace {
 
 /// One transfer, living on the networking thread.
-class Transfer final : public Download {
+class Transfer final : public Download, public std::enable_shared_from_this<Transfer> {
  public:
   void cancel() override {
     cancelled.store(true);
-    QMetaObject::invokeMethod(context, [reply = reply] {
-      if (reply) reply->abort();
+    // The reply is read on the networking thread: the request may not have been sent yet, and
+    // then it is aborted as soon as it is (see `cancelled` there).
+    QMetaObject::invokeMethod(context, [self = weak_from_this()] {
+      if (const auto transfer = self.lock(); transfer && transfer->reply) transfer->reply->abort();
     });
   }
 
