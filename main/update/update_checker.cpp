@@ -59,9 +59,18 @@ void UpdateChecker::finish(bool manual, const std::optional<Release>& release,
   }
   if (!available_ || available_->version != release->version) blocksSinceNudge_ = 0;
   available_ = release;
+  schedulePrefetch(*release);
+  // An automatic check asks at most once per `updateAskCooldownHours`; the nudges remind
+  // meanwhile. A manual check always answers.
+  const double now = deps_.loop.now();
+  const auto asked = deps_.store.get("updateAskLast");
+  if (!manual && asked && asked->is_number() &&
+      now - asked->get<double>() < deps_.tunables.real(T::updateAskCooldownHours) * 3600) {
+    return;
+  }
+  deps_.store.set("updateAskLast", now);
   deps_.count("update.offered", 1);
   deps_.log("update available " + release->version);
-  schedulePrefetch(*release);
   offer(*release);
 }
 

@@ -52,7 +52,8 @@ class UpdateChecker final {
   /// error text.
   void fetch(FetchDone done);
   /// Fetches, then runs the check flow on the main queue: a manual check always answers; an
-  /// automatic one speaks only when there is something to install.
+  /// automatic one speaks only when there is something to install, and then at most once per
+  /// `updateAskCooldownHours`.
   void check(bool manual);
   /// The offer alert; "Install and Restart" hands the release to `install`.
   void offer(const Release& release);

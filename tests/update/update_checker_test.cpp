@@ -141,7 +141,12 @@ TEST_F(UpdateCheckTest, TheOfferInstallsOrCountsLater) {
   EXPECT_EQ(counts["update.later"], 1);
   EXPECT_TRUE(installed.empty());
 
+  // Automatic checks do not ask again within the cooldown; a manual one does.
+  loop.advance(23 * 3600);
+  checkWith(false, R"({"version":"1.10","url":"https://h/t","sha256":"x"})");
+  EXPECT_EQ(alerts.shown.size(), 1U);
   checkWith(true, R"({"version":"1.10","url":"https://h/t","sha256":"x","notes":"Faster."})");
+  ASSERT_EQ(alerts.shown.size(), 2U);
   EXPECT_EQ(alerts.shown[1].informativeText, "You have 1.9.\n\nFaster.");
   EXPECT_EQ(installed, std::vector<std::string>{"1.10"});
   EXPECT_EQ(counts["update.offered"], 2);
@@ -176,6 +181,7 @@ TEST_F(UpdateCheckTest, NudgesEveryFewBlocksWithCooldownAndPerVersionCap) {
   checker.noteBlockedQuit();
   EXPECT_EQ(hud.flashes.size(), 2U);  // two per version
 
+  loop.advance(24 * 3600);
   checkWith(false, R"({"version":"2.1","url":"https://h/t","sha256":"x"})");
   checker.noteBlockedQuit();
   checker.noteBlockedQuit();
