@@ -27,6 +27,8 @@ packages=(
   # packaging: cpack DEB (dpkg-shlibdeps), launcher and metainfo validation
   dpkg-dev desktop-file-utils appstream
   fonts-dejavu-core
+  # updates: the test CA and https server for the installer test; unpacking release archives
+  openssl tar
   # screenshots of the HUD on Xvfb (scripts/hud-screenshot.sh)
   imagemagick xcompmgr
   # the tray: a private session bus and a StatusNotifier host written in Python for its test, an

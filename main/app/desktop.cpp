@@ -5,8 +5,10 @@
 #include "app/app_identity.h"
 #include "app/desktop_shell.h"
 #include "app/desktop_shell_wiring.h"
+#include "app/diagnostics_wiring.h"
 #include "app/session_backends.h"
 #include "app/store_notes.h"
+#include "app/update_wiring.h"
 #include "diagnostics/log.h"
 #include "diagnostics/telemetry_sender.h"
 #include "guard/careful_hold_policy.h"
@@ -15,6 +17,7 @@
 #include "platform/linux/desktop_entry_reader.h"
 #include "platform/linux/instance_lock.h"
 #include "platform/linux/linux_file_system.h"
+#include "platform/linux/linux_update_target.h"
 #include "platform/linux/proc_process_info.h"
 #include "platform/linux/pulse_audio.h"
 #include "platform/linux/pulse_sound.h"
@@ -165,10 +168,13 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   }
   const std::string& display = session.display;
 
-  // One copy per user and display: a second launch hands over to the first and ends.
+  // One copy per user and display: a second launch hands over to the first and ends. A copy
+  // started by an update is the exception: the old copy waits for it to run before it quits, so the
+  // new one takes the lock over once the old one has gone (below).
   platform::os::InstanceLock instance(platform::os::runtimeDirectory(), display);
   std::string error;
-  if (!instance.tryAcquire(error)) {
+  const bool startedByUpdate = std::getenv("TARRY_UPDATE_READY_FD") != nullptr;
+  if (!instance.tryAcquire(error) && !startedByUpdate) {
     if (!error.empty()) {
       std::fprintf(stderr, "tarry: %s\n", error.c_str());
       return 1;
@@ -207,6 +213,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   platform::os::LinuxFileSystem files;
   diagnostics::Log log(loop, files, store, tunables);
   const StoreNotes::Attached storeNotesLogged = storeNotes.attach(log);
+  const auto diagnostics = startDesktopDiagnostics(log, files, store, tunables);
   stats::Counters counters(store, loop);
 
   platform::os::DesktopEntryReader entries;
@@ -297,11 +304,44 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   menu.rescheduleRamSaver = [&actions] { actions.rescheduleRamSaver(); };
   actions.undo().onChange = [&shell] { shell.statusMenu().refreshRows(); };
 
+  // Logs and updates. Logging and the crash recorder started as soon as the log existed.
+  hooks.startLogging = [] {};
+  diagnostics->diagnostics.setSender(
+      {[&telemetry] { return telemetry.allowed(); },
+       [&telemetry](const std::string& kind, nlohmann::json payload, bool /*force*/,
+                    std::function<void(bool sent)> done) {
+         if (!telemetry.send(kind, payload, done)) done(false);
+       }});
+  hooks.logUploaderTurn = [&diagnostics](bool force) { diagnostics->diagnostics.uploadLogs(force); };
+  DesktopUpdates updates({loop, http, store, tunables, hud,
+                          [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); },
+                          [&log](const std::string& line) { log.log(line); }, [&loop] { loop.quit(0); },
+                          [&networkStatus] { return networkStatus.current().expensive; }, workspace.ownIcon(),
+                          server, TARRY_VERSION, DesktopUpdates::builtInKeyHex(), &alerts, nullptr});
+  hooks.automaticUpdateCheck = [&updates] { updates.check(false); };
+  hooks.updateNudgeCheck = [&updates] { updates.noteBlockedQuit(); };
+  menu.checkUpdates = [&updates] { updates.check(true); };
+
   platform::qt::QtHandOverServer handOver(
       [&delegate](const std::string& request) { return delegate.handOver(request); });
-  if (!handOver.listen(instance.socketPath(), error)) {
-    log.log("hand-over socket: " + error);
-    std::fprintf(stderr, "tarry: cannot listen at %s: %s\n", instance.socketPath().c_str(), error.c_str());
+  const auto listen = [&instance, &handOver, &log] {
+    std::string why;
+    if (handOver.listen(instance.socketPath(), why)) return;
+    log.log("hand-over socket: " + why);
+    std::fprintf(stderr, "tarry: cannot listen at %s: %s\n", instance.socketPath().c_str(), why.c_str());
+  };
+  platform::Scheduled takeOver;
+  if (instance.held()) {
+    listen();
+  } else {
+    // Started by an update while the old copy still runs: become the running copy once it quits.
+    constexpr double kTakeOverEverySec = 0.5;
+    takeOver = loop.every(kTakeOverEverySec, [&instance, &takeOver, &listen] {
+      std::string why;
+      if (!instance.tryAcquire(why)) return;
+      takeOver.cancel();
+      listen();
+    });
   }
 
   log.log("started on " + backends->description() + (options.loginLaunch ? " at login" : ""));
@@ -310,6 +350,8 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     QuitOnSignal quitOnSignal(loop);
     // NOTE: after the signal watcher: SIGTERM at logout must reach applicationWillTerminate.
     delegate.applicationDidFinishLaunching(options.loginLaunch);
+    // A copy started by an update says it runs once its loop does; until then the old copy waits.
+    const platform::Scheduled started = loop.post([] { platform::os::LinuxUpdateTarget::reportStarted(); });
     status = loop.run();
   }
   delegate.applicationWillTerminate();

@@ -65,6 +65,12 @@ class RecordingFiles final : public platform::FileSystem {
     return inner_.list(path);
   }
   [[nodiscard]] std::string newUUID() override { return inner_.newUUID(); }
+  [[nodiscard]] std::string stateDirectory() const override { return inner_.stateDirectory(); }
+  bool restrictToOwner(const std::string& path) override { return inner_.restrictToOwner(path); }
+  bool remove(const std::string& path) override { return inner_.remove(path); }
+  [[nodiscard]] std::optional<double> modified(const std::string& path) const override {
+    return inner_.modified(path);
+  }
 
  private:
   platform::FileSystem& inner_;

@@ -49,7 +49,7 @@ std::string Log::timestamp(double secondsSince1970) {
   return text;
 }
 
-Log::~Log() { loop_.serialQueue(kQueue).drain(); }
+Log::~Log() { queue().drain(); }
 
 void Log::log(std::string line) {
   // The moment is taken here, on the caller's thread: the record tells when the event happened,
@@ -57,8 +57,10 @@ void Log::log(std::string line) {
   std::string record = timestamp(loop_.now());
   record.reserve(record.size() + line.size() + 2);
   record.append(" ").append(line).append("\n");
-  loop_.serialQueue(kQueue).async([this, record = std::move(record)] { write(record); });
+  queue().async([this, record = std::move(record)] { write(record); });
 }
+
+platform::SerialQueue& Log::queue() { return loop_.serialQueue(kQueue); }
 
 std::string Log::directory() {
   if (const auto v = store_.get("logDir"); v && v->is_string()) {
@@ -71,12 +73,16 @@ std::string Log::directory() {
     name.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
     if (name.size() == 16) break;
   }
-  std::string dir = files_.tempDirectory();
+  const std::string root = files_.stateDirectory();
+  std::string dir = root;
   if (dir.empty() || dir.back() != '/') dir.push_back('/');
   dir += name;
   // A failure to create it is not an error here: the append below fails quietly, and the next
   // record tries again.
-  (void)files_.createDirectories(dir);
+  if (files_.createDirectories(dir)) {
+    (void)files_.restrictToOwner(root);
+    (void)files_.restrictToOwner(dir);
+  }
   store_.set("logDir", dir);
   return dir;
 }

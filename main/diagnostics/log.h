@@ -26,7 +26,12 @@ class Log final {
   void log(std::string line);
 
   /// Log queue only: the log directory, made anew when `logDir` is unset or does not exist.
+  /// A new one is a private (0700) directory with a random 16-character name inside this
+  /// program's state directory: the temporary directory is shared and emptied at boot.
   [[nodiscard]] std::string directory();
+
+  /// The serial "app.log" queue that every file operation of the log runs on.
+  [[nodiscard]] platform::SerialQueue& queue();
 
   /// 2026-11-14T21:18:42Z for a moment in seconds since 1970 (fractions dropped).
   [[nodiscard]] static std::string timestamp(double secondsSince1970);

@@ -66,7 +66,8 @@ nlohmann::json TelemetrySender::eventObject(const std::string& event, const nloh
   return object;
 }
 
-bool TelemetrySender::send(const std::string& event, const nlohmann::json& payload) {
+bool TelemetrySender::send(const std::string& event, const nlohmann::json& payload,
+                           std::function<void(bool accepted)> done) {
   if (!allowed()) return false;
   std::string body;
   try {
@@ -86,7 +87,12 @@ bool TelemetrySender::send(const std::string& event, const nlohmann::json& paylo
   }
   // NOTE: the completion runs on the networking thread and may outlive this sender; it holds
   // only the shared counter.
-  deps_.http.post(request, [inFlight = inFlight_](const platform::HttpResponse& /*response*/) {
+  deps_.http.post(request, [inFlight = inFlight_, done = std::move(done)](const platform::HttpResponse& response) {
+    if (done) {
+      constexpr int kOkFirst = 200;
+      constexpr int kOkLast = 299;
+      done(response.received && response.status >= kOkFirst && response.status <= kOkLast);
+    }
     const std::lock_guard lock(inFlight->mutex);
     if (inFlight->count > 0) --inFlight->count;
     if (inFlight->count == 0) inFlight->idle.notify_all();

@@ -59,8 +59,10 @@ class TelemetrySender final : public AppTelemetry {
   /// True when an event would be sent now.
   [[nodiscard]] bool allowed() const;
   /// Sends `event` with the snapshot and an extra `payload` (may be null). Returns at once; false
-  /// when nothing was sent (no consent, no server, paused).
-  bool send(const std::string& event, const nlohmann::json& payload = nullptr);
+  /// when nothing was sent (no consent, no server, paused). `done`, when given, hears on the
+  /// networking thread whether the server took it (a 2xx answer); it is not called after false.
+  bool send(const std::string& event, const nlohmann::json& payload = nullptr,
+            std::function<void(bool accepted)> done = {});
   /// Waits until every send so far has finished, at most `seconds`; true when none is left.
   bool waitForSends(double seconds);
   /// The random identifier of this installation, made and stored on first use.

@@ -36,6 +36,17 @@ class FileSystem {
       const std::string& path) const = 0;
   /// A new random UUID in its text form (8-4-4-4-12 hex digits).
   [[nodiscard]] virtual std::string newUUID() = 0;
+
+  /// This program's private state directory ($XDG_STATE_HOME/tarry, else ~/.local/state/tarry);
+  /// it survives a reboot, unlike the temporary directory.
+  [[nodiscard]] virtual std::string stateDirectory() const = 0;
+  /// Makes a file or directory readable and writable by its owner only (0600, or 0700 for a
+  /// directory); true on success.
+  virtual bool restrictToOwner(const std::string& path) = 0;
+  /// Removes a file (or an empty directory); true when it is gone afterwards.
+  virtual bool remove(const std::string& path) = 0;
+  /// Last modification in seconds since 1970; nothing when it cannot be read.
+  [[nodiscard]] virtual std::optional<double> modified(const std::string& path) const = 0;
 };
 
 }  // namespace tarry::platform

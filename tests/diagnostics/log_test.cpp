@@ -82,11 +82,15 @@ TEST_F(LogTest, WritesOnTheLogQueueWithTheCallersMoment) {
   EXPECT_EQ(loop.queues["app.log"].waiting(), 2U);
   loop.queues["app.log"].drain();
 
-  // A new directory: the first 16 characters of a dash-less, lower-cased UUID in the temp directory.
+  // A new private directory: the first 16 characters of a dash-less, lower-cased UUID in the
+  // program's state directory.
   const std::string path = dir();
-  ASSERT_EQ(path.size(), std::string("/tmp/").size() + 16);
-  EXPECT_EQ(path.rfind("/tmp/", 0), 0U);
-  EXPECT_EQ(path.find_first_not_of("0123456789abcdef", 5), std::string::npos) << path;
+  const std::string root = "/state/tarry/";
+  ASSERT_EQ(path.size(), root.size() + 16);
+  EXPECT_EQ(path.rfind(root, 0), 0U);
+  EXPECT_EQ(path.find_first_not_of("0123456789abcdef", root.size()), std::string::npos) << path;
+  EXPECT_TRUE(files.ownerOnly(path));
+  EXPECT_TRUE(files.ownerOnly("/state/tarry"));
   EXPECT_EQ(files.content(path + "/events.log"),
             "2026-11-14T21:18:42Z start tarry\n2026-11-14T21:18:47Z quit confirmed\n");
 }

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <cstdlib>
 #include <random>
 
 namespace tarry::platform::os {
@@ -132,6 +133,34 @@ std::string LinuxFileSystem::newUUID() {
     text.push_back(kHex[bytes[i] & 0x0f]);
   }
   return text;
+}
+
+std::string LinuxFileSystem::stateDirectory() const {
+  // XDG Base Directory: a relative $XDG_STATE_HOME is invalid and ignored.
+  if (const char* state = std::getenv("XDG_STATE_HOME"); state != nullptr && state[0] == '/') {
+    return std::string(state) + "/tarry";
+  }
+  const char* home = std::getenv("HOME");
+  if (home == nullptr || home[0] != '/') return tempDirectory() + "/tarry-state";
+  return std::string(home) + "/.local/state/tarry";
+}
+
+bool LinuxFileSystem::restrictToOwner(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return false;
+  return ::chmod(path.c_str(), S_ISDIR(info.st_mode) ? 0700 : 0600) == 0;
+}
+
+bool LinuxFileSystem::remove(const std::string& path) {
+  std::error_code ec;
+  fs::remove(path, ec);
+  return !fs::exists(fs::symlink_status(path, ec));
+}
+
+std::optional<double> LinuxFileSystem::modified(const std::string& path) const {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+  return static_cast<double>(info.st_mtim.tv_sec) + static_cast<double>(info.st_mtim.tv_nsec) / 1e9;
 }
 
 }  // namespace tarry::platform::os

@@ -17,6 +17,10 @@ class LinuxFileSystem final : public FileSystem {
                                                     std::uint64_t maxBytes) const override;
   [[nodiscard]] std::optional<std::vector<std::string>> list(const std::string& path) const override;
   [[nodiscard]] std::string newUUID() override;
+  [[nodiscard]] std::string stateDirectory() const override;
+  bool restrictToOwner(const std::string& path) override;
+  bool remove(const std::string& path) override;
+  [[nodiscard]] std::optional<double> modified(const std::string& path) const override;
 };
 
 }  // namespace tarry::platform::os

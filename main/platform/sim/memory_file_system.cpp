@@ -40,6 +40,7 @@ bool MemoryFileSystem::append(const std::string& path, std::string_view bytes) {
   const std::lock_guard lock(mutex_);
   if (failWrites || !parentExists(path) || dirs_.count(path) != 0) return false;
   files_[path].append(bytes);
+  stamps_[path] = ++clock_;
   return true;
 }
 
@@ -47,6 +48,7 @@ bool MemoryFileSystem::write(const std::string& path, std::string_view bytes) {
   const std::lock_guard lock(mutex_);
   if (failWrites || !parentExists(path) || dirs_.count(path) != 0) return false;
   files_[path] = std::string(bytes);
+  stamps_[path] = ++clock_;
   return true;
 }
 
@@ -93,6 +95,33 @@ std::string MemoryFileSystem::content(const std::string& path) const {
   const std::lock_guard lock(mutex_);
   const auto it = files_.find(path);
   return it == files_.end() ? std::string() : it->second;
+}
+
+bool MemoryFileSystem::restrictToOwner(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  if (files_.count(path) == 0 && dirs_.count(path) == 0) return false;
+  ownerOnly_.insert(path);
+  return true;
+}
+
+bool MemoryFileSystem::ownerOnly(const std::string& path) const {
+  const std::lock_guard lock(mutex_);
+  return ownerOnly_.count(path) != 0;
+}
+
+bool MemoryFileSystem::remove(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  if (failWrites) return files_.count(path) == 0;
+  files_.erase(path);
+  stamps_.erase(path);
+  return true;
+}
+
+std::optional<double> MemoryFileSystem::modified(const std::string& path) const {
+  const std::lock_guard lock(mutex_);
+  const auto it = stamps_.find(path);
+  if (it == stamps_.end()) return std::nullopt;
+  return it->second;
 }
 
 }  // namespace tarry::platform::sim

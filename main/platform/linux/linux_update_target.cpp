@@ -1,0 +1,249 @@
+#include "platform/linux/linux_update_target.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tarry::platform::os {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kReadyVariable = "TARRY_UPDATE_READY_FD";
+
+std::string safeVersion(const std::string& version) {
+  std::string out;
+  for (const char c : version) {
+    if (std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-' || c == '_' || c == '+')
+      out.push_back(c);
+  }
+  return out.empty() || out.find_first_not_of('.') == std::string::npos ? "unknown" : out;
+}
+
+bool isExecutableFile(const fs::path& path) {
+  std::error_code ec;
+  return fs::is_regular_file(path, ec) && ::access(path.c_str(), X_OK) == 0;
+}
+
+/// Runs argv and waits; the exit status, or -1 when it could not start.
+int runAndWait(const std::vector<std::string>& argv) {
+  std::vector<char*> args;
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  const pid_t child = ::fork();
+  if (child < 0) return -1;
+  if (child == 0) {
+    ::execvp(args[0], args.data());
+    ::_exit(127);
+  }
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool inPath(const std::string& program) {
+  const char* path = std::getenv("PATH");
+  std::string dirs = path != nullptr ? path : "/usr/bin:/bin";
+  std::size_t start = 0;
+  while (start <= dirs.size()) {
+    const auto colon = dirs.find(':', start);
+    const std::string dir =
+        dirs.substr(start, colon == std::string::npos ? std::string::npos : colon - start);
+    if (!dir.empty() && isExecutableFile(fs::path(dir) / program)) return true;
+    if (colon == std::string::npos) break;
+    start = colon + 1;
+  }
+  return false;
+}
+
+}  // namespace
+
+LinuxUpdateTarget::LinuxUpdateTarget(std::string executable, double startTimeoutSec)
+    : executable_(std::move(executable)), startTimeoutSec_(startTimeoutSec) {
+  std::error_code ec;
+  if (executable_.empty()) executable_ = fs::read_symlink("/proc/self/exe", ec).string();
+  const fs::path exe = fs::weakly_canonical(executable_, ec);
+  // <base>/<folder>/bin/tarry with <base>/current -> <folder>, in a folder the user may write.
+  const fs::path folder = exe.parent_path().parent_path();
+  const fs::path base = folder.parent_path();
+  const fs::path current = base / "current";
+  if (exe.parent_path().filename() == "bin" && fs::is_symlink(current, ec) &&
+      fs::weakly_canonical(current, ec) == folder && ::access(base.c_str(), W_OK) == 0) {
+    kind_ = InstallKind::selfContained;
+    base_ = base.string();
+    previous_ = folder.filename().string();
+  } else if (exe.string().rfind("/usr/", 0) == 0 && fs::exists("/var/lib/dpkg/info/tarry.list", ec)) {
+    kind_ = InstallKind::debianPackage;
+  }
+}
+
+std::string LinuxUpdateTarget::switchCurrent(const std::string& folderName) {
+  const fs::path link = fs::path(base_) / ".current.new";
+  ::unlink(link.c_str());
+  if (::symlink(folderName.c_str(), link.c_str()) != 0) return "Could not make the link to the new version.";
+  if (::rename(link.c_str(), (fs::path(base_) / "current").c_str()) != 0) {
+    ::unlink(link.c_str());
+    return "Could not switch to the new version.";
+  }
+  return "";
+}
+
+std::string LinuxUpdateTarget::installArchive(const std::string& archive, const std::string& version) {
+  if (kind_ != InstallKind::selfContained)
+    return "This copy of Tarry is not installed in a folder of its own.";
+  const std::string name = "tarry-" + safeVersion(version);
+  if (name == previous_) return "Tarry " + version + " is the version already running.";
+  std::string staging = base_ + "/.tarry-unpack-XXXXXX";
+  if (::mkdtemp(staging.data()) == nullptr)
+    return "Could not make a folder beside Tarry to unpack the update.";
+  std::error_code ec;
+  const auto cleanup = [&] { fs::remove_all(staging, ec); };
+  // GNU tar drops leading "/" and refuses members with "..", so nothing lands outside `staging`.
+  if (runAndWait({"tar", "-xf", archive, "-C", staging, "--no-same-owner"}) != 0) {
+    cleanup();
+    return "The update archive could not be unpacked.";
+  }
+  // The archive holds one folder with bin/tarry in it.
+  std::vector<fs::path> entries;
+  for (const auto& entry : fs::directory_iterator(staging, ec)) entries.push_back(entry.path());
+  if (entries.size() != 1 || !isExecutableFile(entries[0] / "bin" / "tarry")) {
+    cleanup();
+    return "The update archive does not hold a Tarry program.";
+  }
+  const fs::path target = fs::path(base_) / name;
+  fs::remove_all(target, ec);  // a copy left by an earlier, unfinished attempt; never the running one
+  if (::rename(entries[0].c_str(), target.c_str()) != 0) {
+    cleanup();
+    return "The new version could not be put in place.";
+  }
+  cleanup();
+  if (std::string error = switchCurrent(name); !error.empty()) {
+    fs::remove_all(target, ec);
+    return error;
+  }
+  installed_ = name;
+  return "";
+}
+
+std::string LinuxUpdateTarget::relaunch() {
+  const std::string exe = kind_ == InstallKind::selfContained ? base_ + "/current/bin/tarry" : executable_;
+  const auto rollback = [this](const std::string& why) {
+    if (kind_ == InstallKind::selfContained && !installed_.empty() && switchCurrent(previous_).empty()) {
+      // The copy that failed goes; the next update unpacks afresh.
+      std::error_code ec;
+      fs::remove_all(fs::path(base_) / installed_, ec);
+      installed_.clear();
+      return why + " Tarry went back to the version you had.";
+    }
+    return why;
+  };
+  int ready[2];
+  if (::pipe2(ready, O_CLOEXEC) != 0) return rollback("The new version could not be started.");
+  const pid_t child = ::fork();
+  if (child < 0) {
+    ::close(ready[0]);
+    ::close(ready[1]);
+    return rollback("The new version could not be started.");
+  }
+  if (child == 0) {
+    // Its own session, so that it outlives this process and its terminal.
+    ::setsid();
+    ::fcntl(ready[1], F_SETFD, 0);
+    ::setenv(kReadyVariable, std::to_string(ready[1]).c_str(), 1);
+    ::execl(exe.c_str(), exe.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(ready[1]);
+  std::string said;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(startTimeoutSec_);
+  while (said.find("ready") == std::string::npos) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) break;
+    pollfd wait{ready[0], POLLIN, 0};
+    const int n = ::poll(&wait, 1, static_cast<int>(left.count()));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    char buffer[64];
+    const ssize_t got = ::read(ready[0], buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;  // it closed the pipe, or died, without saying so
+    said.append(buffer, static_cast<std::size_t>(got));
+  }
+  ::close(ready[0]);
+  if (said.find("ready") == std::string::npos) {
+    int status = 0;
+    if (::waitpid(child, &status, WNOHANG) == 0) {
+      ::kill(child, SIGTERM);
+      ::waitpid(child, &status, 0);
+    }
+    return rollback("The new version did not start.");
+  }
+  // The copy that runs now and the one it replaced stay; older copies go.
+  if (kind_ == InstallKind::selfContained) {
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(base_, ec)) {
+      const std::string name = entry.path().filename().string();
+      if (name.rfind("tarry-", 0) == 0 && name != installed_ && name != previous_ &&
+          !fs::is_symlink(entry.path(), ec)) {
+        fs::remove_all(entry.path(), ec);
+      }
+    }
+  }
+  return "";
+}
+
+std::string LinuxUpdateTarget::installPackage(const std::string& package) {
+  if (!inPath("pkexec")) return "The system's installer cannot be asked for permission (pkexec is missing).";
+  const int status = runAndWait({"pkexec", "apt-get", "install", "-y", package});
+  switch (status) {
+    case 0:
+      return "";
+    case 126:
+      return "Authentication was dismissed.";
+    case 127:
+      return "No authentication agent is running, or this user may not install packages.";
+    default:
+      return "The package installer failed (exit status " + std::to_string(status) + ").";
+  }
+}
+
+void LinuxUpdateTarget::showInFolder(const std::string& path) {
+  const std::string folder = fs::path(path).parent_path().string();
+  // Detached twice over, so the file manager is neither waited for nor left as a zombie.
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (::fork() == 0) {
+      ::setsid();
+      ::execlp("xdg-open", "xdg-open", folder.c_str(), static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    ::_exit(0);
+  }
+  if (child > 0) {
+    int status = 0;
+    ::waitpid(child, &status, 0);
+  }
+}
+
+void LinuxUpdateTarget::reportStarted() {
+  const char* fd = std::getenv(kReadyVariable);
+  if (fd == nullptr) return;
+  const int n = std::atoi(fd);
+  ::unsetenv(kReadyVariable);
+  if (n < 3) return;
+  [[maybe_unused]] const ssize_t written = ::write(n, "ready\n", 6);
+  ::close(n);
+}
+
+}  // namespace tarry::platform::os

@@ -1,0 +1,47 @@
+#pragma once
+
+#include "platform/update_target.h"
+
+#include <string>
+
+namespace tarry::platform::os {
+
+/// Installs verified updates on Linux.
+///
+/// A self-contained install is a folder the user owns holding versioned copies and a `current`
+/// link: <base>/current -> tarry-1.4.2, the program at <base>/current/bin/tarry. An update is
+/// unpacked into <base>/tarry-<version> and `current` is switched with one rename, so the program
+/// is always either the old or the new copy. The new copy is started with the write end of a pipe
+/// in TARRY_UPDATE_READY_FD; until it writes "ready" there the old copy stays, and `current` goes
+/// back to it when the new one fails to start.
+/// A Debian package is handed to `pkexec apt-get install`.
+class LinuxUpdateTarget final : public UpdateTarget {
+ public:
+  /// `executable`: the running program's real path (empty: /proc/self/exe). `startTimeoutSec`:
+  /// how long a new copy has to report that it started.
+  explicit LinuxUpdateTarget(std::string executable = "", double startTimeoutSec = 20);
+
+  [[nodiscard]] InstallKind kind() const override { return kind_; }
+  std::string installArchive(const std::string& archive, const std::string& version) override;
+  std::string relaunch() override;
+  std::string installPackage(const std::string& package) override;
+  void showInFolder(const std::string& path) override;
+
+  /// In a newly started copy: tells the copy that started it that this one runs. Harmless when
+  /// this process was not started by an update.
+  static void reportStarted();
+
+ private:
+  [[nodiscard]] std::string switchCurrent(const std::string& folderName);
+
+  std::string executable_;
+  double startTimeoutSec_;
+  InstallKind kind_ = InstallKind::other;
+  /// Self-contained installs: the folder holding `current`, and the folder names it pointed to
+  /// before and after an update.
+  std::string base_;
+  std::string previous_;
+  std::string installed_;
+};
+
+}  // namespace tarry::platform::os

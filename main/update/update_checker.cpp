@@ -1,0 +1,136 @@
+#include "update/update_checker.h"
+
+#include <cmath>
+#include <utility>
+
+namespace tarry::update {
+
+using settings::T;
+
+void UpdateChecker::fetch(FetchDone done) {
+  if (deps_.serverURL.empty()) {
+    done(std::nullopt, std::string("No update server is configured."));
+    return;
+  }
+  platform::HttpRequest request;
+  request.url = deps_.serverURL + "/dl/tarry/latest.json";
+  request.headers = {{"User-Agent", "Tarry/" + deps_.runningVersion}};
+  request.cachePolicy = platform::CachePolicy::ignoreLocalCache;
+  request.timeoutSec = deps_.tunables.real(T::networkTimeoutSec);
+  deps_.http.get(request, [done = std::move(done)](const platform::HttpResponse& response) {
+    if (!response.received) {
+      done(std::nullopt, response.error.empty() ? std::string("no response") : response.error);
+      return;
+    }
+    auto release = response.status == 200 ? parseRelease(response.body) : std::nullopt;
+    if (!release) {
+      done(std::nullopt, std::string(kUnreadableFeed));
+      return;
+    }
+    done(std::move(release), std::nullopt);
+  });
+}
+
+void UpdateChecker::check(bool manual) {
+  std::weak_ptr<UpdateChecker*> weak = self_;
+  platform::MainLoop& loop = deps_.loop;
+  fetch([weak, &loop, manual](std::optional<Release> release, std::optional<std::string> error) {
+    loop.dispatchMain([weak, manual, release = std::move(release), error = std::move(error)] {
+      if (const auto self = weak.lock()) (*self)->finish(manual, release, error);
+    });
+  });
+}
+
+void UpdateChecker::finish(bool manual, const std::optional<Release>& release,
+                           const std::optional<std::string>& error) {
+  if (error || !release) {
+    const std::string why = error.value_or(kUnreadableFeed);
+    deps_.count("update.checkFailed", 1);
+    deps_.log("update check failed: " + why);
+    if (manual) deps_.alerts.runModal({"Couldn't check for updates", "Try again later.", {"OK"}});
+    return;
+  }
+  if (!isNewer(release->version, deps_.runningVersion)) {
+    if (manual) {
+      deps_.alerts.runModal(
+          {"Tarry is up to date", "You have the latest version (" + deps_.runningVersion + ").", {"OK"}});
+    }
+    return;
+  }
+  if (!available_ || available_->version != release->version) blocksSinceNudge_ = 0;
+  available_ = release;
+  schedulePrefetch(*release);
+  // An automatic check asks at most once per `updateAskCooldownHours`; the nudges remind
+  // meanwhile. A manual check always answers.
+  const double now = deps_.loop.now();
+  const auto asked = deps_.store.get("updateAskLast");
+  if (!manual && asked && asked->is_number() &&
+      now - asked->get<double>() < deps_.tunables.real(T::updateAskCooldownHours) * 3600) {
+    return;
+  }
+  deps_.store.set("updateAskLast", now);
+  deps_.count("update.offered", 1);
+  deps_.log("update available " + release->version);
+  offer(*release);
+}
+
+void UpdateChecker::offer(const Release& release) {
+  std::string informative = "You have " + deps_.runningVersion + ".";
+  if (!release.notes.empty()) informative += "\n\n" + release.notes;
+  const int answer = deps_.alerts.runModal(
+      {"Tarry " + release.version + " is available", informative, {"Install and Restart", "Later"}});
+  if (answer == 0) {
+    if (install) install(release);
+    return;
+  }
+  // "Later", and an alert closed without a button, both mean not now.
+  deps_.count("update.later", 1);
+}
+
+void UpdateChecker::schedulePrefetch(const Release& release) {
+  if (!prefetch || !deps_.tunables.flag(T::updatePrefetch)) return;
+  std::weak_ptr<UpdateChecker*> weak = self_;
+  prefetchTimer_ = deps_.loop.after(deps_.tunables.real(T::updatePrefetchDelaySec), [weak, release] {
+    const auto self = weak.lock();
+    if (!self) return;
+    UpdateChecker& checker = **self;
+    if (checker.deps_.tunables.flag(T::updatePrefetchAvoidMetered) && checker.metered && checker.metered()) {
+      checker.deps_.log("update prefetch skipped: metered network");
+      return;
+    }
+    checker.deps_.log("update prefetch " + release.version);
+    checker.prefetch(release);
+  });
+}
+
+void UpdateChecker::noteBlockedQuit() {
+  if (!available_ || deps_.tunables.flag(T::updateNudgePaused)) return;
+  ++blocksSinceNudge_;
+  if (blocksSinceNudge_ < deps_.tunables.integer(T::updateNudgeBlocks)) return;
+
+  const double now = deps_.loop.now();
+  const auto last = deps_.store.get("updateNudgeLast");
+  if (last && last->is_number() &&
+      now - last->get<double>() < deps_.tunables.real(T::updateNudgeCooldownHours) * 3600) {
+    return;
+  }
+  // The count per version lives with the version it counts.
+  const auto version = deps_.store.get("updateNudgeVersion");
+  const auto shown = deps_.store.get("updateNudgeCount");
+  std::int64_t count = 0;
+  if (version && version->is_string() && version->get<std::string>() == available_->version && shown &&
+      shown->is_number_integer()) {
+    count = shown->get<std::int64_t>();
+  }
+  if (count >= deps_.tunables.integer(T::updateNudgeMaxPerVersion)) return;
+
+  blocksSinceNudge_ = 0;
+  deps_.store.set("updateNudgeLast", now);
+  deps_.store.set("updateNudgeVersion", available_->version);
+  deps_.store.set("updateNudgeCount", count + 1);
+  deps_.count("update.nudged", 1);
+  deps_.hud.flash(deps_.tunables.text(T::updateNudgeText), deps_.icon,
+                  deps_.tunables.real(T::updateNudgeBannerSec));
+}
+
+}  // namespace tarry::update

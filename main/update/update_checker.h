@@ -1,0 +1,89 @@
+#pragma once
+
+#include "guard/hud_display.h"
+#include "platform/alerts.h"
+#include "platform/defaults_store.h"
+#include "platform/http.h"
+#include "platform/main_loop.h"
+#include "settings/tunables.h"
+#include "update/release.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tarry::update {
+
+/// What the update check needs from the rest of the program.
+struct UpdateCheckDeps {
+  platform::MainLoop& loop;
+  platform::Http& http;
+  platform::Alerts& alerts;
+  platform::DefaultsStore& store;
+  const settings::Tunables& tunables;
+  guard::HudDisplay& hud;
+  /// The counter add ("update.checkFailed", …).
+  std::function<void(std::string_view name, std::int64_t amount)> count;
+  /// One line to the event log.
+  std::function<void(std::string line)> log;
+  /// The maker's server ("https://host[:port]"); empty when none is configured.
+  std::string serverURL;
+  /// The running version ("1.4.2").
+  std::string runningVersion;
+  /// The program's icon for the nudge banner.
+  platform::Icon icon;
+};
+
+/// The release feed, the check flow with its alerts, the update nudges and the prefetch.
+/// NOTE: main thread only, except the fetch completion, which runs on the networking thread and
+/// only parses before it hops to the main queue.
+class UpdateChecker final {
+ public:
+  using FetchDone = std::function<void(std::optional<Release> release, std::optional<std::string> error)>;
+
+  explicit UpdateChecker(UpdateCheckDeps deps) : deps_(std::move(deps)) {}
+  UpdateChecker(const UpdateChecker&) = delete;
+  UpdateChecker& operator=(const UpdateChecker&) = delete;
+
+  /// GET "/dl/tarry/latest.json"; `done` runs on the networking thread with the release or the
+  /// error text.
+  void fetch(FetchDone done);
+  /// Fetches, then runs the check flow on the main queue: a manual check always answers; an
+  /// automatic one speaks only when there is something to install, and then at most once per
+  /// `updateAskCooldownHours`.
+  void check(bool manual);
+  /// The offer alert; "Install and Restart" hands the release to `install`.
+  void offer(const Release& release);
+  /// The check flow itself, on the main thread (what `check` runs once the feed is in).
+  void finish(bool manual, const std::optional<Release>& release, const std::optional<std::string>& error);
+
+  /// After a blocked quit: shows the update nudge banner every `updateNudgeBlocks` blocked quits
+  /// while a newer version is known, at most `updateNudgeMaxPerVersion` times per version and
+  /// not within `updateNudgeCooldownHours` of the last one.
+  void noteBlockedQuit();
+
+  /// The newest release found newer than the running version, if any.
+  [[nodiscard]] const std::optional<Release>& available() const { return available_; }
+
+  /// Starts the download and install of a release (the installer).
+  std::function<void(const Release&)> install;
+  /// Downloads and verifies a release ahead of the offer; empty: no prefetch.
+  std::function<void(const Release&)> prefetch;
+  /// True on a metered (expensive or constrained) network.
+  std::function<bool()> metered;
+
+ private:
+  void schedulePrefetch(const Release& release);
+
+  UpdateCheckDeps deps_;
+  std::optional<Release> available_;
+  std::int64_t blocksSinceNudge_ = 0;
+  platform::Scheduled prefetchTimer_;
+  /// Completions queued for the main thread do nothing once this object is gone.
+  std::shared_ptr<UpdateChecker*> self_ = std::make_shared<UpdateChecker*>(this);
+};
+
+}  // namespace tarry::update
