@@ -143,7 +143,7 @@ def probe(root, port, key, ca, *extra):
     state = tempfile.mkdtemp(dir=WORK, prefix="state-")
     env = dict(os.environ, SSL_CERT_FILE=ca, XDG_STATE_HOME=state)
     done = subprocess.run([PROBE, "--server", "https://127.0.0.1:%d" % port, "--version", "1.0", "--key", key,
-                           "--exe", os.path.join(root, "current", "bin", "tarry"), "--start-timeout", "5", *extra],
+                           "--exe", os.path.join(root, "current", "bin", "tarry"), "--start-timeout", "15", *extra],
                           capture_output=True, text=True, env=env, timeout=120)
     downloads = []
     for base, _, names in os.walk(os.path.join(state, "tarry", "updates")):
