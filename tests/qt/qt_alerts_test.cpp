@@ -15,14 +15,14 @@ namespace tarry::platform::qt {
 namespace {
 
 /// Runs `act` on the alert once it is up, then returns what runModal answered.
-int answer(const AlertSpec& spec, const std::function<void(QMessageBox&)>& act) {
+int answer(const AlertSpec& shown, const std::function<void(QMessageBox&)>& act) {
   QTimer::singleShot(0, [act] {
     auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
     ASSERT_NE(box, nullptr) << "the alert is modal";
     act(*box);
   });
   QtAlerts alerts;
-  return alerts.runModal(spec);
+  return alerts.runModal(shown);
 }
 
 QStringList buttonTitles(const QMessageBox& box) {
@@ -32,11 +32,11 @@ QStringList buttonTitles(const QMessageBox& box) {
 }
 
 TEST(QtAlerts, ShowsTheTextsAndAnswersTheButtonIndex) {
-  const AlertSpec spec{"Quit 2 apps?", "Firefox and Mousepad will quit.", {"Quit Them", "Cancel"}};
+  const AlertSpec shown{"Quit 2 apps?", "Firefox and Mousepad will quit.", {"Quit Them", "Cancel"}};
   QString text;
   QString informative;
   QStringList titles;
-  const int clickedSecond = answer(spec, [&](QMessageBox& box) {
+  const int clickedSecond = answer(shown, [&](QMessageBox& box) {
     text = box.text();
     informative = box.informativeText();
     titles = buttonTitles(box);
@@ -47,15 +47,15 @@ TEST(QtAlerts, ShowsTheTextsAndAnswersTheButtonIndex) {
   EXPECT_TRUE(titles.contains("Quit Them") && titles.contains("Cancel")) << titles.join(",").toStdString();
   EXPECT_EQ(clickedSecond, 1);
 
-  EXPECT_EQ(answer(spec, [](QMessageBox& box) { QTest::keyClick(&box, Qt::Key_Return); }), 0)
+  EXPECT_EQ(answer(shown, [](QMessageBox& box) { QTest::keyClick(&box, Qt::Key_Return); }), 0)
       << "Return presses the first button";
-  EXPECT_EQ(answer(spec, [](QMessageBox& box) { QTest::keyClick(&box, Qt::Key_Escape); }), 1)
+  EXPECT_EQ(answer(shown, [](QMessageBox& box) { QTest::keyClick(&box, Qt::Key_Escape); }), 1)
       << "Escape presses Cancel";
 }
 
 TEST(QtAlerts, ClosingWithoutAButtonAnswersMinusOne) {
-  const AlertSpec spec{"Reset all settings?", "", {"Reset", "Keep"}};
-  EXPECT_EQ(answer(spec, [](QMessageBox& box) { box.done(0); }), -1);
+  const AlertSpec shown{"Reset all settings?", "", {"Reset", "Keep"}};
+  EXPECT_EQ(answer(shown, [](QMessageBox& box) { box.done(0); }), -1);
 }
 
 }  // namespace
