@@ -9,6 +9,8 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <csignal>
+#include <fstream>
 #include <memory>
 #include <string_view>
 #include <thread>
@@ -271,6 +273,16 @@ std::uint64_t ProcProcessInfo::monotonicNs() {
 void ProcProcessInfo::sleepFor(double milliseconds) {
   if (milliseconds <= 0) return;
   std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(milliseconds));
+}
+
+bool processEnded(std::int32_t pid) {
+  if (pid <= 0) return true;
+  if (kill(pid, 0) != 0 && errno == ESRCH) return true;
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(stat, line)) return true;
+  const std::size_t paren = line.rfind(')');
+  return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] == 'Z';
 }
 
 }  // namespace tarry::platform::os

@@ -60,4 +60,8 @@ class ProcProcessInfo final : public ProcessInfo {
   std::map<std::int32_t, std::vector<std::int32_t>> scanChildren_;
 };
 
+/// True when process `pid` has ended: it no longer exists, or it is a zombie that only its parent
+/// has not collected yet. Every pid ≤ 0 counts as ended.
+[[nodiscard]] bool processEnded(std::int32_t pid);
+
 }  // namespace tarry::platform::os

@@ -1,6 +1,7 @@
 #include "platform/x11/x11_workspace.h"
 
 #include "platform/linux/desktop_identifiers.h"
+#include "platform/linux/proc_process_info.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -383,14 +384,7 @@ bool X11Workspace::terminate(const RunningApp& app) {
 }
 
 bool X11Workspace::isTerminated(std::int32_t pid) {
-  if (pid <= 0) return true;
-  if (kill(pid, 0) != 0 && errno == ESRCH) return true;
-  // A zombie has ended; only its parent has not collected it yet.
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!std::getline(stat, line)) return true;
-  const std::size_t paren = line.rfind(')');
-  return paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] == 'Z';
+  return os::processEnded(pid);
 }
 
 std::int32_t X11Workspace::ownPid() const { return static_cast<std::int32_t>(getpid()); }
