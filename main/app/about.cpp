@@ -13,7 +13,8 @@ platform::AboutTexts aboutTexts(const std::string& serverURL) {
                      std::string(guard::keysText(guard::Shortcut::close)) + " and " +
                      std::string(guard::keysText(guard::Shortcut::logout)) +
                      ": hold the keys, or press them twice, to go through.";
-  info.licence = "Free software under the MIT License, without any warranty.";
+  // NOTE: the same licence as the AppStream metainfo (LicenseRef-proprietary).
+  info.licence = "Proprietary software; all rights reserved. Provided without any warranty.";
   if (!serverURL.empty()) info.server = "Server: " + serverURL;
   info.icon = "tarry";
   return info;

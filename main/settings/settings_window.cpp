@@ -35,7 +35,7 @@ platform::SettingsTexts settingsTexts() {
       {"styleIndex", "To confirm:"},
       {"holdSeconds", "Hold " + quit + " for:"},
       {"closeHoldIndex", "Hold " + close + " (close window):"},
-      {"logoutHoldIndex", "Hold " + logout + " (log out):"},
+      {"logoutHoldIndex", "Hold " + logout + " (sent to the app):"},
       {"showHUD", "Show the progress panel while holding"},
       {"playSound", "Play a sound when an app quits"},
       {"unsavedWarn", "Warn and hold longer when an app has unsaved work"},
