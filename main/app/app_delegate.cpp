@@ -373,7 +373,8 @@ bool AppDelegate::applicationShouldHandleReopen() {
     consent_.show();
     return true;
   }
-  deps_.telemetry.send("reopened");
+  // "reopened" is the Recently Quit list's event; launching the program again while it runs is this one.
+  deps_.telemetry.send("launchedAgain");
   const double now = deps_.loop.uptime();
   const bool modal = hooks_.modalWindowUp && hooks_.modalWindowUp();
   if (!modal && now >= presenter_.ignoreReopenUntil &&

@@ -299,7 +299,10 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   ShellHooks& menu = shell.hooks();
   menu.undoTitle = [&actions] { return actions.currentUndoTitle(); };
   menu.undoQuit = [&actions] { actions.undoLast(); };
-  menu.reopenRecent = [&actions](const std::string& path) { actions.reopenRecent(path); };
+  menu.reopenRecent = [&actions, &telemetry](const std::string& path) {
+    actions.reopenRecent(path);
+    telemetry.send("reopened");
+  };
   menu.quitOthers = [&actions] { actions.quitOthers(); };
   menu.rescheduleRamSaver = [&actions] { actions.rescheduleRamSaver(); };
   actions.undo().onChange = [&shell] { shell.statusMenu().refreshRows(); };
