@@ -104,6 +104,21 @@ class RecordingActivity final : public platform::Activity {
   Journal& journal_;
 };
 
+/// The per-app records of the usage events, writing each event sent to the transcript.
+class RecordingTelemetry final : public diagnostics::AppTelemetry {
+ public:
+  RecordingTelemetry(const platform::Workspace& workspace, Journal& journal) : inner_(workspace), journal_(journal) {}
+  void recordAppSeen(const std::string& bundleID, std::string_view kind) override {
+    inner_.recordAppSeen(bundleID, kind);
+  }
+  [[nodiscard]] std::string category(const platform::RunningApp& app) override { return inner_.category(app); }
+  void event(const std::string& name) override { journal_.add("telemetry " + name); }
+
+ private:
+  diagnostics::BasicAppTelemetry inner_;
+  Journal& journal_;
+};
+
 /// A HUD that only records what it was asked to show.
 class RecordingHud final : public guard::HudDisplay {
  public:
@@ -179,7 +194,7 @@ struct SimWorld {
   /// Careful mode on simulated processes, sound and windows (`careful on`).
   CarefulSim careful{prefs, tunables, sim.loop, sim.workspace, counters, sim.journal};
   diagnostics::Log log{sim.loop, files, store, tunables};
-  diagnostics::BasicAppTelemetry telemetry{sim.workspace};
+  RecordingTelemetry telemetry{sim.workspace, sim.journal};
   /// Made by the `start` command.
   std::unique_ptr<guard::Guard> guard;
   /// Answers for alerts, in the order they will be asked for.

@@ -19,6 +19,9 @@ class AppTelemetry {
   virtual void recordAppSeen(const std::string& bundleID, std::string_view kind) = 0;
   /// The app's category word ("browser", "terminal", …).
   [[nodiscard]] virtual std::string category(const platform::RunningApp& app) = 0;
+  /// Sends the usage event `name` ("unsaved", "busy": a hold was lengthened for that reason).
+  /// Senders that send nothing ignore it.
+  virtual void event(const std::string& name) { (void)name; }
 };
 
 }  // namespace tarry::diagnostics

@@ -73,6 +73,7 @@ class TelemetrySender final : public AppTelemetry {
 
   void recordAppSeen(const std::string& bundleID, std::string_view kind) override;
   [[nodiscard]] std::string category(const platform::RunningApp& app) override;
+  void event(const std::string& name) override { send(name); }
 
  private:
   struct InFlight {

@@ -400,6 +400,7 @@ void Guard::startBackgroundChecks(const RunningApp& app, std::int64_t serial) {
       loop->dispatchMain([alive, this, serial] {
         if (alive.expired() || !armed || serial != holdSerial) return;
         deps_.counters.add("unsaved");
+        deps_.telemetry.event("unsaved");
         extendHold(serial, deps_.tunables.real(T::unsavedMultiplier), {"Unsaved work"});
       });
     });
@@ -412,6 +413,7 @@ void Guard::startBackgroundChecks(const RunningApp& app, std::int64_t serial) {
       loop->dispatchMain([alive, this, serial, reasons = std::move(reasons)] {
         if (alive.expired() || !armed || serial != holdSerial) return;
         deps_.counters.add("busy");
+        deps_.telemetry.event("busy");
         extendHold(serial, deps_.tunables.real(T::busyMultiplier), reasons);
       });
     });
