@@ -26,6 +26,7 @@ DesktopShell::DesktopShell(ShellDeps deps, ShellHooks hooks, int waitForTrayHost
   StatusMenuHooks m;
   m.tapInstalled = [this] { return hooks_.tapActive && hooks_.tapActive(); };
   m.tapProblem = [this] { return hooks_.tapProblem ? hooks_.tapProblem() : std::string(); };
+  m.guardProblem = [this] { return hooks_.guardProblem ? hooks_.guardProblem() : std::string(); };
   m.undoTitle = [this] { return hooks_.undoTitle ? hooks_.undoTitle() : std::nullopt; };
   m.refreshSettings = [this] {
     // The switch changed `enabled`: everything that shows it follows.
@@ -100,6 +101,7 @@ void DesktopShell::showSettings() {
     settings::SettingsWindowHooks h;
     h.tapActive = [this] { return hooks_.tapActive && hooks_.tapActive(); };
     h.tapProblem = [this] { return hooks_.tapProblem ? hooks_.tapProblem() : std::string(); };
+    h.guardProblem = [this] { return hooks_.guardProblem ? hooks_.guardProblem() : std::string(); };
     h.openRules = [this] { menu_->chose(platform::MenuRow::rules); };
     h.openStats = [this] { menu_->chose(platform::MenuRow::stats); };
     h.checkNow = [this] { menu_->chose(platform::MenuRow::checkUpdates); };

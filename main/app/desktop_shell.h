@@ -54,6 +54,7 @@ struct ShellHooks {
   /// The keyboard guard has its grabs in place, and why not.
   std::function<bool()> tapActive;
   std::function<std::string()> tapProblem;
+  std::function<std::string()> guardProblem;
   /// The Settings logic (absent before the launch sequence has run).
   std::function<settings::SettingsController*()> settingsController;
   /// Menu actions that belong to the application: they count, stamp the window presenter and

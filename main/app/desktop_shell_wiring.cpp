@@ -46,6 +46,7 @@ void wireDesktopShell(AppDelegate& delegate, DesktopShell& shell, platform::Even
   ShellHooks& s = shell.hooks();
   s.tapActive = [&delegate] { return delegate.tapActive(); };
   s.tapProblem = [&tap] { return tap.lastError(); };
+  s.guardProblem = [&delegate] { return delegate.guardian().state().problem; };
   s.settingsController = [&delegate] { return delegate.settings(); };
   s.openSettings = [&delegate] { delegate.openSettings(); };
   s.openStats = [&delegate] { delegate.openStats(); };

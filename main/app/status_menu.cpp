@@ -53,6 +53,9 @@ std::string headerText(bool tapInstalled, const std::string& tapProblem, bool pa
                        bool pressTwice, double holdSeconds) {
   const std::string keys(guard::keysText(guard::Shortcut::quit));
   if (!tapInstalled) return tapProblem.empty() ? "Keyboard guard off" : "Keyboard guard off: " + tapProblem;
+  // The grabs are in place, yet the guard cannot tell which app a press is for (no window manager
+  // announces the active window, the display went away).
+  if (!tapProblem.empty()) return "Keyboard guard not working: " + tapProblem;
   if (paused) return "Paused";
   if (!enabled) return "Off";
   if (pressTwice) return "Active, press " + keys + " twice";
@@ -175,7 +178,8 @@ void StatusMenu::refreshStatus() {
   refreshCounterTitle();
 
   const bool tap = hooks_.tapInstalled ? hooks_.tapInstalled() : false;
-  const std::string problem = (!tap && hooks_.tapProblem) ? hooks_.tapProblem() : std::string();
+  const auto& why = tap ? hooks_.guardProblem : hooks_.tapProblem;
+  const std::string problem = why ? why() : std::string();
   setRow(MenuRow::header,
          rowState(headerText(tap, problem, lastPaused, enabled, prefs.pressTwice(), prefs.holdSeconds()),
                   true, false));

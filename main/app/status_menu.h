@@ -22,6 +22,8 @@ struct StatusMenuHooks {
   std::function<bool()> tapInstalled;
   /// Why the keyboard guard is not working, in a few words ("" when unknown).
   std::function<std::string()> tapProblem;
+  /// Why the guard, with its grabs in place, cannot work now ("" while it works).
+  std::function<std::string()> guardProblem;
   /// Undo Quit's title for its current record ("Undo Quit Mail", "Undo Quit 3 Apps"); nothing
   /// when there is nothing to undo (the row is hidden then).
   std::function<std::optional<std::string>()> undoTitle;
@@ -44,7 +46,7 @@ struct StatusMenuHooks {
 };
 
 /// "Active, hold Ctrl+Q 2s" and the other states of the header row. `tapProblem` says why the
-/// keyboard guard is off.
+/// keyboard guard is off, or, with the grabs in place, why it cannot work.
 [[nodiscard]] std::string headerText(bool tapInstalled, const std::string& tapProblem, bool paused,
                                      bool enabled, bool pressTwice, double holdSeconds);
 /// "3 accidental quits blocked · 1 today".

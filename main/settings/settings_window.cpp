@@ -71,7 +71,12 @@ platform::SettingsTexts settingsTexts() {
 
 platform::GuardStatus guardStatus(bool working, const std::string& problem) {
   // Which combinations it guards is up to the settings above; this line only says it works.
-  if (working) return {true, "Keyboard guard on", ""};
+  if (working && problem.empty()) return {true, "Keyboard guard on", ""};
+  if (working) {
+    return {false, "Keyboard guard not working: " + problem,
+            "Tarry needs a window manager that tells which window is active (EWMH), as GNOME, KDE "
+            "Plasma, Xfce and openbox do. It starts working by itself as soon as one runs."};
+  }
   return {false, problem.empty() ? "Keyboard guard off" : "Keyboard guard off: " + problem,
           "Tarry keeps trying by itself. It needs an X11 session; if another program uses one of the "
           "shortcuts, free it there or in your desktop's keyboard settings."};
@@ -100,7 +105,8 @@ void SettingsWindow::refresh() {
   const platform::SettingsControls c = controller_.controls();
   view_->setControls(c, holdValueText(c.holdSeconds));
   const bool working = hooks_.tapActive ? hooks_.tapActive() : false;
-  view_->setGuardStatus(guardStatus(working, (!working && hooks_.tapProblem) ? hooks_.tapProblem() : ""));
+  const auto& why = working ? hooks_.guardProblem : hooks_.tapProblem;
+  view_->setGuardStatus(guardStatus(working, why ? why() : ""));
 }
 
 void SettingsWindow::show() {

@@ -15,6 +15,8 @@ struct SettingsWindowHooks {
   std::function<bool()> tapActive;
   /// Why it has not, in a few words.
   std::function<std::string()> tapProblem;
+  /// Why the guard, with its grabs in place, cannot work now ("" while it works).
+  std::function<std::string()> guardProblem;
   std::function<void()> openRules;
   std::function<void()> openStats;
   /// "Check Now" of the update section.

@@ -44,6 +44,7 @@ class SettingsWindowTest : public ::testing::Test {
     SettingsWindowHooks hooks;
     hooks.tapActive = [this] { return tap; };
     hooks.tapProblem = [] { return std::string("Ctrl+Q is taken by another program"); };
+    hooks.guardProblem = [this] { return guardProblem; };
     hooks.openStats = [this] { trace.push_back("stats"); };
     hooks.log = [this](const std::string& line) { trace.push_back("log " + line); };
     window = std::make_unique<SettingsWindow>(std::move(owned), controller, std::move(hooks));
@@ -58,6 +59,7 @@ class SettingsWindowTest : public ::testing::Test {
                                 SettingsHooks{{}, {}, {}, {}, {}, [this] { trace.push_back("change"); }}};
   RecordingSettingsView* view = nullptr;
   bool tap = true;
+  std::string guardProblem;
   std::unique_ptr<SettingsWindow> window;
 };
 
@@ -124,6 +126,13 @@ TEST_F(SettingsWindowTest, ResetAsksAndGuardTroubleIsExplained) {
   EXPECT_FALSE(store.get("holdSeconds").has_value());
   EXPECT_TRUE(store.get("appModes").has_value());
   EXPECT_EQ(view->controls.holdSeconds, 2.0);
+
+  // Grabs in place, but no window manager says which app is active.
+  guardProblem = "no EWMH window manager is running";
+  window->refresh();
+  EXPECT_FALSE(view->status.working);
+  EXPECT_EQ(view->status.text, "Keyboard guard not working: no EWMH window manager is running");
+  EXPECT_FALSE(view->status.help.empty());
 
   tap = false;
   window->refresh();

@@ -52,6 +52,8 @@ TEST(StatusMenuTexts, HeaderNamesEveryStateWithTheMissingGuardFirst) {
   const std::string why = "Ctrl+Q is taken by another program";
   EXPECT_EQ(headerText(false, why, true, true, false, 2.0), "Keyboard guard off: " + why);
   EXPECT_EQ(headerText(false, "", false, true, false, 2.0), "Keyboard guard off");
+  EXPECT_EQ(headerText(true, "no EWMH window manager is running", true, true, false, 2.0),
+            "Keyboard guard not working: no EWMH window manager is running");
   EXPECT_EQ(headerText(true, "", true, false, false, 2.0), "Paused");
   EXPECT_EQ(headerText(true, "", false, false, true, 2.0), "Off");
   EXPECT_EQ(headerText(true, "", false, true, true, 2.0), "Active, press Ctrl+Q twice");

@@ -211,6 +211,13 @@ def main():
         watcher = Watcher(bus)
         today_saved = "2"
     elif kind == "tarry":
+        # The real program wants a window manager that announces the active window, as every
+        # desktop has; without one its menu rightly says the guard is not working.
+        window_manager = subprocess.Popen(["openbox"], env=env, stdout=subprocess.DEVNULL,
+                                          stderr=subprocess.DEVNULL)
+        wait_for("the window manager", lambda: subprocess.run(
+            ["xprop", "-root", "_NET_SUPPORTING_WM_CHECK"], env=env, capture_output=True,
+            text=True).stdout.find("window id") >= 0)
         demo = Tarry(binary, env)
         today_saved = "0"
     else:
@@ -272,6 +279,9 @@ def main():
         else:
             demo.proc.terminate()
             demo.proc.wait()
+        if kind == "tarry":
+            window_manager.terminate()
+            window_manager.wait()
         server.terminate()
         server.wait()
 

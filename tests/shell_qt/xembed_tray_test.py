@@ -55,7 +55,8 @@ def main():
         name = os.path.basename(demo_bin)
         procs.append(subprocess.Popen([demo_bin, "--wait-ms", "0"], env=env, stdout=subprocess.DEVNULL,
                                       stderr=subprocess.DEVNULL))
-        for _ in range(100):
+        # Up to about 30 s: a loaded machine starts Qt programs slowly.
+        for _ in range(300):
             if any('"%s"' % name in tree(env, w) for w in
                    subprocess.run(["xdotool", "search", "--class", "trayer"], env=env,
                                   capture_output=True, text=True).stdout.split()):
