@@ -6,6 +6,7 @@
 #include "platform/qt/qt_small_windows.h"
 #include "platform/qt/qt_stats_window.h"
 #include "platform/qt/qt_status_item.h"
+#include "platform/qt/qt_window_shortcuts.h"
 #include "settings/app_list_controller.h"
 #include "settings/app_rules.h"
 #include "settings/preferences.h"
@@ -141,6 +142,17 @@ void DesktopShell::showRules() {
         [model](const settings::AppListController::Rules& r) { model->setRules(r); }, model->extras());
   }
   rules_->show();
+}
+
+void DesktopShell::setUpWindowShortcuts() {
+  if (shortcuts_) return;
+  shortcuts_ = std::make_unique<platform::qt::QtWindowShortcuts>(platform::qt::QtWindowShortcuts::Actions{
+      [this] {
+        if (hooks_.openSettings) hooks_.openSettings();
+      },
+      [this] {
+        if (hooks_.quit) hooks_.quit();
+      }});
 }
 
 void DesktopShell::showAbout() {

@@ -20,6 +20,7 @@ namespace tarry::platform::qt {
 class QtAboutWindow;
 class QtClipboard;
 class QtStatusItem;
+class QtWindowShortcuts;
 }  // namespace tarry::platform::qt
 
 namespace tarry::settings {
@@ -102,6 +103,9 @@ class DesktopShell final {
   void whenNoTray(std::function<void()> fallback);
   /// True while a modal alert or dialog of the program is up.
   [[nodiscard]] static bool modalWindowUp();
+  /// The keyboard shortcuts of the program's own windows (Ctrl+, for Settings, Ctrl+Q to quit),
+  /// which stand in for an application menu bar. Once; later calls do nothing.
+  void setUpWindowShortcuts();
 
   [[nodiscard]] ShellHooks& hooks() { return hooks_; }
 
@@ -119,6 +123,7 @@ class DesktopShell final {
   std::unique_ptr<settings::AppRules> appRules_;
   std::unique_ptr<settings::AppListController> rules_;
   std::unique_ptr<platform::qt::QtAboutWindow> about_;
+  std::unique_ptr<platform::qt::QtWindowShortcuts> shortcuts_;
   int waitForTrayHostMs_;
   platform::Scheduled trayCheck_;
 };

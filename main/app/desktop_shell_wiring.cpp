@@ -63,6 +63,7 @@ void wireDesktopShell(AppDelegate& delegate, DesktopShell& shell, platform::Even
   // they fill these, the rows say "nothing to undo" and the others write a log line.
 
   AppHooks& h = delegate.hooks();
+  h.setUpMainMenu = [&shell] { shell.setUpWindowShortcuts(); };
   h.setUpStatusItem = [&shell, &delegate, log] {
     shell.statusMenu().refreshStatus();
     // With no tray on this desktop at all, Settings opens so that Tarry is never invisible.

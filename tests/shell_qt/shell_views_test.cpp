@@ -5,6 +5,7 @@
 #include "platform/qt/qt_small_windows.h"
 #include "platform/qt/qt_stats_window.h"
 #include "platform/qt/qt_status_item.h"
+#include "platform/qt/qt_window_shortcuts.h"
 #include "platform/sim/memory_defaults_store.h"
 #include "platform/sim/sim_alerts.h"
 #include "platform/sim/sim_main_loop.h"
@@ -18,10 +19,12 @@
 #include <QComboBox>
 #include <QKeyEvent>
 #include <QLabel>
+#include <QLineEdit>
 #include <QMenu>
 #include <QPainter>
 #include <QPushButton>
 #include <QSlider>
+#include <QTest>
 
 #include <gtest/gtest.h>
 
@@ -240,6 +243,22 @@ TEST(ShellViews, AboutWindowNamesVersionLicenceAndServer) {
   window.grab().save(png("about_window.png"));
   window.setTexts(app::aboutTexts(""));
   EXPECT_FALSE(window.findChild<QLabel*>("server")->isVisibleTo(&window));
+}
+
+TEST(QtWindowShortcuts, CtrlCommaOpensSettingsAndCtrlQQuitsInTheProgramsWindows) {
+  std::vector<std::string> heard;
+  const QtWindowShortcuts shortcuts(
+      {[&heard] { heard.emplace_back("settings"); }, [&heard] { heard.emplace_back("quit"); }});
+  QWidget window;
+  auto* field = new QLineEdit(&window);
+  window.show();
+  field->setFocus();
+  QTest::keyClick(field, Qt::Key_Comma, Qt::ControlModifier);
+  QTest::keyClick(field, Qt::Key_Q, Qt::ControlModifier);
+  QTest::keyClick(field, Qt::Key_Q, Qt::ControlModifier | Qt::ShiftModifier);  // not Ctrl alone
+  QTest::keyClick(field, Qt::Key_Q);
+  EXPECT_EQ(heard, (std::vector<std::string>{"settings", "quit"}));
+  EXPECT_EQ(field->text(), "q") << "other keys still reach the window";
 }
 
 }  // namespace
