@@ -5,7 +5,6 @@
     e2e.py --list                               names the cases
 """
 
-import argparse
 import json
 import os
 import signal
@@ -14,7 +13,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from harness import CLIENT_ID, Failure, Harness, wait_for  # noqa: E402
+from harness import CLIENT_ID, Failure, run_cases, wait_for  # noqa: E402
 
 # Evdev keycodes the checks look for in the client's log.
 KEY_Q, KEY_W, KEY_X = 24, 25, 53
@@ -514,29 +513,7 @@ def quit_others_and_undo(h):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--tarry")
-    parser.add_argument("--client")
-    parser.add_argument("--list", action="store_true")
-    parser.add_argument("case", nargs="?")
-    args = parser.parse_args()
-    if args.list:
-        print("\n".join(CASES))
-        return 0
-    if args.case not in CASES:
-        print("unknown case %r" % args.case, file=sys.stderr)
-        return 2
-    h = Harness(args.tarry, args.client, getattr(CASES[args.case], "window_manager", True))
-    try:
-        CASES[args.case](h)
-    except Failure as failure:
-        print("FAIL %s: %s" % (args.case, failure), file=sys.stderr)
-        print(h.report(), file=sys.stderr)
-        return 1
-    finally:
-        h.close()
-    print("ok %s" % args.case)
-    return 0
+    return run_cases(CASES)
 
 
 if __name__ == "__main__":

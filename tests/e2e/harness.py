@@ -5,12 +5,14 @@ Every process started here is ended by `close()` (also on SIGTERM, which ctest s
 timeout), and the temporary directory is removed.
 """
 
+import argparse
 import json
 import os
 import random
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -291,3 +293,32 @@ class Harness:
             if "_NET_WM_WINDOW_TYPE_UTILITY" in kind or "_NET_WM_WINDOW_TYPE_NOTIFICATION" in kind:
                 return True
         return False
+
+
+def run_cases(cases):
+    """The command line of a case file: `--tarry T --client C CASE` runs one case on a fresh
+    desktop (with a window manager unless the case says `window_manager = False`), `--list` names
+    them. Returns the exit status."""
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tarry")
+    parser.add_argument("--client")
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("case", nargs="?")
+    args = parser.parse_args()
+    if args.list:
+        print("\n".join(cases))
+        return 0
+    if args.case not in cases:
+        print("unknown case %r" % args.case, file=sys.stderr)
+        return 2
+    h = Harness(args.tarry, args.client, getattr(cases[args.case], "window_manager", True))
+    try:
+        cases[args.case](h)
+    except Failure as failure:
+        print("FAIL %s: %s" % (args.case, failure), file=sys.stderr)
+        print(h.report(), file=sys.stderr)
+        return 1
+    finally:
+        h.close()
+    print("ok %s" % args.case)
+    return 0

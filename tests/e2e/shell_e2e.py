@@ -5,7 +5,6 @@ pause, and a real terminal emulator in careful mode (see harness.py).
     shell_e2e.py --tarry PATH --client PATH CASE
 """
 
-import argparse
 import os
 import signal
 import subprocess
@@ -13,7 +12,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from harness import Failure, Harness, wait_for  # noqa: E402
+from harness import Failure, run_cases, wait_for  # noqa: E402
 
 KEY_Q = 24
 CASES = {}
@@ -187,29 +186,7 @@ def terminal_running_a_command_holds_longer(h):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--tarry")
-    parser.add_argument("--client")
-    parser.add_argument("--list", action="store_true")
-    parser.add_argument("case", nargs="?")
-    args = parser.parse_args()
-    if args.list:
-        print("\n".join(CASES))
-        return 0
-    if args.case not in CASES:
-        print("unknown case %r" % args.case, file=sys.stderr)
-        return 2
-    h = Harness(args.tarry, args.client)
-    try:
-        CASES[args.case](h)
-    except Failure as failure:
-        print("FAIL %s: %s" % (args.case, failure), file=sys.stderr)
-        print(h.report(), file=sys.stderr)
-        return 1
-    finally:
-        h.close()
-    print("ok %s" % args.case)
-    return 0
+    return run_cases(CASES)
 
 
 if __name__ == "__main__":
