@@ -46,7 +46,7 @@ AppActions::AppActions(AppActionsDeps deps) : parts_(std::make_unique<Parts>(dep
   });
   parts_->saver.reschedule();
 
-  // A hidden debugging aid until the status menu offers the command: with
+  // A hidden debugging aid for desktops without a tray (the end-to-end tests): with
   // TARRY_DEBUG_QUIT_OTHERS_AFTER=<seconds>, Quit All Other Apps runs once that long after start.
   if (const char* after = std::getenv("TARRY_DEBUG_QUIT_OTHERS_AFTER"); after && std::atof(after) > 0) {
     actions::QuitOthers* others = &parts_->others;

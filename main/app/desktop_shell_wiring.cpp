@@ -59,8 +59,8 @@ void wireDesktopShell(AppDelegate& delegate, DesktopShell& shell, platform::Even
     if (delegate.hooks().terminate) delegate.hooks().terminate();
   };
   s.log = log;
-  // Undo Quit, Quit All Others, the update check and RAM Saver are left to their own parts: until
-  // they fill these, the rows say "nothing to undo" and the others write a log line.
+  // Undo Quit, Quit All Others, the update check and the RAM Saver fill their rows' hooks where the
+  // program builds them (desktop.cpp); a row whose hook is empty says "nothing to undo" or logs.
 
   AppHooks& h = delegate.hooks();
   h.setUpMainMenu = [&shell] { shell.setUpWindowShortcuts(); };
