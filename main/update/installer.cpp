@@ -30,9 +30,11 @@ std::string safeName(std::string_view text, std::string_view fallback) {
 }
 
 /// The signature file holds the 64 signature bytes, raw or as 128 hex digits.
+/// NOTE: raw bytes are taken as they are: a signature may well end in a byte that looks like a
+/// newline or a space; only the hex form may carry a line end.
 std::optional<std::string> signatureBytes(std::string body) {
-  while (!body.empty() && (body.back() == '\n' || body.back() == '\r' || body.back() == ' ')) body.pop_back();
   if (body.size() == 64) return body;
+  while (!body.empty() && (body.back() == '\n' || body.back() == '\r' || body.back() == ' ')) body.pop_back();
   if (body.size() != 128) return std::nullopt;
   std::string out;
   for (std::size_t i = 0; i < body.size(); i += 2) {

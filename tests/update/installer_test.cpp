@@ -14,7 +14,8 @@ namespace tarry::update {
 namespace {
 
 const std::string kKey(32, 'k');
-const std::string kSignature(64, 's');
+// Raw signature bytes may end in what looks like a line end; it is part of the signature.
+const std::string kSignature = std::string(63, 's') + "\n";
 
 /// Digests over the in-memory files: a file's "SHA-256" is its content's std::hash in hex, and a
 /// signature is valid only for the file content `signedContent` under `kKey`.
