@@ -19,7 +19,6 @@ keyboard guard is active, which only the real guard can report.
 """
 import json
 import os
-import random
 import shutil
 import subprocess
 import sys
@@ -30,6 +29,8 @@ import dbus
 import dbus.service
 from dbus.mainloop.glib import DBusGMainLoop
 from gi.repository import GLib
+
+import private_x
 
 WATCHER = "org.kde.StatusNotifierWatcher"
 ITEM = "org.kde.StatusNotifierItem"
@@ -105,20 +106,10 @@ def wait_for(what, condition, timeout=10.0):
 
 
 def start_x():
-    for _ in range(20):
-        number = random.randint(200, 999)
-        if os.path.exists("/tmp/.X%d-lock" % number):
-            continue
-        read_end, write_end = os.pipe()
-        server = subprocess.Popen(["Xvfb", ":%d" % number, "-displayfd", str(write_end), "-screen", "0",
-                                   "1024x768x24", "-nolisten", "tcp"], pass_fds=(write_end,),
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
-        with os.fdopen(read_end, "rb") as pipe:
-            if pipe.readline().strip() == str(number).encode():
-                return server, ":%d" % number
-        server.wait()
-    raise Failure("Xvfb did not start")
+    started = private_x.start_x()
+    if started is None:
+        raise Failure("Xvfb did not start")
+    return started
 
 
 class Demo:

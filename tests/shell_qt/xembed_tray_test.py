@@ -5,27 +5,18 @@ must end up embedded in the tray.
     /usr/bin/python3 xembed_tray_test.py PATH-TO-tarry-shell-demo
 """
 import os
-import random
 import subprocess
 import sys
 import time
 
+import private_x
+
 
 def start_x():
-    for _ in range(20):
-        number = random.randint(200, 999)
-        if os.path.exists("/tmp/.X%d-lock" % number):
-            continue
-        read_end, write_end = os.pipe()
-        server = subprocess.Popen(["Xvfb", ":%d" % number, "-displayfd", str(write_end), "-screen", "0",
-                                   "1024x768x24", "-nolisten", "tcp"], pass_fds=(write_end,),
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
-        with os.fdopen(read_end, "rb") as pipe:
-            if pipe.readline().strip() == str(number).encode():
-                return server, ":%d" % number
-        server.wait()
-    sys.exit("Xvfb did not start")
+    started = private_x.start_x()
+    if started is None:
+        sys.exit("Xvfb did not start")
+    return started
 
 
 def tree(env, window):
