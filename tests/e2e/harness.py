@@ -42,6 +42,19 @@ def wait_for(what, condition, timeout=10.0, interval=0.02):
         time.sleep(interval)
 
 
+def stop_all(procs):
+    """Ends the processes, newest first: a polite SIGTERM, then SIGKILL after 5 s."""
+    for proc in reversed(procs):
+        if proc.poll() is None:
+            proc.terminate()
+    for proc in reversed(procs):
+        try:
+            proc.wait(timeout=5)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+            proc.wait()
+
+
 class Client:
     """A running tarry-test-client and its key log."""
 
@@ -138,15 +151,7 @@ class Harness:
         return proc
 
     def close(self):
-        for proc in reversed(self.procs):
-            if proc.poll() is None:
-                proc.terminate()
-        for proc in reversed(self.procs):
-            try:
-                proc.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                proc.kill()
-                proc.wait()
+        stop_all(self.procs)
         self.procs = []
         shutil.rmtree(self.tmp, ignore_errors=True)
 

@@ -20,7 +20,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
-from harness import Failure, wait_for  # noqa: E402,F401
+from harness import Failure, stop_all, wait_for  # noqa: E402,F401
 
 USER = "tarry-e2e"
 CLIENT_ID = "org.tarry.WaylandClient"
@@ -198,15 +198,7 @@ class SwayDesktop:
         return result
 
     def close(self):
-        for proc in reversed(self.procs):
-            if proc.poll() is None:
-                proc.terminate()
-        for proc in reversed(self.procs):
-            try:
-                proc.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                proc.kill()
-                proc.wait()
+        stop_all(self.procs)
         self.procs = []
         shutil.rmtree(self.tmp, ignore_errors=True)
 
