@@ -237,7 +237,8 @@ void AppDelegate::startGuard() {
 
 void AppDelegate::stopGuard() {
   guardian_->removeTap();
-  deps_.log.log("keyboard guard off: the display is no longer reachable");
+  const std::string why = deps_.tap.lastError();
+  deps_.log.log("keyboard guard off: " + (why.empty() ? std::string("the display is no longer reachable") : why));
 }
 
 void AppDelegate::startPoll() {

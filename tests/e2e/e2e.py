@@ -264,6 +264,27 @@ def combination_taken_by_another_program_is_reported(h):
     check(h.events_log().count("keyboard guard off") == 1, "logged more than once:\n" + h.events_log())
 
 
+@case
+def killed_x_connection_of_the_guard_is_replaced(h):
+    # The connection that holds the grabs is killed on its own (xkill), as the server does with a
+    # client it refuses; Qt's connection and the program live on.
+    client = h.start_client("app")
+    start_guard(h)
+    found = subprocess.run(["xdotool", "search", "--name", "^Tarry keyboard guard$"], env=h.env,
+                           capture_output=True, text=True, timeout=10).stdout.split()
+    check(len(found) == 1, "the guard's connection has no named window: %s" % found)
+    h.x("xkill", "-id", found[0])
+    wait_for("the lost connection to be logged",
+             lambda: "keyboard guard off: lost the connection to the X display" in h.events_log())
+    wait_for("the guard to come back on a new connection", lambda: h.events_log().count("keyboard guard on") == 2)
+    check(h.tarry_proc.poll() is None, "tarry ended with its guard's connection")
+    h.key("ctrl+q")
+    wait_for("a short press to be blocked by the new grabs", lambda: h.counter("saved") == 1)
+    settle()
+    check(client.alive(), "the client ended")
+    check(not client.presses(KEY_Q), "Ctrl+Q reached the client: %s" % client.presses(KEY_Q))
+
+
 def make_read_only(path):
     """What a user meets with a file they may not write; root passes over modes, not this flag."""
     if os.geteuid() == 0:

@@ -6,6 +6,7 @@ pause, and a real terminal emulator in careful mode (see harness.py).
 """
 
 import os
+import select
 import signal
 import subprocess
 import sys
@@ -135,6 +136,41 @@ def killed_copy_leaves_no_stale_socket(h):
     wait_for("the new copy's guard", lambda: guard_on_count(h) == 2, timeout=10)
     second = run_tarry(h, "--resume")
     check(second.returncode == 0, "the new copy does not answer: %s" % second.stderr)
+
+
+@case
+def updated_copy_takes_the_running_copys_place(h):
+    # An update starts the new copy while the old one runs and waits for it to say "ready" on the
+    # descriptor it passes; then the old copy quits and the new one must become the running copy.
+    h.start_tarry()
+    old = h.tarry_proc
+    read_end, write_end = os.pipe()
+    out = open(os.path.join(h.tmp, "tarry-new.out"), "ab")
+    new = subprocess.Popen([h.tarry, "--autostart"], env=dict(h.env, TARRY_UPDATE_READY_FD=str(write_end)),
+                           pass_fds=(write_end,), stdin=subprocess.DEVNULL, stdout=out, stderr=out)
+    out.close()
+    h.procs.append(new)
+    os.close(write_end)
+    said = b""
+    end = time.monotonic() + 15
+    while b"ready" not in said and time.monotonic() < end:
+        readable, _, _ = select.select([read_end], [], [], 0.5)
+        if readable:
+            chunk = os.read(read_end, 64)
+            if not chunk:
+                break
+            said += chunk
+    os.close(read_end)
+    check(b"ready" in said, "the new copy never said it runs (%r)" % said)
+    check(new.poll() is None, "the new copy ended beside the old one: " + h.output("tarry-new"))
+    old.send_signal(signal.SIGTERM)
+    check(old.wait(timeout=10) == 0, "the old copy ended with status %s" % old.returncode)
+    wait_for("the new copy's guard once the old one is gone", lambda: guard_on_count(h) == 2, timeout=15)
+    # A later launch finds the new copy.
+    second = run_tarry(h)
+    check(second.returncode == 0, "the launch after the update ended with %d: %s" % (second.returncode, second.stderr))
+    wait_for("the new copy to hear of it", lambda: "show settings requested by a second launch" in h.events_log())
+    check(new.poll() is None, "the new copy ended")
 
 
 @case

@@ -13,10 +13,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
+#include <set>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -35,23 +38,33 @@ std::vector<std::string> split(const std::string& text, char sep) {
 TEST(SwayBindings, EveryBindingFiresAnEventTheGuardUnderstandsAndOnlyPressBindingsAreRemoved) {
   const std::vector<std::string> binds = split(swayBindCommands(), ';');
   std::vector<std::string> unbinds = split(swayUnbindCommands(), ';');
-  ASSERT_EQ(binds.size(), 8U);
+  // Four combinations, each pressed and released, each by keysym and by key.
+  ASSERT_EQ(binds.size(), 16U);
   std::map<std::string, std::optional<guard::Combo>> classified;
+  std::set<std::string> forms;
   for (const std::string& bind : binds) {
-    // "bindsym <flag> <keys> nop tarry-guard <down|up> <word>"
+    // "bindsym <--no-repeat|--release> [--to-code] <keys> nop tarry-guard <down|up> <word>"
     const std::vector<std::string> words = split(bind, ' ');
-    ASSERT_EQ(words.size(), 7U) << bind;
+    ASSERT_GE(words.size(), 7U) << bind;
+    const std::size_t nop = words.size() - 4;
+    ASSERT_EQ(words[nop], "nop") << bind;
+    std::string flags;
+    for (std::size_t i = 1; i + 1 < nop; ++i) flags += words[i] + " ";
+    forms.insert(flags + words[nop - 1]);
     // Press bindings must go with the program; release bindings must never be removed (sway 1.7
     // crashes when a release binding whose keys are held goes away).
-    const std::string unbind = "unbindsym " + words[1] + " " + words[2];
+    const std::string unbind = "unbindsym " + flags + words[nop - 1];
     const bool removed = std::find(unbinds.begin(), unbinds.end(), unbind) != unbinds.end();
     EXPECT_EQ(removed, words[1] == "--no-repeat") << bind;
     const std::optional<KeyEvent> event =
-        keyEventOfBinding(words[3] + " " + words[4] + " " + words[5] + " " + words[6]);
+        keyEventOfBinding(words[nop] + " " + words[nop + 1] + " " + words[nop + 2] + " " + words[nop + 3]);
     ASSERT_TRUE(event) << bind;
     EXPECT_EQ(event->type, words[1] == "--release" ? EventType::keyUp : EventType::keyDown) << bind;
-    if (event->type == EventType::keyDown) classified[words[6]] = guard::Guard::classify(*event);
+    if (event->type == EventType::keyDown) classified[words[nop + 3]] = guard::Guard::classify(*event);
   }
+  EXPECT_EQ(forms.size(), binds.size()) << "a binding is made twice";
+  EXPECT_EQ(forms.count("--no-repeat --to-code Ctrl+q"), 1U);
+  EXPECT_EQ(unbinds.size(), 8U);
   EXPECT_EQ(classified["quit"], guard::Combo::quit);
   EXPECT_EQ(classified["close"], guard::Combo::close);
   EXPECT_EQ(classified["logout"], guard::Combo::logout);
@@ -132,8 +145,8 @@ TEST(SwayTree, ViewsAndTheFocusedOneAlsoWhileALayerSurfaceHasTheKeyboard) {
   EXPECT_EQ(swayFocusedView(t), nullptr);
 }
 
-/// A stand-in for the compositor's IPC socket: answers each request with `answer(type, payload)`
-/// and keeps the payloads it was sent.
+/// A stand-in for the compositor's IPC socket: answers each request with `answer(type, payload)`,
+/// keeps the payloads it was sent, and sends events to the clients that subscribed.
 class FakeSway {
  public:
   using Answer = std::function<std::string(std::uint32_t, const std::string&)>;
@@ -148,13 +161,13 @@ class FakeSway {
     std::strcpy(address.sun_path, path_.c_str());
     bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
     listen(listener_, 4);
-    thread_ = std::thread([this] { serve(); });
+    acceptor_ = std::thread([this] { acceptClients(); });
   }
   ~FakeSway() {
     shutdown(listener_, SHUT_RDWR);
+    acceptor_.join();
     close(listener_);
-    if (client_ >= 0) shutdown(client_, SHUT_RDWR);
-    thread_.join();
+    dropClients();
     unlink(path_.c_str());
     rmdir(dir_.c_str());
   }
@@ -166,39 +179,72 @@ class FakeSway {
     std::lock_guard lock(mutex_);
     return commands_;
   }
+  /// Sends an event to every client subscribed to it; how many got it.
+  int emit(std::uint32_t type, const std::string& name, const nlohmann::json& body) {
+    std::lock_guard lock(mutex_);
+    int sent = 0;
+    for (auto& [fd, events] : subscriptions_) {
+      if (events.find(name) != std::string::npos) sent += reply(fd, type, body.dump()) ? 1 : 0;
+    }
+    return sent;
+  }
+  /// Hangs up on every client, as a compositor that goes away.
+  void dropClients() {
+    std::vector<std::pair<int, std::thread>> gone;
+    {
+      std::lock_guard lock(mutex_);
+      gone.swap(clients_);
+      for (const auto& client : gone) shutdown(client.first, SHUT_RDWR);
+    }
+    for (auto& [fd, thread] : gone) thread.join();
+    std::lock_guard lock(mutex_);
+    for (const auto& client : gone) {
+      subscriptions_.erase(client.first);
+      close(client.first);
+    }
+  }
 
  private:
-  void serve() {
-    client_ = accept(listener_, nullptr, nullptr);
-    if (client_ < 0) return;
+  static bool reply(int fd, std::uint32_t type, const std::string& body) {
+    std::string message = "i3-ipc";
+    const auto size = static_cast<std::uint32_t>(body.size());
+    message.append(reinterpret_cast<const char*>(&size), 4);
+    message.append(reinterpret_cast<const char*>(&type), 4);
+    message += body;
+    return send(fd, message.data(), message.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(message.size());
+  }
+
+  void acceptClients() {
+    for (;;) {
+      const int fd = accept(listener_, nullptr, nullptr);
+      if (fd < 0) return;
+      std::lock_guard lock(mutex_);
+      clients_.emplace_back(fd, std::thread([this, fd] { serve(fd); }));
+    }
+  }
+
+  void serve(int fd) {
     char header[14];
-    while (recv(client_, header, sizeof header, MSG_WAITALL) == sizeof header) {
+    while (recv(fd, header, sizeof header, MSG_WAITALL) == sizeof header) {
       std::uint32_t length = 0, type = 0;
       std::memcpy(&length, header + 6, 4);
       std::memcpy(&type, header + 10, 4);
       std::string payload(length, '\0');
-      if (length && recv(client_, payload.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length)) break;
-      if (type == SwayIpc::runCommand) {
-        std::lock_guard lock(mutex_);
-        commands_.push_back(payload);
-      }
-      const std::string reply = answer_(type, payload);
-      std::string message = "i3-ipc";
-      const auto size = static_cast<std::uint32_t>(reply.size());
-      message.append(reinterpret_cast<const char*>(&size), 4);
-      message.append(reinterpret_cast<const char*>(&type), 4);
-      message += reply;
-      send(client_, message.data(), message.size(), MSG_NOSIGNAL);
+      if (length && recv(fd, payload.data(), length, MSG_WAITALL) != static_cast<ssize_t>(length)) break;
+      std::lock_guard lock(mutex_);
+      if (type == SwayIpc::runCommand) commands_.push_back(payload);
+      if (type == SwayIpc::subscribe) subscriptions_[fd] += payload;
+      reply(fd, type, type == SwayIpc::subscribe ? R"({"success":true})" : answer_(type, payload));
     }
-    close(client_);
   }
 
   Answer answer_;
   std::string dir_, path_;
   int listener_ = -1;
-  int client_ = -1;
-  std::thread thread_;
+  std::thread acceptor_;
   std::mutex mutex_;
+  std::vector<std::pair<int, std::thread>> clients_;
+  std::map<int, std::string> subscriptions_;  // client → the event names it asked for
   std::vector<std::string> commands_;
 };
 
@@ -256,6 +302,57 @@ TEST(SwayWorkspace, AppsFromTheTreeAndWhatItAsksOfTheCompositor) {
   std::unique_ptr<SwayIpc> ipc = SwayIpc::connect(sway.path() + ".missing", error);
   EXPECT_FALSE(ipc);
   EXPECT_NE(error.find("does not answer"), std::string::npos) << error;
+}
+
+/// Waits up to 5 s for `done`, trying again every 10 ms.
+bool eventually(const std::function<bool()>& done) {
+  for (int i = 0; i < 500; ++i) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return done();
+}
+
+TEST(SwayWorkspace, FocusEventsNameTheActivatedAppAlsoAfterTheCompositorCameBack) {
+  FakeSway sway([](std::uint32_t, const std::string&) { return std::string("[]"); });
+  sim::SimDesktopEntries entries;
+  std::string error;
+  std::unique_ptr<SwayWorkspace> workspace = SwayWorkspace::open(sway.path(), entries, error);
+  ASSERT_TRUE(workspace) << error;
+  std::mutex mutex;
+  std::vector<std::int32_t> activated;
+  const auto seen = [&] {
+    std::lock_guard lock(mutex);
+    return activated;
+  };
+  workspace->setOnActivated([&](std::int32_t pid) {
+    std::lock_guard lock(mutex);
+    activated.push_back(pid);
+  });
+  const auto window = [](const char* change, nlohmann::json container) {
+    return nlohmann::json{{"change", change}, {"container", std::move(container)}};
+  };
+  ASSERT_TRUE(eventually(
+      [&] { return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 5}, {"pid", 4242}})) == 1; }));
+  // Only focus changes of views with a process count.
+  sway.emit(SwayIpc::kEventWindow, "window", window("title", {{"id", 5}, {"pid", 77}}));
+  sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 6}}));
+  sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 7}, {"pid", 4343}}));
+  ASSERT_TRUE(eventually([&] { return seen().size() >= 2; }));
+  EXPECT_EQ(seen(), (std::vector<std::int32_t>{4242, 4343}));
+
+  // The compositor restarts: the watcher connects and subscribes again by itself.
+  sway.dropClients();
+  ASSERT_TRUE(eventually(
+      [&] { return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 8}, {"pid", 5151}})) == 1; }));
+  ASSERT_TRUE(eventually([&] { return seen().size() >= 3; }));
+  EXPECT_EQ(seen().back(), 5151);
+
+  // An empty function stops the calls at once; the watcher ends with the workspace.
+  workspace->setOnActivated({});
+  sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 9}, {"pid", 6161}}));
+  workspace.reset();
+  EXPECT_EQ(seen().size(), 3U);
 }
 
 TEST(SwayIpc, ACommandReportsTheFirstFailure) {

@@ -166,6 +166,21 @@ def config_reload_keeps_the_guard(d):
 
 
 @case
+def russian_layout_is_guarded_on_the_q_key(d):
+    # On a Russian layout the Q key types й; applications take Ctrl+й as Ctrl+Q, so the guard must.
+    d.defaults("write", "busyGuard", "false")
+    client = d.start_client("app")
+    d.start_tarry()
+    d.type_ctrl_key("Cyrillic_shorti", "ru", 200)
+    wait_for("the short press to be blocked", lambda: d.counter("saved") == 1)
+    settle()
+    check(client.alive(), "a short Ctrl+Q on the Russian layout quit the client")
+    d.type_ctrl_key("Cyrillic_shorti", "ru", 3000, background=True)
+    wait_for("the client to be quit by the held keys", lambda: not client.alive(), timeout=15)
+    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+
+
+@case
 def other_wayland_desktop_is_named(d):
     # A Wayland session without sway's IPC, as GNOME or KDE Plasma would be.
     tarry = d.spawn([d.tarry, "--autostart"], "tarry", {"SWAYSOCK": None, "XDG_CURRENT_DESKTOP": "GNOME"})

@@ -308,6 +308,18 @@ class SwayDesktop:
         keyboard has)."""
         self.run([self.typist, str(presses), "50", "100"])
 
+    def type_ctrl_key(self, keysym, layout, hold_ms, background=False):
+        """Holds Ctrl and the key that types `keysym` for `hold_ms` on a keyboard of `layout`
+        ("ru": Russian), through tarry-sway-typist."""
+        argv = [self.typist, "1", str(hold_ms), "100", keysym]
+        if background:
+            return self.spawn(argv, "typist", {"XKB_DEFAULT_LAYOUT": layout})
+        env = dict(self.env, XKB_DEFAULT_LAYOUT=layout)
+        result = subprocess.run(argv, env=env, capture_output=True, timeout=30, **self._user_args())
+        if result.returncode != 0:
+            raise Failure("the typist failed: %s" % result.stderr.decode(errors="replace"))
+        return None
+
     def views(self):
         """(app_id, pid, focused) of every window in the compositor's tree."""
         tree = json.loads(self.run(["swaymsg", "-t", "get_tree"]).stdout)

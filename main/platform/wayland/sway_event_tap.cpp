@@ -38,18 +38,44 @@ const std::vector<SwayCombination>& swayCombinations() {
   return combinations;
 }
 
+namespace {
+
+// Each combination is bound twice: by its keysym, which follows the letter on every Latin layout
+// (Q on a Dvorak keyboard is where Dvorak puts it), and translated to the key that types it in
+// the first configured layout (`--to-code`), which is the one that still fires when a Cyrillic,
+// Greek or other non-Latin layout is active and the Q key types й: applications take Ctrl+й for
+// Ctrl+Q, so the guard must too. When both match, sway runs one of them, and they run the same
+// command.
+constexpr const char* kForms[] = {"", "--to-code "};
+
+std::string pressBindings(const SwayCombination& c) {
+  std::string out;
+  for (const char* form : kForms)
+    out += std::string("bindsym --no-repeat ") + form + c.keys + " nop " + kTag + " down " + c.word + ";";
+  return out;
+}
+
+std::string pressUnbindings(const SwayCombination& c) {
+  std::string out;
+  for (const char* form : kForms) out += std::string("unbindsym --no-repeat ") + form + c.keys + ";";
+  return out;
+}
+
+}  // namespace
+
 std::string swayBindCommands() {
   std::string out;
   for (const SwayCombination& c : swayCombinations()) {
-    out += "bindsym --no-repeat " + c.keys + " nop " + kTag + " down " + c.word + ";";
-    out += "bindsym --release " + c.keys + " nop " + kTag + " up " + c.word + ";";
+    out += pressBindings(c);
+    for (const char* form : kForms)
+      out += std::string("bindsym --release ") + form + c.keys + " nop " + kTag + " up " + c.word + ";";
   }
   return out;
 }
 
 std::string swayUnbindCommands() {
   std::string out;
-  for (const SwayCombination& c : swayCombinations()) out += "unbindsym --no-repeat " + c.keys + ";";
+  for (const SwayCombination& c : swayCombinations()) out += pressUnbindings(c);
   return out;
 }
 
@@ -379,12 +405,11 @@ void SwayEventTap::Session::inject(const SwayCombination* combination, std::uint
     }
   }
   if (press && combination && tapped_ && lifted_.insert(combination->word).second) {
-    commands_->command("unbindsym --no-repeat " + combination->keys);
+    commands_->command(pressUnbindings(*combination));
   }
   keyboard_->key(keysym, flags, press);
   if (!press && combination && lifted_.erase(combination->word) && tapped_) {
-    commands_->command("bindsym --no-repeat " + combination->keys + " nop " + kTag + " down " +
-                       combination->word);
+    commands_->command(pressBindings(*combination));
   }
 }
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -70,7 +71,65 @@ std::unique_ptr<SwayWorkspace> SwayWorkspace::open(const std::string& socketPath
                                                    std::string& error, Icon ownIcon) {
   std::unique_ptr<SwayIpc> ipc = SwayIpc::connect(socketPath, error);
   if (!ipc) return nullptr;
-  return std::unique_ptr<SwayWorkspace>(new SwayWorkspace(std::move(ipc), entries, std::move(ownIcon)));
+  return std::unique_ptr<SwayWorkspace>(new SwayWorkspace(socketPath, std::move(ipc), entries, std::move(ownIcon)));
+}
+
+SwayWorkspace::~SwayWorkspace() {
+  {
+    std::lock_guard lock(watchMutex_);
+    stopping_ = true;
+    onActivated_ = nullptr;
+    if (focusEvents_) focusEvents_->shutdown();
+  }
+  watchWake_.notify_all();
+  if (watcher_.joinable()) watcher_.join();
+}
+
+std::optional<std::int32_t> swayFocusedPid(const nlohmann::json& windowEvent) {
+  if (!windowEvent.is_object() || textOf(windowEvent, "change") != "focus") return std::nullopt;
+  const auto container = windowEvent.find("container");
+  if (container == windowEvent.end() || !container->is_object()) return std::nullopt;
+  const auto pid = container->find("pid");
+  if (pid == container->end() || !pid->is_number_integer() || pid->get<std::int64_t>() <= 0) return std::nullopt;
+  return static_cast<std::int32_t>(pid->get<std::int64_t>());
+}
+
+void SwayWorkspace::setOnActivated(std::function<void(std::int32_t pid)> onActivated) {
+  std::lock_guard lock(watchMutex_);
+  onActivated_ = std::move(onActivated);
+  if (onActivated_ && !watcher_.joinable() && !stopping_) watcher_ = std::thread([this] { watchFocus(); });
+}
+
+void SwayWorkspace::watchFocus() {
+  // The wait before connecting again grows to a few seconds while the compositor is gone.
+  constexpr auto kFirstRetry = std::chrono::milliseconds(250);
+  constexpr auto kLongestRetry = std::chrono::seconds(5);
+  auto retry = kFirstRetry;
+  std::unique_lock lock(watchMutex_);
+  while (!stopping_) {
+    lock.unlock();
+    std::string error;
+    std::shared_ptr<SwayIpc> events = SwayIpc::connect(socketPath_, error);
+    if (events && !events->send(SwayIpc::subscribe, R"(["window"])")) events.reset();
+    lock.lock();
+    if (events && !stopping_) {
+      focusEvents_ = events;
+      lock.unlock();
+      retry = kFirstRetry;
+      while (std::optional<SwayIpc::Message> message = events->read()) {
+        if (message->type != SwayIpc::kEventWindow) continue;
+        const std::optional<std::int32_t> pid = swayFocusedPid(message->body);
+        if (!pid) continue;
+        // Called under the lock, so that once `setOnActivated({})` returns no call is under way.
+        std::lock_guard called(watchMutex_);
+        if (onActivated_) onActivated_(*pid);
+      }
+      lock.lock();
+      focusEvents_.reset();
+    }
+    watchWake_.wait_for(lock, retry, [this] { return stopping_; });
+    retry = std::min<std::chrono::milliseconds>(retry * 2, kLongestRetry);
+  }
 }
 
 RunningApp SwayWorkspace::resolve(const nlohmann::json& view) const {

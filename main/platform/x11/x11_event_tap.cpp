@@ -21,6 +21,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -34,6 +35,8 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kOwnEventWindow = std::chrono::milliseconds(200);
 // A key-down posted without its key-up gets its grab back after this long.
 constexpr double kRegrabAfterSec = 1.0;
+
+constexpr const char* kLostConnection = "lost the connection to the X display";
 
 // Stands for "some device" in the record of keys down when only a core event told.
 constexpr std::uint16_t kCoreSource = 0xFFFF;
@@ -82,8 +85,11 @@ class X11EventTap::Session final : public std::enable_shared_from_this<Session> 
     std::lock_guard lock(errorMutex_);
     return error_;
   }
+  /// The connection broke: the server went away or closed it (a client killed it, a request it
+  /// refused).
+  [[nodiscard]] bool lost() const { return connection_ && xcb_connection_has_error(connection_) != 0; }
   [[nodiscard]] std::string problem() const {
-    if (connection_ && xcb_connection_has_error(connection_)) return "lost the connection to the X display";
+    if (lost()) return kLostConnection;
     std::lock_guard lock(errorMutex_);
     return grabProblem_;
   }
@@ -250,6 +256,10 @@ bool X11EventTap::Session::open(const std::string& display, std::string& error) 
   wakeWindow_ = xcb_generate_id(connection_);
   xcb_create_window(connection_, 0, wakeWindow_, root_, -1, -1, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
                     XCB_COPY_FROM_PARENT, 0, nullptr);
+  // Named, so that the connection behind the grabs can be told apart (xprop, xkill -id).
+  constexpr std::string_view kWakeName = "Tarry keyboard guard";
+  xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, wakeWindow_, XCB_ATOM_WM_NAME, XCB_ATOM_STRING, 8,
+                      kWakeName.size(), kWakeName.data());
   xcb_flush(connection_);
   return true;
 }
@@ -393,7 +403,7 @@ void X11EventTap::Session::readLoop() {
   for (;;) {
     xcb_generic_event_t* first = xcb_wait_for_event(connection_);
     if (!first) {
-      setError("lost the connection to the X display");
+      setError(kLostConnection);
       return;
     }
     bool rebuildNeeded = false;
@@ -812,7 +822,14 @@ X11EventTap::X11EventTap(MainLoop& loop, Options options) : loop_(loop), options
 X11EventTap::~X11EventTap() = default;
 
 bool X11EventTap::isTrusted() {
-  if (session_) return true;
+  if (session_ && !session_->lost()) return true;
+  if (session_) {
+    // Its connection broke. Untrusted once, so that the poll takes the tap down with it; the next
+    // question connects anew, and the poll puts the grabs back in place.
+    session_.reset();
+    lastError_ = kLostConnection;
+    return false;
+  }
   auto session = std::make_shared<Session>(loop_, options_.answerTimeout);
   std::string error;
   if (!session->open(options_.display, error)) {
