@@ -34,6 +34,8 @@ packages=(
   # the tray: a private session bus and a StatusNotifier host written in Python for its test, an
   # XEmbed tray for the screenshots (scripts/shell-screenshot.sh)
   dbus-daemon python3-dbus python3-gi trayer
+  # dbus-send: asks the file manager to show a downloaded update (and its test)
+  dbus-bin
   # Wayland backend (sway IPC, virtual keyboard, layer shell) and its end-to-end tests on a
   # headless sway: wtype types, foot is the terminal, grim takes screenshots, Qt's Wayland plugin
   # runs the test client

@@ -316,11 +316,17 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
          if (!telemetry.send(kind, payload, done)) done(false);
        }});
   hooks.logUploaderTurn = [&diagnostics](bool force) { diagnostics->diagnostics.uploadLogs(force); };
-  DesktopUpdates updates({loop, http, store, tunables, hud,
-                          [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); },
-                          [&log](const std::string& line) { log.log(line); }, [&loop] { loop.quit(0); },
-                          [&networkStatus] { return networkStatus.current().expensive; }, workspace.ownIcon(),
-                          server, TARRY_VERSION, DesktopUpdates::builtInKeyHex(), &alerts, nullptr});
+  DesktopUpdates updates(
+      {loop, http, store, tunables, hud,
+       [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); },
+       [&log](const std::string& line) { log.log(line); }, [&loop] { loop.quit(0); },
+       [&networkStatus] { return networkStatus.current().expensive; },
+       // A hold, a first press waiting for its second, or the HUD on screen.
+       [&delegate, &hud] {
+         const guard::GuardState state = delegate.guardian().state();
+         return state.armed || state.pendingPID != 0 || hud.onScreen();
+       },
+       workspace.ownIcon(), server, TARRY_VERSION, DesktopUpdates::builtInKeyHex(), &alerts, nullptr});
   hooks.automaticUpdateCheck = [&updates] { updates.check(false); };
   hooks.updateNudgeCheck = [&updates] { updates.noteBlockedQuit(); };
   menu.checkUpdates = [&updates] { updates.check(true); };

@@ -43,8 +43,14 @@ DesktopUpdates::DesktopUpdates(DesktopUpdatesDeps deps)
                 deps_.icon}) {
   platform::qt::trustCertificatesFromEnvironment();
   checker_.install = [this](const update::Release& release) { installer_.install(release); };
-  checker_.prefetch = [this](const update::Release& release) { installer_.prefetch(release); };
+  // Without a key nothing can be verified, so nothing is fetched ahead either.
+  if (installer_.canVerify()) {
+    checker_.prefetch = [this](const update::Release& release, update::UpdateChecker::PrefetchDone done) {
+      installer_.prefetch(release, std::move(done));
+    };
+  }
   checker_.metered = deps_.metered;
+  checker_.busy = deps_.busy;
 }
 
 void DesktopUpdates::startAutomaticChecks() {

@@ -33,6 +33,8 @@ struct DesktopUpdatesDeps {
   std::function<void()> quit;
   /// True on a metered network; empty: never metered.
   std::function<bool()> metered;
+  /// True while a hold runs or the HUD is on screen: an automatic offer waits; empty: never.
+  std::function<bool()> busy;
   platform::Icon icon;
   /// The maker's server; empty: settings::serverBaseURL().
   std::string serverURL;

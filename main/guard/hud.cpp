@@ -103,6 +103,7 @@ void HUD::place() {
                      target->midY() - kPanelHeight / 2 + tunables_.real(T::hudVerticalOffset)});
   }
   panel.orderFront();
+  onScreen_ = true;
 }
 
 void HUD::setLabel(const Rect& frame, double fontSize, int maxLines, LineBreak lineBreak, std::string text) {
@@ -176,7 +177,10 @@ void HUD::flash(const std::string& message, const platform::Icon& image, double 
     if (!self) return;
     HUD& hud = **self;
     hud.panel.animateAlpha(0, hud.tunables_.real(T::hudFadeOutSec), [weak] {
-      if (const auto alive = weak.lock()) (*alive)->panel.orderOut();
+      if (const auto alive = weak.lock()) {
+        (*alive)->panel.orderOut();
+        (*alive)->onScreen_ = false;
+      }
     });
   });
 }
@@ -184,6 +188,7 @@ void HUD::flash(const std::string& message, const platform::Icon& image, double 
 void HUD::hideNow() {
   hideWork.cancel();
   panel.orderOut();
+  onScreen_ = false;
 }
 
 }  // namespace tarry::guard

@@ -34,6 +34,9 @@ class HUD final : public HudDisplay {
 
   /// What the panel was last told to show.
   [[nodiscard]] platform::HudLayout layout() const;
+  /// True from a hold or message being shown until the panel is hidden again (a message's fade-out
+  /// included).
+  [[nodiscard]] bool onScreen() const { return onScreen_; }
 
  private:
   void redraw();
@@ -51,6 +54,7 @@ class HUD final : public HudDisplay {
   platform::HudText pctLabel;
   /// The pending fade-out of a message.
   platform::Scheduled hideWork;
+  bool onScreen_ = false;
 
   const platform::Screens& screens_;
   platform::MainLoop& loop_;

@@ -66,6 +66,8 @@ struct Installer::Attempt {
   bool visible = false;
   std::string path;
   Verified then;
+  /// A prefetch's completion; cleared when an install takes the attempt over.
+  std::function<void(bool ok)> prefetched;
   std::shared_ptr<platform::Download> download;
   bool cancelled = false;
   /// The last progress step posted to the main thread (per mille, or 256 KiB steps).
@@ -108,6 +110,7 @@ void Installer::install(const Release& release) {
     if (current_->release == release) {
       // The prefetch of this release becomes the install.
       current_->visible = true;
+      current_->prefetched = nullptr;
       current_->then = [this, release](const std::string& path) { installVerified(release, path); };
       std::weak_ptr<Attempt> weak = current_;
       deps_.progress.show("Downloading Tarry " + release.version, [weak] {
@@ -123,16 +126,42 @@ void Installer::install(const Release& release) {
   fetchVerified(release, true, [this, release](const std::string& path) { installVerified(release, path); });
 }
 
-void Installer::prefetch(const Release& release) {
-  if (busy_) return;
-  fetchVerified(release, false, [this](const std::string&) { busy_ = false; });
+void Installer::prefetch(const Release& release, std::function<void(bool ok)> done) {
+  if (busy_ && current_) {
+    if (current_->visible) {
+      deps_.log("update " + release.version + ": no prefetch while an install runs");
+      if (done) done(false);
+      return;
+    }
+    if (current_->release == release) {
+      // Already on its way: report to both.
+      auto first = std::move(current_->prefetched);
+      current_->prefetched = [first = std::move(first), done = std::move(done)](bool ok) {
+        if (first) first(ok);
+        if (done) done(ok);
+      };
+      return;
+    }
+    // A prefetch of an older release is dropped.
+    if (current_->download) current_->download->cancel();
+    current_.reset();
+  }
+  fetchVerified(
+      release, false,
+      [this](const std::string&) {
+        busy_ = false;
+        if (current_ && current_->prefetched) std::exchange(current_->prefetched, nullptr)(true);
+      },
+      std::move(done));
 }
 
-void Installer::fetchVerified(const Release& release, bool visible, Verified then) {
+void Installer::fetchVerified(const Release& release, bool visible, Verified then,
+                              std::function<void(bool ok)> prefetched) {
   auto attempt = std::make_shared<Attempt>();
   attempt->release = release;
   attempt->visible = visible;
   attempt->then = std::move(then);
+  attempt->prefetched = std::move(prefetched);
   attempt->path = downloadPath(release);
   current_ = attempt;
   busy_ = true;
@@ -285,6 +314,7 @@ void Installer::fail(const std::shared_ptr<Attempt>& attempt, const std::string&
   verified_.erase(attempt->release.version);
   deps_.log("update " + attempt->release.version + " refused: " + why);
   busy_ = false;
+  if (attempt->prefetched) std::exchange(attempt->prefetched, nullptr)(false);
   if (!attempt->visible) return;
   deps_.progress.close();
   tellFailure(kNotInstalled, why + " Nothing was changed.");

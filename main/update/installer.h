@@ -53,7 +53,12 @@ class Installer final {
   /// verifies, installs, relaunches. Failures are told in an alert.
   void install(const Release& release);
   /// Downloads and verifies in the background, silently, so that a later `install` starts at once.
-  void prefetch(const Release& release);
+  /// `done` runs once on the main thread with whether the file is verified, unless an install
+  /// takes the prefetch over or replaces it first. A prefetch of another release still under way
+  /// is dropped; during an install nothing is fetched and `done` gets false.
+  void prefetch(const Release& release, std::function<void(bool ok)> done = {});
+  /// False when this copy has no key to check updates with: nothing can be installed.
+  [[nodiscard]] bool canVerify() const { return deps_.publicKey.size() == 32; }
   /// True while a download, check or install is under way.
   [[nodiscard]] bool busy() const { return busy_; }
 
@@ -66,7 +71,8 @@ class Installer final {
   struct Attempt;
   using Verified = std::function<void(const std::string& path)>;
 
-  void fetchVerified(const Release& release, bool visible, Verified then);
+  void fetchVerified(const Release& release, bool visible, Verified then,
+                     std::function<void(bool ok)> prefetched = {});
   void verify(const std::shared_ptr<Attempt>& attempt);
   void checkSignature(const std::shared_ptr<Attempt>& attempt);
   void fail(const std::shared_ptr<Attempt>& attempt, const std::string& why);

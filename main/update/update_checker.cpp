@@ -1,6 +1,8 @@
 #include "update/update_checker.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <utility>
 
 namespace tarry::update {
@@ -50,6 +52,11 @@ void UpdateChecker::finish(bool manual, const std::optional<Release>& release,
     if (manual) deps_.alerts.runModal({"Couldn't check for updates", "Try again later.", {"OK"}});
     return;
   }
+  // The user asked: this answer replaces an automatic offer still waiting for a quiet moment.
+  if (manual) {
+    waitingOffer_.reset();
+    quietTimer_.cancel();
+  }
   if (!isNewer(release->version, deps_.runningVersion)) {
     if (manual) {
       deps_.alerts.runModal(
@@ -59,19 +66,27 @@ void UpdateChecker::finish(bool manual, const std::optional<Release>& release,
   }
   if (!available_ || available_->version != release->version) blocksSinceNudge_ = 0;
   available_ = release;
-  schedulePrefetch(*release);
+  if (prefetchVersion_ != release->version)
+    schedulePrefetch(*release, deps_.tunables.real(T::updatePrefetchDelaySec));
   // An automatic check asks at most once per `updateAskCooldownHours`; the nudges remind
   // meanwhile. A manual check always answers.
-  const double now = deps_.loop.now();
   const auto asked = deps_.store.get("updateAskLast");
   if (!manual && asked && asked->is_number() &&
-      now - asked->get<double>() < deps_.tunables.real(T::updateAskCooldownHours) * 3600) {
+      deps_.loop.now() - asked->get<double>() < deps_.tunables.real(T::updateAskCooldownHours) * 3600) {
     return;
   }
-  deps_.store.set("updateAskLast", now);
+  if (manual) {
+    ask(*release);
+  } else {
+    offerWhenQuiet(*release);
+  }
+}
+
+void UpdateChecker::ask(const Release& release) {
+  deps_.store.set("updateAskLast", deps_.loop.now());
   deps_.count("update.offered", 1);
-  deps_.log("update available " + release->version);
-  offer(*release);
+  deps_.log("update available " + release.version);
+  offer(release);
 }
 
 void UpdateChecker::offer(const Release& release) {
@@ -80,27 +95,95 @@ void UpdateChecker::offer(const Release& release) {
   const int answer = deps_.alerts.runModal(
       {"Tarry " + release.version + " is available", informative, {"Install and Restart", "Later"}});
   if (answer == 0) {
-    if (install) install(release);
+    if (install) {
+      // The install downloads (or takes over a prefetch) itself: no more prefetch attempts.
+      installStarted_ = true;
+      prefetchTimer_.cancel();
+      install(release);
+    }
     return;
   }
   // "Later", and an alert closed without a button, both mean not now.
   deps_.count("update.later", 1);
 }
 
-void UpdateChecker::schedulePrefetch(const Release& release) {
-  if (!prefetch || !deps_.tunables.flag(T::updatePrefetch)) return;
+void UpdateChecker::offerWhenQuiet(const Release& release) {
+  waitingOffer_ = release;
+  quietSince_.reset();
+  if (busy && busy()) deps_.log("update " + release.version + ": the offer waits for a quiet moment");
+  waitForQuiet();
+}
+
+void UpdateChecker::waitForQuiet() {
+  // A modal alert takes the keyboard: popping it up mid-hold would swallow the held keys and leave
+  // the HUD stuck. So it waits until nothing has gone on for `quietMomentDelaySec`, looking again
+  // every quarter second meanwhile.
+  constexpr double kLookAgainSec = 0.25;
+  // NOTE: timers may fire a hair early in floating point; this keeps them from re-arming for nothing.
+  constexpr double kSlackSec = 1e-6;
+  quietTimer_.cancel();
+  if (!waitingOffer_) return;
+  const double now = deps_.loop.uptime();
+  if (busy && busy()) {
+    quietSince_.reset();
+  } else if (!quietSince_) {
+    quietSince_ = now;
+  }
+  const double delay = deps_.tunables.real(T::quietMomentDelaySec);
+  if (quietSince_ && now - *quietSince_ >= delay - kSlackSec) {
+    const Release release = *waitingOffer_;
+    waitingOffer_.reset();
+    quietSince_.reset();
+    ask(release);
+    return;
+  }
+  const double wait = quietSince_ ? std::min(kLookAgainSec, *quietSince_ + delay - now) : kLookAgainSec;
   std::weak_ptr<UpdateChecker*> weak = self_;
-  prefetchTimer_ = deps_.loop.after(deps_.tunables.real(T::updatePrefetchDelaySec), [weak, release] {
-    const auto self = weak.lock();
-    if (!self) return;
-    UpdateChecker& checker = **self;
-    if (checker.deps_.tunables.flag(T::updatePrefetchAvoidMetered) && checker.metered && checker.metered()) {
-      checker.deps_.log("update prefetch skipped: metered network");
-      return;
-    }
-    checker.deps_.log("update prefetch " + release.version);
-    checker.prefetch(release);
+  quietTimer_ = deps_.loop.after(wait, [weak] {
+    if (const auto self = weak.lock()) (*self)->waitForQuiet();
   });
+}
+
+void UpdateChecker::schedulePrefetch(const Release& release, double delaySec) {
+  if (!prefetch || installStarted_ || !deps_.tunables.flag(T::updatePrefetch)) return;
+  prefetchVersion_ = release.version;
+  std::weak_ptr<UpdateChecker*> weak = self_;
+  prefetchTimer_ = deps_.loop.after(delaySec, [weak, release] {
+    if (const auto self = weak.lock()) (*self)->startPrefetch(release);
+  });
+}
+
+void UpdateChecker::startPrefetch(const Release& release) {
+  // Only the newest known release, and only until an install starts; the switch is read now.
+  if (installStarted_ || !available_ || available_->version != release.version ||
+      !deps_.tunables.flag(T::updatePrefetch)) {
+    return;
+  }
+  if (deps_.tunables.flag(T::updatePrefetchAvoidMetered) && metered && metered()) {
+    prefetchFailed(release, "update prefetch skipped: metered network");
+    return;
+  }
+  deps_.log("update prefetch " + release.version);
+  std::weak_ptr<UpdateChecker*> weak = self_;
+  prefetch(release, [weak, release](bool ok) {
+    const auto self = weak.lock();
+    if (!self || ok) return;
+    UpdateChecker& checker = **self;
+    if (checker.prefetchVersion_ != release.version) return;  // a newer release took its place
+    checker.prefetchFailed(release, "update prefetch " + release.version + " failed");
+  });
+}
+
+void UpdateChecker::prefetchFailed(const Release& release, const std::string& why) {
+  if (installStarted_ || !available_ || available_->version != release.version) {
+    deps_.log(why);
+    return;
+  }
+  const double minutes = deps_.tunables.real(T::updateRetryMinutes);
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", minutes);
+  deps_.log(why + "; trying again in " + text + " minutes");
+  schedulePrefetch(release, minutes * 60);
 }
 
 void UpdateChecker::noteBlockedQuit() {

@@ -51,9 +51,9 @@ class UpdateChecker final {
   /// GET "/dl/tarry/latest.json"; `done` runs on the networking thread with the release or the
   /// error text.
   void fetch(FetchDone done);
-  /// Fetches, then runs the check flow on the main queue: a manual check always answers; an
-  /// automatic one speaks only when there is something to install, and then at most once per
-  /// `updateAskCooldownHours`.
+  /// Fetches, then runs the check flow on the main queue: a manual check always answers at once;
+  /// an automatic one speaks only when there is something to install, at most once per
+  /// `updateAskCooldownHours`, and only in a quiet moment (see `busy`).
   void check(bool manual);
   /// The offer alert; "Install and Restart" hands the release to `install`.
   void offer(const Release& release);
@@ -70,18 +70,39 @@ class UpdateChecker final {
 
   /// Starts the download and install of a release (the installer).
   std::function<void(const Release&)> install;
-  /// Downloads and verifies a release ahead of the offer; empty: no prefetch.
-  std::function<void(const Release&)> prefetch;
+  /// Called with `ok` once on the main thread when a prefetch ends: verified, or not.
+  using PrefetchDone = std::function<void(bool ok)>;
+  /// Downloads and verifies a release ahead of the offer; empty: no prefetch. A failed prefetch
+  /// is tried again every `updateRetryMinutes` while its release is the newest known and no
+  /// install has started.
+  std::function<void(const Release&, PrefetchDone)> prefetch;
   /// True on a metered (expensive or constrained) network.
   std::function<bool()> metered;
+  /// True while the user is in the middle of something the offer must not interrupt (a hold,
+  /// the HUD on screen); empty: never. An automatic offer waits until this has been false for
+  /// `quietMomentDelaySec`.
+  std::function<bool()> busy;
 
  private:
-  void schedulePrefetch(const Release& release);
+  void schedulePrefetch(const Release& release, double delaySec);
+  void startPrefetch(const Release& release);
+  void prefetchFailed(const Release& release, const std::string& why);
+  void offerWhenQuiet(const Release& release);
+  void waitForQuiet();
+  void ask(const Release& release);
 
   UpdateCheckDeps deps_;
   std::optional<Release> available_;
   std::int64_t blocksSinceNudge_ = 0;
+  /// The version whose prefetch is waiting, under way or done; completions for another are stale.
+  std::string prefetchVersion_;
   platform::Scheduled prefetchTimer_;
+  /// Set once "Install and Restart" was chosen: from then on nothing is prefetched.
+  bool installStarted_ = false;
+  /// The automatic offer waiting for a quiet moment, and since when (uptime) it has been quiet.
+  std::optional<Release> waitingOffer_;
+  std::optional<double> quietSince_;
+  platform::Scheduled quietTimer_;
   /// Completions queued for the main thread do nothing once this object is gone.
   std::shared_ptr<UpdateChecker*> self_ = std::make_shared<UpdateChecker*>(this);
 };

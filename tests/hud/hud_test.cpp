@@ -123,10 +123,12 @@ TEST_F(HudTest, FlashFadesInToFullOpacityAndHidesAfterItsSecondsAndTheFade) {
 
   loop.advance(1.6 - 0.25 + 0.2);  // 0.2 s into the fade-out
   EXPECT_TRUE(panel.visible);
+  EXPECT_TRUE(hud.onScreen());  // the update offer still waits
   EXPECT_LT(panel.alpha(), 1.0);
   EXPECT_EQ(panel.animationTarget(), 0);
   loop.advance(0.1);
   EXPECT_FALSE(panel.visible);
+  EXPECT_FALSE(hud.onScreen());
   EXPECT_EQ(panel.outCount, 1);
 }
 
@@ -156,9 +158,11 @@ TEST_F(HudTest, HideNowCancelsThePendingFadeOut) {
   hud.flash("Paused", appIcon, 1.0);
   hud.hideNow();
   EXPECT_FALSE(panel.visible);
+  EXPECT_FALSE(hud.onScreen());
   hud.show("Hold Ctrl+Q to quit Safari", appIcon, 2.0);
   loop.advance(5);
   EXPECT_TRUE(panel.visible);
+  EXPECT_TRUE(hud.onScreen());
   EXPECT_EQ(panel.outCount, 1);
 }
 

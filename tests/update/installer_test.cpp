@@ -216,15 +216,42 @@ TEST_F(InstallerTest, CancelStopsTheDownloadQuietly) {
   EXPECT_TRUE(target.calls.empty());
 }
 
-TEST_F(InstallerTest, APrefetchedDownloadIsUsedByTheOffer) {
-  installer.prefetch(release);
-  EXPECT_TRUE(progress.titles.empty());  // silent
+TEST_F(InstallerTest, APrefetchReportsHowItEndedAndItsFileIsUsedByTheOffer) {
+  std::vector<bool> results;
+  const auto record = [&results](bool ok) { results.push_back(ok); };
+  installer.prefetch(release, record);
+  finishDownload(kArchive + "tampered");
+  EXPECT_EQ(results, std::vector<bool>{false});
+  EXPECT_FALSE(files.exists(kPath));
+  EXPECT_TRUE(alerts.shown.empty());  // silent
+
+  // A prefetch of an older release still under way gives way to the newer one.
+  installer.prefetch({"1.95", "https://dl.example/tarry-1.95.tar.gz", "00", ""}, record);
+  installer.prefetch(release, record);
+  ASSERT_EQ(downloader.started.size(), 3U);
+  EXPECT_TRUE(downloader.started[1]->cancelled);
+  EXPECT_TRUE(progress.titles.empty());
   finishDownload(kArchive);
+  EXPECT_EQ(results, (std::vector<bool>{false, true}));
   EXPECT_TRUE(target.calls.empty());
+
   installer.install(release);
   loop.runDue();
-  EXPECT_EQ(downloader.started.size(), 1U);  // not downloaded again
+  EXPECT_EQ(downloader.started.size(), 3U);  // not downloaded again
   EXPECT_EQ(target.calls, (std::vector<std::string>{"archive " + kPath + " 2.0", "relaunch"}));
+}
+
+TEST_F(InstallerTest, AnInstallTakesOverAPrefetchUnderWayAndNoneStartsDuringIt) {
+  std::vector<bool> results;
+  installer.prefetch(release, [&results](bool ok) { results.push_back(ok); });
+  installer.install(release);
+  EXPECT_EQ(progress.titles, std::vector<std::string>{"Downloading Tarry 2.0"});
+  installer.prefetch(release, [&results](bool ok) { results.push_back(ok); });
+  EXPECT_EQ(results, std::vector<bool>{false});
+  finishDownload(kArchive);
+  EXPECT_EQ(downloader.started.size(), 1U);
+  EXPECT_EQ(target.calls, (std::vector<std::string>{"archive " + kPath + " 2.0", "relaunch"}));
+  EXPECT_EQ(results, std::vector<bool>{false});  // the install's end is not the prefetch's
 }
 
 TEST_F(InstallerTest, PackagesGoToTheSystemInstallerOrTheFolderIsShown) {

@@ -134,6 +134,7 @@ TEST_F(UpdateCheckTest, ManualChecksAlwaysAnswerAutomaticOnesOnlyOffer) {
 TEST_F(UpdateCheckTest, TheOfferInstallsOrCountsLater) {
   alerts.answers = {1, 0};
   checkWith(false, R"({"version":"1.10","url":"https://h/t","sha256":"x"})");
+  loop.advance(tunables.real(settings::T::quietMomentDelaySec));
   ASSERT_EQ(alerts.shown.size(), 1U);
   EXPECT_EQ(alerts.shown[0].message, "Tarry 1.10 is available");
   EXPECT_EQ(alerts.shown[0].informativeText, "You have 1.9.");
@@ -188,24 +189,90 @@ TEST_F(UpdateCheckTest, NudgesEveryFewBlocksWithCooldownAndPerVersionCap) {
   EXPECT_EQ(hud.flashes.size(), 3U);  // a new version starts a new count
 }
 
-TEST_F(UpdateCheckTest, PrefetchesAfterTheDelayUnlessMetered) {
-  std::vector<std::string> prefetched;
+TEST_F(UpdateCheckTest, AnAutomaticOfferWaitsForAQuietMomentAManualOneDoesNot) {
+  bool busy = true;
+  checker.busy = [&] { return busy; };
+  tunables.setNumber(settings::T::quietMomentDelaySec, 2);
+  checkWith(false, R"({"version":"2.0","url":"https://h/t","sha256":"x"})");
+  loop.advance(60);
+  EXPECT_TRUE(alerts.shown.empty());  // a hold all along
+  EXPECT_EQ(counts["update.offered"], 0);
+
+  // Quiet, then busy again within the delay: the delay starts over once it is quiet again.
+  busy = false;
+  loop.advance(1.5);
+  busy = true;
+  loop.advance(0.5);
+  busy = false;
+  loop.advance(1.9);
+  EXPECT_TRUE(alerts.shown.empty());
+  loop.advance(0.5);  // it looks every quarter second
+  ASSERT_EQ(alerts.shown.size(), 1U);
+  EXPECT_EQ(alerts.shown[0].message, "Tarry 2.0 is available");
+  EXPECT_EQ(counts["update.offered"], 1);
+  loop.advance(60);
+  EXPECT_EQ(alerts.shown.size(), 1U);  // once
+
+  // A manual check answers mid-hold, and the automatic offer waiting then is dropped.
+  store.remove("updateAskLast");
+  busy = true;
+  checkWith(false, R"({"version":"2.0","url":"https://h/t","sha256":"x"})");
+  checkWith(true, R"({"version":"2.0","url":"https://h/t","sha256":"x"})");
+  ASSERT_EQ(alerts.shown.size(), 2U);
+  busy = false;
+  loop.advance(60);
+  EXPECT_EQ(alerts.shown.size(), 2U);
+}
+
+TEST_F(UpdateCheckTest, AFailedOrSkippedPrefetchIsRetriedWhileItsReleaseIsNewestAndNotInstalling) {
+  std::vector<std::pair<std::string, UpdateChecker::PrefetchDone>> prefetches;
   bool metered = true;
-  checker.prefetch = [&](const Release& r) { prefetched.push_back(r.version); };
+  checker.prefetch = [&](const Release& r, UpdateChecker::PrefetchDone done) {
+    prefetches.emplace_back(r.version, std::move(done));
+  };
   checker.metered = [&] { return metered; };
   tunables.setNumber(settings::T::updatePrefetchDelaySec, 30);
   tunables.setNumber(settings::T::updatePrefetchAvoidMetered, 1);
-  checkWith(false, R"({"version":"2.0","url":"https://h/t","sha256":"x"})");
+  tunables.setNumber(settings::T::updateRetryMinutes, 10);
+  tunables.setNumber(settings::T::quietMomentDelaySec, 0);
+  const std::string v20 = R"({"version":"2.0","url":"https://h/t","sha256":"x"})";
+  checkWith(false, v20);
   loop.advance(29);
-  EXPECT_TRUE(prefetched.empty());
+  EXPECT_TRUE(prefetches.empty());
   loop.advance(2);
-  EXPECT_TRUE(prefetched.empty());
-  EXPECT_EQ(lines.back(), "update prefetch skipped: metered network");
+  EXPECT_TRUE(prefetches.empty());
+  EXPECT_EQ(lines.back(), "update prefetch skipped: metered network; trying again in 10 minutes");
 
+  // The metered network is gone by the retry; that prefetch fails, and the next one is due a
+  // retry period later, not sooner, even when the same release is found again meanwhile.
   metered = false;
-  checkWith(false, R"({"version":"2.0","url":"https://h/t","sha256":"x"})");
+  loop.advance(600);
+  ASSERT_EQ(prefetches.size(), 1U);
+  prefetches[0].second(false);
+  EXPECT_EQ(lines.back(), "update prefetch 2.0 failed; trying again in 10 minutes");
+  checkWith(true, v20);
+  loop.advance(599);
+  EXPECT_EQ(prefetches.size(), 1U);
+  loop.advance(2);
+  ASSERT_EQ(prefetches.size(), 2U);
+  EXPECT_EQ(prefetches[1].first, "2.0");
+
+  // A newer release takes over: the old attempt's failure is not retried.
+  checkWith(true, R"({"version":"2.1","url":"https://h/t","sha256":"x"})");
+  prefetches[1].second(false);
   loop.advance(31);
-  EXPECT_EQ(prefetched, std::vector<std::string>{"2.0"});
+  ASSERT_EQ(prefetches.size(), 3U);
+  EXPECT_EQ(prefetches[2].first, "2.1");
+  loop.advance(3600);
+  EXPECT_EQ(prefetches.size(), 3U);  // still under way: no second attempt beside it
+
+  // Once the user chose to install, a failed prefetch is not tried again; nor a verified one.
+  alerts.answers = {0};
+  checkWith(true, R"({"version":"2.1","url":"https://h/t","sha256":"x"})");
+  EXPECT_EQ(installed, std::vector<std::string>{"2.1"});
+  prefetches[2].second(false);
+  loop.advance(24 * 3600);
+  EXPECT_EQ(prefetches.size(), 3U);
 }
 
 }  // namespace

@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -51,6 +53,19 @@ int runAndWait(const std::vector<std::string>& argv) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+/// True when the file list of an installed package names `exe` (directly or through a link, as
+/// /bin → /usr/bin on a merged /usr).
+bool listedIn(const fs::path& list, const fs::path& exe) {
+  std::ifstream in(list);
+  std::string line;
+  std::error_code ec;
+  while (std::getline(in, line)) {
+    if (line.empty() || fs::path(line).filename() != exe.filename()) continue;
+    if (line == exe.string() || fs::weakly_canonical(line, ec) == exe) return true;
+  }
+  return false;
+}
+
 bool inPath(const std::string& program) {
   const char* path = std::getenv("PATH");
   std::string dirs = path != nullptr ? path : "/usr/bin:/bin";
@@ -68,7 +83,8 @@ bool inPath(const std::string& program) {
 
 }  // namespace
 
-LinuxUpdateTarget::LinuxUpdateTarget(std::string executable, double startTimeoutSec)
+LinuxUpdateTarget::LinuxUpdateTarget(std::string executable, double startTimeoutSec,
+                                     const std::string& dpkgInfo)
     : executable_(std::move(executable)), startTimeoutSec_(startTimeoutSec) {
   std::error_code ec;
   if (executable_.empty()) executable_ = fs::read_symlink("/proc/self/exe", ec).string();
@@ -82,7 +98,9 @@ LinuxUpdateTarget::LinuxUpdateTarget(std::string executable, double startTimeout
     kind_ = InstallKind::selfContained;
     base_ = base.string();
     previous_ = folder.filename().string();
-  } else if (exe.string().rfind("/usr/", 0) == 0 && fs::exists("/var/lib/dpkg/info/tarry.list", ec)) {
+  } else if (listedIn(fs::path(dpkgInfo) / "tarry.list", exe)) {
+    // NOTE: the list, not the folder: a copy in /usr/local beside an installed package is not the
+    // package's, and installing the package would not update it.
     kind_ = InstallKind::debianPackage;
   }
 }
@@ -218,13 +236,59 @@ std::string LinuxUpdateTarget::installPackage(const std::string& package) {
   }
 }
 
+std::string LinuxUpdateTarget::fileURI(const std::string& path) {
+  std::error_code ec;
+  const std::string absolute = fs::absolute(path, ec).lexically_normal().string();
+  std::string uri = "file://";
+  for (const char c : absolute) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (std::isalnum(byte) || c == '/' || c == '-' || c == '.' || c == '_' || c == '~') {
+      uri.push_back(c);
+    } else {
+      constexpr char kHex[] = "0123456789ABCDEF";
+      uri += {'%', kHex[byte >> 4], kHex[byte & 15]};
+    }
+  }
+  return uri;
+}
+
 void LinuxUpdateTarget::showInFolder(const std::string& path) {
   const std::string folder = fs::path(path).parent_path().string();
+  // NOTE: dbus-send splits array items at commas; the URI has none left unescaped.
+  const std::vector<std::string> showItems = {"dbus-send",
+                                              "--session",
+                                              "--print-reply",
+                                              "--reply-timeout=10000",
+                                              "--dest=org.freedesktop.FileManager1",
+                                              "--type=method_call",
+                                              "/org/freedesktop/FileManager1",
+                                              "org.freedesktop.FileManager1.ShowItems",
+                                              "array:string:" + fileURI(path),
+                                              "string:"};
+  std::vector<char*> showArgs;
+  for (const auto& a : showItems) showArgs.push_back(const_cast<char*>(a.c_str()));
+  showArgs.push_back(nullptr);
+  // Everything is prepared before fork: the children only exec, wait and exit.
   // Detached twice over, so the file manager is neither waited for nor left as a zombie.
   const pid_t child = ::fork();
   if (child == 0) {
     if (::fork() == 0) {
       ::setsid();
+      const pid_t ask = ::fork();
+      if (ask == 0) {
+        // The reply is printed on stdout; nobody reads it.
+        const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (null >= 0) ::dup2(null, STDOUT_FILENO);
+        ::execvp(showArgs[0], showArgs.data());
+        ::_exit(127);
+      }
+      int status = 0;
+      if (ask > 0) {
+        while (::waitpid(ask, &status, 0) < 0 && errno == EINTR) {
+        }
+        // A file manager (or one started for the name) selected the file.
+        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) ::_exit(0);
+      }
       ::execlp("xdg-open", "xdg-open", folder.c_str(), static_cast<char*>(nullptr));
       ::_exit(127);
     }
@@ -232,7 +296,8 @@ void LinuxUpdateTarget::showInFolder(const std::string& path) {
   }
   if (child > 0) {
     int status = 0;
-    ::waitpid(child, &status, 0);
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
   }
 }
 

@@ -14,18 +14,27 @@ namespace tarry::platform::os {
 /// is always either the old or the new copy. The new copy is started with the write end of a pipe
 /// in TARRY_UPDATE_READY_FD; until it writes "ready" there the old copy stays, and `current` goes
 /// back to it when the new one fails to start.
-/// A Debian package is handed to `pkexec apt-get install`.
+/// A copy installed from the Debian package (the package `tarry` lists the running program among
+/// its files) hands the verified package to `pkexec apt-get install`.
 class LinuxUpdateTarget final : public UpdateTarget {
  public:
   /// `executable`: the running program's real path (empty: /proc/self/exe). `startTimeoutSec`:
-  /// how long a new copy has to report that it started.
-  explicit LinuxUpdateTarget(std::string executable = "", double startTimeoutSec = 20);
+  /// how long a new copy has to report that it started. `dpkgInfo`: where dpkg keeps the file
+  /// lists of installed packages.
+  explicit LinuxUpdateTarget(std::string executable = "", double startTimeoutSec = 20,
+                             const std::string& dpkgInfo = "/var/lib/dpkg/info");
 
   [[nodiscard]] InstallKind kind() const override { return kind_; }
   std::string installArchive(const std::string& archive, const std::string& version) override;
   std::string relaunch() override;
   std::string installPackage(const std::string& package) override;
+  /// Asks the file manager to show the file selected (org.freedesktop.FileManager1.ShowItems on
+  /// the session bus); when none answers, opens its folder with xdg-open. Returns at once.
   void showInFolder(const std::string& path) override;
+
+  /// "file://" and the absolute path with everything but unreserved characters and "/"
+  /// percent-encoded.
+  [[nodiscard]] static std::string fileURI(const std::string& path);
 
   /// In a newly started copy: tells the copy that started it that this one runs. Harmless when
   /// this process was not started by an update.
