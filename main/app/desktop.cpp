@@ -51,6 +51,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -199,13 +200,11 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     return 0;
   }
 
-  prepareQt(session);
-  QApplication application(argc, argv);
-  QApplication::setQuitOnLastWindowClosed(false);
-  QGuiApplication::setDesktopFileName(QString::fromLatin1(kAppId));
-  QApplication::setApplicationName(QStringLiteral("Tarry"));
+  // The log and the crash recorder start before the toolkit does, so that a crash from here on
+  // leaves its trace in crash.log. The application object is made after them but goes last, as
+  // everything Qt made must go before it.
+  std::optional<QApplication> application;
   platform::qt::QtMainLoop loop;
-
   StoreNotes storeNotes;
   platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(), storeNotes.callback());
   settings::Preferences prefs(store);
@@ -215,6 +214,12 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   const StoreNotes::Attached storeNotesLogged = storeNotes.attach(log);
   const auto diagnostics = startDesktopDiagnostics(log, files, store, tunables);
   stats::Counters counters(store, loop);
+
+  prepareQt(session);
+  application.emplace(argc, argv);
+  QApplication::setQuitOnLastWindowClosed(false);
+  QGuiApplication::setDesktopFileName(QString::fromLatin1(kAppId));
+  QApplication::setApplicationName(QStringLiteral("Tarry"));
 
   platform::os::DesktopEntryReader entries;
   std::unique_ptr<SessionBackends> backends = openSessionBackends(session, loop, entries, error);
@@ -287,7 +292,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     std::fprintf(stderr, "tarry: %s\n", line.c_str());
   };
 
-  QObject::connect(&application, &QGuiApplication::applicationStateChanged, &application,
+  QObject::connect(&*application, &QGuiApplication::applicationStateChanged, &*application,
                    [&delegate](Qt::ApplicationState state) {
                      if (state == Qt::ApplicationActive) delegate.applicationDidBecomeActive();
                    });
