@@ -13,6 +13,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(1, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "update_real"))
 from harness import Failure, run_cases, wait_for  # noqa: E402
 
 KEY_Q = 24
@@ -171,6 +172,38 @@ def updated_copy_takes_the_running_copys_place(h):
     check(second.returncode == 0, "the launch after the update ended with %d: %s" % (second.returncode, second.stderr))
     wait_for("the new copy to hear of it", lambda: "show settings requested by a second launch" in h.events_log())
     check(new.poll() is None, "the new copy ended")
+
+
+@case
+def automatic_update_offer_waits_for_the_hold_to_end(h):
+    # The automatic check (10 s after launch) finds a newer version while Ctrl+Q is held: its modal
+    # offer would take the keyboard mid-hold, so it waits until the hold is over and a quiet second
+    # has passed.
+    sys.argv[1:] = ["unused-probe", "unused-sign-tool"]
+    import update_https_test as feed  # noqa: E402 (the https server of the update tests)
+    ca, cert, key = feed.make_certs()
+    server = feed.start_server(cert, key)
+    try:
+        port = server.server_address[1]
+        feed.publish(b"archive", b"signature", port)
+        h.defaults("write", "holdSeconds", "7")
+        client = h.start_client("app")
+        h.start_tarry({"TARRY_SERVER_URL": "https://127.0.0.1:%d" % port, "SSL_CERT_FILE": ca},
+                      args=["--autostart"])
+        launched = time.monotonic()
+        time.sleep(max(0.0, 6.0 - (time.monotonic() - launched)))
+        h.activate(client.windows[-1])
+        h.keydown("ctrl+q")
+        wait_for("the offer to be held back", lambda: "the offer waits for a quiet moment" in h.events_log(),
+                 timeout=6)
+        check("update available" not in h.events_log(), "the offer came during the hold")
+        h.keyup("ctrl+q")
+        released = time.monotonic()
+        wait_for("the offer after the hold", lambda: "update available 2.0" in h.events_log(), timeout=10)
+        check(time.monotonic() - released >= 0.9, "the offer did not wait for a quiet second")
+        check(client.alive(), "the hold was not released in time and quit the client")
+    finally:
+        server.shutdown()
 
 
 @case
