@@ -10,10 +10,22 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/${TARRY_APP_ID}.metainfo.xml
                ${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.metainfo.xml @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.metainfo.xml
         DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
+# The PNG sizes are drawn from the SVG as part of the build.
+add_executable(tarry-render-icon ${CMAKE_CURRENT_LIST_DIR}/render_icon.cpp)
+target_link_libraries(tarry-render-icon PRIVATE Qt6::Gui Qt6::Svg)
+set(tarry_icon_svg ${CMAKE_CURRENT_LIST_DIR}/icons/scalable/${TARRY_APP_ID}.svg)
+set(tarry_icon_pngs)
 foreach(size 16 24 32 48 64 128 256)
-  install(FILES ${CMAKE_CURRENT_LIST_DIR}/icons/${size}x${size}/${TARRY_APP_ID}.png
-          DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/${size}x${size}/apps)
+  set(png ${CMAKE_BINARY_DIR}/packaging/icons/${size}x${size}/${TARRY_APP_ID}.png)
+  add_custom_command(OUTPUT ${png}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/packaging/icons/${size}x${size}
+    COMMAND tarry-render-icon ${tarry_icon_svg} ${size} ${png}
+    DEPENDS tarry-render-icon ${tarry_icon_svg}
+    COMMENT "Drawing the ${size}x${size} icon")
+  list(APPEND tarry_icon_pngs ${png})
+  install(FILES ${png} DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/${size}x${size}/apps)
 endforeach()
+add_custom_target(tarry-icons ALL DEPENDS ${tarry_icon_pngs})
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/icons/scalable/${TARRY_APP_ID}.svg
         DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 
@@ -29,7 +41,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_STRIP_FILES ON)
 # Qt loads these as plugins, which dpkg-shlibdeps cannot see: the xcb platform (the program runs
-# on X11), SVG icons, and NetworkManager's network-information backend.
+# on X11), SVG icons, and NetworkManager's network-information backend. Qt's Wayland platform is
+# for sway sessions.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins, libqt6svg6, libqt6network6")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "pulseaudio | pipewire-pulse")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "pulseaudio | pipewire-pulse, qt6-wayland")
 include(CPack)
