@@ -1,5 +1,6 @@
 #include "guard/guard.h"
 
+#include "actions/app_lists.h"
 #include "diagnostics/app_telemetry.h"
 #include "diagnostics/log.h"
 #include "settings/preferences.h"
@@ -24,27 +25,13 @@ constexpr std::uint64_t kModifierMask =
     platform::kFlagShift | platform::kFlagControl | platform::kFlagOption | platform::kFlagCommand;
 
 constexpr std::string_view kDock = "com.apple.dock";
-constexpr std::string_view kFinder = "com.apple.finder";
 constexpr const char* kTapFailedMessage = "event tap creation failed (the keyboard grabs were refused)";
 // How often a tap in place is checked for a problem that came up later (a window manager that went
 // away, a lost display).
 constexpr double kProblemCheckSec = 2.0;
 
-bool contains(const std::vector<std::string>& ids, const std::string& id) {
-  return std::find(ids.begin(), ids.end(), id) != ids.end();
-}
-
 /// Whole milliseconds of a duration in seconds.
 std::int64_t wholeMs(double seconds) { return std::llround(std::max(seconds, 0.0) * 1000); }
-
-std::string trimmed(std::string_view s) {
-  const auto isSpace = [](char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
-  };
-  while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
-  while (!s.empty() && isSpace(s.back())) s.remove_suffix(1);
-  return std::string(s);
-}
 
 }  // namespace
 
@@ -245,26 +232,15 @@ std::optional<Combo> Guard::classify(const KeyEvent& event) {
 
 bool Guard::isDock(const std::string& bundleID) const {
   return bundleID == kDock ||
-         contains(deps_.workspace.identifierEquivalents(platform::IdentifierSet::dock), bundleID);
+         actions::listed(deps_.workspace.identifierEquivalents(platform::IdentifierSet::dock), bundleID);
 }
 
 bool Guard::isNeverTerminate(const std::string& bundleID) const {
-  return bundleID == kFinder ||
-         contains(deps_.workspace.identifierEquivalents(platform::IdentifierSet::neverTerminate), bundleID);
+  return actions::isFileManager(deps_.workspace, bundleID);
 }
 
 bool Guard::isNeverQuit(const std::string& bundleID) const {
-  if (isNeverTerminate(bundleID)) return true;
-  const std::string extra = deps_.tunables.text(T::neverQuitExtra);
-  std::string_view rest = extra;
-  while (!rest.empty()) {
-    const auto comma = rest.find(',');
-    const std::string entry = trimmed(rest.substr(0, comma));
-    if (!entry.empty() && entry == bundleID) return true;
-    if (comma == std::string_view::npos) break;
-    rest.remove_prefix(comma + 1);
-  }
-  return false;
+  return actions::isNeverQuit(deps_.workspace, deps_.tunables, bundleID);
 }
 
 bool Guard::evaluate(Combo c, const KeyEvent& event) {
@@ -440,7 +416,7 @@ void Guard::extendHold(std::int64_t serial, double multiplier, const std::vector
   startTime = now - filled * longer;
   std::string added;
   for (const auto& reason : reasons) {
-    if (contains(holdReasons, reason)) continue;
+    if (actions::listed(holdReasons, reason)) continue;
     holdReasons.push_back(reason);
     added += (added.empty() ? "" : ", ") + reason;
   }
