@@ -18,8 +18,8 @@
 #include <cstring>
 #include <functional>
 #include <map>
-#include <set>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <thread>
 

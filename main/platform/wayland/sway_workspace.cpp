@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -71,7 +71,8 @@ std::unique_ptr<SwayWorkspace> SwayWorkspace::open(const std::string& socketPath
                                                    std::string& error, Icon ownIcon) {
   std::unique_ptr<SwayIpc> ipc = SwayIpc::connect(socketPath, error);
   if (!ipc) return nullptr;
-  return std::unique_ptr<SwayWorkspace>(new SwayWorkspace(socketPath, std::move(ipc), entries, std::move(ownIcon)));
+  return std::unique_ptr<SwayWorkspace>(
+      new SwayWorkspace(socketPath, std::move(ipc), entries, std::move(ownIcon)));
 }
 
 SwayWorkspace::~SwayWorkspace() {
@@ -90,7 +91,8 @@ std::optional<std::int32_t> swayFocusedPid(const nlohmann::json& windowEvent) {
   const auto container = windowEvent.find("container");
   if (container == windowEvent.end() || !container->is_object()) return std::nullopt;
   const auto pid = container->find("pid");
-  if (pid == container->end() || !pid->is_number_integer() || pid->get<std::int64_t>() <= 0) return std::nullopt;
+  if (pid == container->end() || !pid->is_number_integer() || pid->get<std::int64_t>() <= 0)
+    return std::nullopt;
   return static_cast<std::int32_t>(pid->get<std::int64_t>());
 }
 
@@ -209,9 +211,7 @@ bool SwayWorkspace::terminate(const RunningApp& app) {
   return ipc_->command("[pid=" + std::to_string(app.pid) + "] kill");
 }
 
-bool SwayWorkspace::isTerminated(std::int32_t pid) {
-  return os::processEnded(pid);
-}
+bool SwayWorkspace::isTerminated(std::int32_t pid) { return os::processEnded(pid); }
 
 std::int32_t SwayWorkspace::ownPid() const { return static_cast<std::int32_t>(getpid()); }
 

@@ -53,7 +53,10 @@ class SwayWorkspace final : public Workspace, public WindowList {
 
  private:
   SwayWorkspace(std::string socketPath, std::unique_ptr<SwayIpc> ipc, DesktopEntries& entries, Icon ownIcon)
-      : socketPath_(std::move(socketPath)), ipc_(std::move(ipc)), entries_(entries), ownIcon_(std::move(ownIcon)) {}
+      : socketPath_(std::move(socketPath)),
+        ipc_(std::move(ipc)),
+        entries_(entries),
+        ownIcon_(std::move(ownIcon)) {}
   [[nodiscard]] RunningApp resolve(const nlohmann::json& view) const;
   void watchFocus();
 
@@ -66,8 +69,8 @@ class SwayWorkspace final : public Workspace, public WindowList {
   std::mutex watchMutex_;
   std::condition_variable watchWake_;
   std::function<void(std::int32_t pid)> onActivated_;  // needs `watchMutex_`
-  std::shared_ptr<SwayIpc> focusEvents_;                // needs `watchMutex_`
-  bool stopping_ = false;                               // needs `watchMutex_`
+  std::shared_ptr<SwayIpc> focusEvents_;               // needs `watchMutex_`
+  bool stopping_ = false;                              // needs `watchMutex_`
   std::thread watcher_;
 };
 

@@ -81,6 +81,7 @@ class X11EventTap::Session final : public std::enable_shared_from_this<Session> 
     return tapped_ ? grabs_ : std::vector<KeyGrab>{};
   }
   [[nodiscard]] int rebuilds() const { return rebuilds_.load(); }
+  [[nodiscard]] bool tapped() const { return tapped_.load(); }
   [[nodiscard]] std::string error() const {
     std::lock_guard lock(errorMutex_);
     return error_;
@@ -822,14 +823,15 @@ X11EventTap::X11EventTap(MainLoop& loop, Options options) : loop_(loop), options
 X11EventTap::~X11EventTap() = default;
 
 bool X11EventTap::isTrusted() {
-  if (session_ && !session_->lost()) return true;
-  if (session_) {
-    // Its connection broke. Untrusted once, so that the poll takes the tap down with it; the next
-    // question connects anew, and the poll puts the grabs back in place.
-    session_.reset();
+  if (session_ && session_->lost()) {
+    // Its connection broke. Untrusted while a tap still stands on it, whoever asks, so that the
+    // poll takes that tap down; after that a new connection is made, and the poll puts the grabs
+    // back in place.
     lastError_ = kLostConnection;
-    return false;
+    if (session_->tapped()) return false;
+    session_.reset();
   }
+  if (session_) return true;
   auto session = std::make_shared<Session>(loop_, options_.answerTimeout);
   std::string error;
   if (!session->open(options_.display, error)) {
