@@ -9,11 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-find_built() {
-  for candidate in build/release/$1 build/debug/$1 build-*/$1; do
-    if [ -x "$candidate" ]; then echo "$candidate"; return; fi
-  done
-}
+source scripts/find-built.sh
 bin="${TARRY_BIN:-$(find_built main/app/tarry)}"
 client="${TARRY_WAYLAND_CLIENT:-$(find_built tests/wayland/tarry-wayland-client)}"
 if [ -z "$bin" ] || [ -z "$client" ]; then

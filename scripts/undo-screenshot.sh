@@ -10,11 +10,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-find_built() {
-  for candidate in build/release/$1 build/debug/$1 build-*/$1; do
-    if [ -x "$candidate" ]; then echo "$candidate"; return; fi
-  done
-}
+source scripts/find-built.sh
 bin="${TARRY_BIN:-$(find_built main/app/tarry)}"
 client="${TARRY_TEST_CLIENT:-$(find_built tests/x11/tarry-test-client)}"
 if [ -z "$bin" ] || [ -z "$client" ]; then
@@ -27,7 +23,7 @@ python3 - "$bin" "$client" "$out" <<'PYTHON'
 import os, subprocess, sys, tempfile, time
 sys.path.insert(0, os.path.join(os.getcwd(), "tests", "e2e"))
 from harness import CLIENT_ID, Harness, wait_for
-from e2e import close_enough, frame_of, hold_quit, minimized, ready_windows, write_entry
+from e2e import close_enough, frame_of, hold_quit, minimized, ready_windows, start_guard, write_entry
 
 tarry, client, out = sys.argv[1:4]
 h = Harness(os.path.abspath(tarry), os.path.abspath(client))
@@ -45,7 +41,8 @@ try:
     wait_for("the first window to be minimized", lambda: minimized(h, first), timeout=5)
     frames = [frame_of(h, w) for w in (second, third)]
     h.activate(second)
-    h.start_tarry()
+    # As at login, without a tray: no window of tarry's own covers the test application.
+    start_guard(h)
     before = os.path.join(work, "before.png")
     subprocess.run(["import", "-window", "root", before], env=h.env, check=True)
     hold_quit(h, app)

@@ -7,11 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-find_built() {
-  for candidate in build/release/$1 build/debug/$1 build-*/$1; do
-    if [ -x "$candidate" ]; then echo "$candidate"; return; fi
-  done
-}
+source scripts/find-built.sh
 tarry="$(find_built main/app/tarry)"
 client="$(find_built tests/x11/tarry-test-client)"
 probe="$(find_built tests/update_real/tarry-update-probe)"
