@@ -55,19 +55,13 @@ def stop_all(procs):
             proc.wait()
 
 
-class Client:
-    """A running tarry-test-client and its key log."""
+class LoggedClient:
+    """A running test application that writes "<µs> <word> …" lines to its log (the X11 and the
+    Wayland test clients alike)."""
 
-    def __init__(self, harness, name, args):
-        self.log = os.path.join(harness.tmp, name + ".log")
-        self.process = harness.spawn([harness.client, "--log", self.log] + list(args), name)
-        self.windows = wait_for(name + " to map its windows", self._ready, timeout=5)
-
-    def _ready(self):
-        for at, words in self.lines():
-            if words[0] == "ready":
-                return [int(w) for w in words[1:]]
-        return None
+    def __init__(self, desktop, name, args):
+        self.log = os.path.join(desktop.tmp, name + ".log")
+        self.process = desktop.spawn([desktop.client, "--log", self.log] + list(args), name)
 
     def lines(self):
         """(monotonic seconds, words) for every line logged so far."""
@@ -82,6 +76,26 @@ class Client:
             pass
         return out
 
+    def closed(self):
+        return [int(words[1]) for at, words in self.lines() if words[0] == "close"]
+
+    def alive(self):
+        return self.process.poll() is None
+
+
+class Client(LoggedClient):
+    """A running tarry-test-client and its key log."""
+
+    def __init__(self, harness, name, args):
+        super().__init__(harness, name, args)
+        self.windows = wait_for(name + " to map its windows", self._ready, timeout=5)
+
+    def _ready(self):
+        for at, words in self.lines():
+            if words[0] == "ready":
+                return [int(w) for w in words[1:]]
+        return None
+
     def presses(self, keycode=None):
         """(time, keycode, state, keysym) of every key press received."""
         out = []
@@ -89,13 +103,6 @@ class Client:
             if words[0] == "press" and (keycode is None or int(words[1]) == keycode):
                 out.append((at, int(words[1]), int(words[2], 16), words[3]))
         return out
-
-    def closed(self):
-        return [int(words[1]) for at, words in self.lines() if words[0] == "close"]
-
-    def alive(self):
-        return self.process.poll() is None
-
 
 class Harness:
     def __init__(self, tarry, client, window_manager=True):

@@ -20,7 +20,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
-from harness import Failure, stop_all, wait_for  # noqa: E402,F401
+from harness import Failure, LoggedClient, stop_all, wait_for  # noqa: E402,F401
 
 USER = "tarry-e2e"
 CLIENT_ID = "org.tarry.WaylandClient"
@@ -59,42 +59,23 @@ def ensure_user():
     return pwd.getpwnam(USER)
 
 
-class Client:
+class Client(LoggedClient):
     """A running tarry-wayland-client and its key log."""
 
     def __init__(self, desktop, name, args):
-        self.log = os.path.join(desktop.tmp, name + ".log")
-        self.process = desktop.spawn([desktop.client, "--log", self.log] + list(args), name)
+        super().__init__(desktop, name, args)
         wait_for(name + " to show its windows", lambda: self._has("ready"), timeout=10)
 
     def _has(self, word):
         return any(words[0] == word for _, words in self.lines())
-
-    def lines(self):
-        out = []
-        try:
-            with open(self.log, encoding="utf-8") as f:
-                for line in f:
-                    parts = line.split()
-                    if len(parts) >= 2:
-                        out.append((int(parts[0]) / 1e6, parts[1:]))
-        except FileNotFoundError:
-            pass
-        return out
 
     def presses(self, qt_key=None):
         """(time, Qt key, ctrl) of every key press received."""
         return [(at, int(w[1]), w[2] == "1") for at, w in self.lines()
                 if w[0] == "press" and (qt_key is None or int(w[1]) == qt_key)]
 
-    def closed(self):
-        return [int(w[1]) for _, w in self.lines() if w[0] == "close"]
-
     def close_requests(self):
         return [int(w[1]) for _, w in self.lines() if w[0] == "close-request"]
-
-    def alive(self):
-        return self.process.poll() is None
 
 
 class SwayDesktop:
