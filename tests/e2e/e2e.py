@@ -270,10 +270,9 @@ def killed_x_connection_of_the_guard_is_replaced(h):
     # client it refuses; Qt's connection and the program live on.
     client = h.start_client("app")
     start_guard(h)
-    found = subprocess.run(["xdotool", "search", "--name", "^Tarry keyboard guard$"], env=h.env,
-                           capture_output=True, text=True, timeout=10).stdout.split()
+    found = h.search("--name", "^Tarry keyboard guard$")
     check(len(found) == 1, "the guard's connection has no named window: %s" % found)
-    h.x("xkill", "-id", found[0])
+    h.x("xkill", "-id", str(found[0]))
     wait_for("the lost connection to be logged",
              lambda: "keyboard guard off: lost the connection to the X display" in h.events_log())
     wait_for("the guard to come back on a new connection", lambda: h.events_log().count("keyboard guard on") == 2)
@@ -350,9 +349,8 @@ def events_log_names_apps_and_the_damaged_database(h):
              lambda: [n for n in os.listdir(os.path.dirname(database)) if ".corrupt-" in n])
     # The consent went with the damaged file: the program asks again, as on a first run.
     def consent_window():
-        found = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^Welcome to Tarry$"], env=h.env,
-                               capture_output=True, text=True, timeout=10).stdout.split()
-        return int(found[0]) if found else None
+        found = h.search("--onlyvisible", "--name", "^Welcome to Tarry$")
+        return found[0] if found else None
     h.activate(wait_for("the consent window", consent_window, timeout=10))
     h.key("Return")  # Agree is the default button
     text = wait_for("tarry to start with a new log folder", new_log)
@@ -383,9 +381,8 @@ def apps_lists_ids_and_a_tk_app_gets_its_own(h):
     tk = h.spawn([sys.executable, script], "notes_pad")
 
     def tk_window():
-        result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^Notes pad$"], env=h.env,
-                                capture_output=True, text=True, timeout=10)
-        return result.stdout.split()[0] if result.returncode == 0 and result.stdout.strip() else None
+        found = h.search("--onlyvisible", "--name", "^Notes pad$")
+        return found[0] if found else None
     window = wait_for("the Tk window", tk_window, timeout=10)
 
     listing = subprocess.run([h.tarry, "apps"], env=h.env, capture_output=True, text=True, timeout=20)
@@ -515,9 +512,7 @@ def quit_others_and_undo(h):
     start_guard(h, {"TARRY_DEBUG_QUIT_OTHERS_AFTER": "1"})
 
     def alert():
-        result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^Tarry$"], env=h.env,
-                                capture_output=True, text=True, timeout=10)
-        return result.stdout.split()
+        return h.search("--onlyvisible", "--name", "^Tarry$")
     window = wait_for("the confirmation", alert, timeout=10)[0]
     h.activate(int(window))
     h.key("Return")

@@ -292,15 +292,23 @@ class Harness:
         except Failure:
             raise Failure("cannot activate window %d: %s" % (window, attempt.error))
 
+    def search(self, *criteria):
+        """The ids of the windows `xdotool search` finds. xdotool dies on the first window that
+        vanishes while it walks the tree (a program starting or quitting makes and drops windows
+        all the time), and prints nothing then; such a walk is simply made again."""
+        for attempt in range(20):
+            result = subprocess.run(["xdotool", "search"] + list(criteria), env=self.env,
+                                    capture_output=True, text=True, timeout=10)
+            if "X Error of failed request" not in result.stderr:
+                return [int(w) for w in result.stdout.split()]
+            time.sleep(0.02)
+        raise Failure("xdotool search %s kept failing: %s" % (" ".join(criteria), result.stderr))
+
     def hud_visible(self):
         """True while the HUD of tarry is mapped: its utility (override-redirect) window; Settings
         and the other windows are normal ones."""
-        result = subprocess.run(["xdotool", "search", "--onlyvisible", "--classname", "^tarry$"], env=self.env,
-                                capture_output=True, text=True, timeout=10)
-        if result.returncode != 0:
-            return False
-        for window in result.stdout.split():
-            kind = subprocess.run(["xprop", "-id", window, "_NET_WM_WINDOW_TYPE"], env=self.env,
+        for window in self.search("--onlyvisible", "--classname", "^tarry$"):
+            kind = subprocess.run(["xprop", "-id", str(window), "_NET_WM_WINDOW_TYPE"], env=self.env,
                                   capture_output=True, text=True, timeout=10).stdout
             if "_NET_WM_WINDOW_TYPE_UTILITY" in kind or "_NET_WM_WINDOW_TYPE_NOTIFICATION" in kind:
                 return True

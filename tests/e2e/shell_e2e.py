@@ -37,15 +37,11 @@ def settle(seconds=0.4):
 
 
 def windows_named(h, title):
-    result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^%s$" % title], env=h.env,
-                            capture_output=True, text=True)
-    return [int(w) for w in result.stdout.split()]
+    return h.search("--onlyvisible", "--name", "^%s$" % title)
 
 
 def visible_windows_of(h, pid):
-    result = subprocess.run(["xdotool", "search", "--onlyvisible", "--pid", str(pid)], env=h.env,
-                            capture_output=True, text=True)
-    return [int(w) for w in result.stdout.split()]
+    return h.search("--onlyvisible", "--pid", str(pid))
 
 
 def run_tarry(h, *args, timeout=15):
