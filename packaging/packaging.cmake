@@ -44,5 +44,7 @@ set(CPACK_STRIP_FILES ON)
 # on X11), SVG icons, and NetworkManager's network-information backend. Qt's Wayland platform is
 # for sway sessions.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "qt6-qpa-plugins, libqt6svg6, libqt6network6")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "pulseaudio | pipewire-pulse, qt6-wayland")
+# pkexec installs an update package; dbus-send and xdg-open show where a downloaded update was put
+# when it cannot (the program says so itself if they are missing).
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "pulseaudio | pipewire-pulse, qt6-wayland, pkexec, dbus-bin, xdg-utils")
 include(CPack)

@@ -334,8 +334,8 @@ void Installer::installVerified(const Release& release, const std::string& path)
     deps_.progress.close();
     busy_ = false;
     tellFailure("Install Tarry " + release.version + " by hand",
-                "This copy of Tarry cannot replace itself with this download. The checked file is in the "
-                "folder that opens now.");
+                "This copy of Tarry cannot replace itself with this download. The checked file is " + path +
+                    "; its folder opens now.");
     deps_.target.showInFolder(path);
     return;
   }
@@ -351,9 +351,8 @@ void Installer::installVerified(const Release& release, const std::string& path)
                 deps_.progress.close();
                 busy_ = false;
                 tellFailure(kNotInstalled,
-                            error +
-                                " The checked package is in the folder that opens now; install it "
-                                "with your package manager.");
+                            error + " The checked package is " + path +
+                                "; install it with your package manager. Its folder opens now.");
                 deps_.target.showInFolder(path);
                 return;
               }

@@ -264,9 +264,8 @@ TEST_F(InstallerTest, PackagesGoToTheSystemInstallerOrTheFolderIsShown) {
   EXPECT_EQ(target.calls, (std::vector<std::string>{"package " + deb, "show " + deb}));
   ASSERT_EQ(alerts.shown.size(), 1U);
   EXPECT_EQ(alerts.shown[0].informativeText,
-            "Authentication was dismissed. The checked package is in the folder that opens now; install it "
-            "with your "
-            "package manager.");
+            "Authentication was dismissed. The checked package is " + deb +
+                "; install it with your package manager. Its folder opens now.");
   EXPECT_TRUE(files.exists(deb));  // verified, kept for the user
 
   // A new copy that does not come up leaves the user on the old one, told so.
@@ -279,6 +278,18 @@ TEST_F(InstallerTest, PackagesGoToTheSystemInstallerOrTheFolderIsShown) {
   EXPECT_EQ(alerts.shown.back().message, "Tarry 2.0 did not start");
   EXPECT_EQ(alerts.shown.back().informativeText, "It stopped at once. You still have Tarry 1.9.");
   EXPECT_EQ(quits, 0);
+
+  // A package offered to a self-contained copy is not applied: the user is told where it is.
+  target.installKind = platform::InstallKind::selfContained;
+  target.calls.clear();
+  installer.install(release);
+  loop.runDue();
+  EXPECT_EQ(target.calls, (std::vector<std::string>{"show " + deb}));
+  EXPECT_EQ(alerts.shown.back().message, "Install Tarry 2.0 by hand");
+  EXPECT_EQ(alerts.shown.back().informativeText,
+            "This copy of Tarry cannot replace itself with this download. The checked file is " + deb +
+                "; its folder opens now.");
+  EXPECT_TRUE(files.exists(deb));
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ import time
 
 FILE_MANAGER = "org.freedesktop.FileManager1"
 NOT_INSTALLED = "ALERT The update was not installed | "
-LEFT_FOR_USER = " The checked package is in the folder that opens now; install it with your package manager."
+LEFT_FOR_USER = " The checked package is %s; install it with your package manager. Its folder opens now."
 
 
 def file_manager(record):
@@ -152,7 +152,7 @@ def main():
     for status, bus_address, why in refusals:
         name = "pkexec missing" if status is None else "pkexec exits %d" % status
         done, root, deb, said = run_case(status, bus_address)
-        expect(NOT_INSTALLED + why + LEFT_FOR_USER in done.stdout, name + ": the user is told why", done)
+        expect(NOT_INSTALLED + why + LEFT_FOR_USER % deb in done.stdout, name + ": the user is told why", done)
         expect(done.returncode == 1 and "QUIT" not in done.stdout, name + ": the running copy stays", done)
         expect(os.path.isfile(deb), name + ": the checked package is left for the user", done)
         expect(wait_for_file(said["xdg-open"]) and read_lines(said["xdg-open"]) == [os.path.dirname(deb)],
