@@ -175,6 +175,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   platform::os::InstanceLock instance(platform::os::runtimeDirectory(), display);
   std::string error;
   const bool startedByUpdate = std::getenv("TARRY_UPDATE_READY_FD") != nullptr;
+  if (startedByUpdate) instance.adoptHandedOn();
   if (!instance.tryAcquire(error) && !startedByUpdate) {
     if (!error.empty()) {
       std::fprintf(stderr, "tarry: %s\n", error.c_str());
@@ -206,7 +207,8 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   std::optional<QApplication> application;
   platform::qt::QtMainLoop loop;
   StoreNotes storeNotes;
-  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(), storeNotes.callback());
+  platform::os::SqliteDefaultsStore store(platform::os::SqliteDefaultsStore::defaultPath(),
+                                          storeNotes.callback());
   settings::Preferences prefs(store);
   settings::Tunables tunables;
   platform::os::LinuxFileSystem files;
@@ -260,8 +262,8 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   platform::qt::QtAppearance appearance;
   platform::qt::QtAlerts alerts;
   platform::qt::QtConsentWindow consentWindow;
-  AppActions actions({loop, workspace, windows, *tap, entries, processes, alerts, prefs, tunables,
-                      counters, hud, log});
+  AppActions actions(
+      {loop, workspace, windows, *tap, entries, processes, alerts, prefs, tunables, counters, hud, log});
   guard::UndoHooks& undo = actions.undoHooks();
 
   AppDelegate delegate(AppDelegateDeps{loop, *tap, loginItems, appearance, alerts, networkMonitor,
@@ -314,12 +316,11 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
 
   // Logs and updates. Logging and the crash recorder started as soon as the log existed.
   hooks.startLogging = [] {};
-  diagnostics->diagnostics.setSender(
-      {[&telemetry] { return telemetry.allowed(); },
-       [&telemetry](const std::string& kind, nlohmann::json payload, bool /*force*/,
-                    std::function<void(bool sent)> done) {
-         if (!telemetry.send(kind, payload, done)) done(false);
-       }});
+  diagnostics->diagnostics.setSender({[&telemetry] { return telemetry.allowed(); },
+                                      [&telemetry](const std::string& kind, nlohmann::json payload,
+                                                   bool /*force*/, std::function<void(bool sent)> done) {
+                                        if (!telemetry.send(kind, payload, done)) done(false);
+                                      }});
   hooks.logUploaderTurn = [&diagnostics](bool force) { diagnostics->diagnostics.uploadLogs(force); };
   DesktopUpdates updates(
       {loop, http, store, tunables, hud,
@@ -345,15 +346,18 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     std::fprintf(stderr, "tarry: cannot listen at %s: %s\n", instance.socketPath().c_str(), why.c_str());
   };
   platform::Scheduled takeOver;
-  if (instance.held()) {
+  if (instance.held() && !startedByUpdate) {
+    updates.handOnLock(instance.descriptor());
     listen();
   } else {
-    // Started by an update while the old copy still runs: become the running copy once it quits.
+    // Started by an update while the old copy still runs: it listens until it quits. The lock
+    // came with this copy (or, from an older copy that kept it, is taken once that one is gone).
     constexpr double kTakeOverEverySec = 0.5;
-    takeOver = loop.every(kTakeOverEverySec, [&instance, &takeOver, &listen] {
+    takeOver = loop.every(kTakeOverEverySec, [&instance, &takeOver, &listen, &updates] {
       std::string why;
-      if (!instance.tryAcquire(why)) return;
+      if (!instance.tryAcquire(why) || !instance.claimSocket()) return;
       takeOver.cancel();
+      updates.handOnLock(instance.descriptor());
       listen();
     });
   }

@@ -2,6 +2,7 @@
 
 #include "settings/server_url.h"
 
+#include <cstdlib>
 #include <optional>
 
 namespace tarry::app {
@@ -51,6 +52,19 @@ DesktopUpdates::DesktopUpdates(DesktopUpdatesDeps deps)
   }
   checker_.metered = deps_.metered;
   checker_.busy = deps_.busy;
+
+  // A hidden testing aid (the end-to-end tests have no signed release to install): with
+  // TARRY_DEBUG_RELAUNCH_AFTER=<seconds> the program starts itself again that long after launch,
+  // as an installed update does, and quits once the new copy runs. The new copy does not repeat it.
+  if (const char* after = std::getenv("TARRY_DEBUG_RELAUNCH_AFTER"); after && std::atof(after) > 0) {
+    const double seconds = std::atof(after);
+    ::unsetenv("TARRY_DEBUG_RELAUNCH_AFTER");
+    debugRelaunch_ = deps_.loop.after(seconds, [this] {
+      const std::string error = linuxTarget_.relaunch();
+      deps_.log(error.empty() ? std::string("relaunched, restarting") : "relaunch failed: " + error);
+      if (error.empty() && deps_.quit) deps_.quit();
+    });
+  }
 }
 
 void DesktopUpdates::startAutomaticChecks() {

@@ -57,6 +57,8 @@ class DesktopUpdates final {
   /// while `updateChecksPaused`.
   void startAutomaticChecks();
   void noteBlockedQuit() { checker_.noteBlockedQuit(); }
+  /// The instance lock's descriptor, which a relaunched new copy inherits.
+  void handOnLock(int descriptor) { linuxTarget_.handOnLock(descriptor); }
 
   [[nodiscard]] update::UpdateChecker& checker() { return checker_; }
   [[nodiscard]] update::Installer& installer() { return installer_; }
@@ -78,6 +80,7 @@ class DesktopUpdates final {
   update::UpdateChecker checker_;
   platform::Scheduled first_;
   platform::Scheduled repeat_;
+  platform::Scheduled debugRelaunch_;
 };
 
 }  // namespace tarry::app

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 
 namespace tarry::platform::os {
@@ -47,6 +49,42 @@ TEST(InstanceLockTest, OneHolderPerDisplayAndTheLockDiesWithItsProcess) {
   waitpid(child, nullptr, 0);
   ASSERT_TRUE(next.tryAcquire(error)) << error;
   EXPECT_FALSE(std::filesystem::exists(next.socketPath())) << "the stale socket file stays";
+}
+
+TEST(InstanceLockTest, AnUpdateHandsTheLockOnAndTheNewCopyClaimsTheSocketOnlyOnceNobodyListens) {
+  TempDir dir;
+  std::optional<InstanceLock> old(std::in_place, dir.path(), ":5");
+  std::string error;
+  ASSERT_TRUE(old->tryAcquire(error)) << error;
+  // A descriptor of another file is not taken for the lock.
+  const int other = open((dir.path() + "/other").c_str(), O_RDWR | O_CREAT, 0600);
+  setenv(kHandedOnLockVariable, std::to_string(other).c_str(), 1);
+  InstanceLock refused(dir.path(), ":5");
+  EXPECT_FALSE(refused.adoptHandedOn());
+  EXPECT_EQ(getenv(kHandedOnLockVariable), nullptr);
+  close(other);
+
+  setenv(kHandedOnLockVariable, std::to_string(dup(old->descriptor())).c_str(), 1);
+  InstanceLock next(dir.path(), ":5");
+  ASSERT_TRUE(next.adoptHandedOn());
+  EXPECT_NE(fcntl(next.descriptor(), F_GETFD) & FD_CLOEXEC, 0) << "passed on to every program it starts";
+
+  // While the old copy listens, the socket stays its own.
+  const int server = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, old->socketPath().c_str(), sizeof(address.sun_path) - 1);
+  ASSERT_EQ(bind(server, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(listen(server, 1), 0);
+  EXPECT_FALSE(next.claimSocket());
+  // The old copy goes (its socket file stays behind): the lock is never free, and the socket is
+  // the new copy's.
+  close(server);
+  old.reset();
+  InstanceLock launch(dir.path(), ":5");
+  EXPECT_FALSE(launch.tryAcquire(error));
+  EXPECT_TRUE(next.claimSocket());
+  EXPECT_FALSE(std::filesystem::exists(next.socketPath()));
 }
 
 TEST(InstanceLockTest, SendWaitsForTheAnswerAndFailsWithoutAListener) {

@@ -4,11 +4,13 @@
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -68,6 +70,41 @@ bool InstanceLock::tryAcquire(std::string& error) {
   fd_ = fd;
   // NOTE: only the holder of the lock may remove a socket file: one left by a copy that was
   // killed would otherwise refuse the new copy's bind.
+  ::unlink(socketPath_.c_str());
+  return true;
+}
+
+bool InstanceLock::adoptHandedOn() {
+  if (fd_ >= 0) return true;
+  const char* value = std::getenv(kHandedOnLockVariable);
+  if (value == nullptr) return false;
+  const int fd = std::atoi(value);
+  ::unsetenv(kHandedOnLockVariable);
+  // Only a descriptor of this very lock file is taken, and kept from any program this one starts.
+  struct stat handed {};
+  struct stat mine {};
+  if (fd < 3 || ::fstat(fd, &handed) != 0 || ::stat(lockPath_.c_str(), &mine) != 0 ||
+      handed.st_dev != mine.st_dev || handed.st_ino != mine.st_ino) {
+    return false;
+  }
+  // The same open file: its lock is this process's already; a failure here means it was not.
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) return false;
+  ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+  fd_ = fd;
+  return true;
+}
+
+bool InstanceLock::claimSocket() const {
+  if (fd_ < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (socketPath_.size() >= sizeof(address.sun_path)) return false;
+  std::memcpy(address.sun_path, socketPath_.c_str(), socketPath_.size() + 1);
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  const bool answered = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  ::close(fd);
+  if (answered) return false;
   ::unlink(socketPath_.c_str());
   return true;
 }

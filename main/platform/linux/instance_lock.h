@@ -4,6 +4,9 @@
 
 namespace tarry::platform::os {
 
+/// The environment variable naming the lock descriptor an update hands on to the new copy.
+inline constexpr const char* kHandedOnLockVariable = "TARRY_UPDATE_LOCK_FD";
+
 /// One running copy of the program per user and display.
 ///
 /// The first copy holds an exclusive `flock` on "<runtime dir>/tarry-<display>.lock" for its whole
@@ -11,6 +14,10 @@ namespace tarry::platform::os {
 /// the lock when the process ends in any way (kill -9 included), so a stale lock cannot exist; a
 /// stale socket file is removed by the next copy that holds the lock. Two copies racing for the
 /// lock end with exactly one holder.
+///
+/// An update hands the lock on: the new copy inherits the descriptor (its number in
+/// TARRY_UPDATE_LOCK_FD), so the lock is never free while one copy replaces the other and no
+/// launch in between can become a second running copy.
 class InstanceLock final {
  public:
   /// Paths for the display named `display` (":0", "localhost:10.0") under `runtimeDir`.
@@ -24,6 +31,14 @@ class InstanceLock final {
   bool tryAcquire(std::string& error);
   /// True while this object holds the lock.
   [[nodiscard]] bool held() const { return fd_ >= 0; }
+  /// The held lock's descriptor (-1 when not held), for handing it on to a new copy.
+  [[nodiscard]] int descriptor() const { return fd_; }
+  /// In a copy started by an update: takes the lock the old copy handed on, if it names this
+  /// lock's file. True when this object holds the lock now.
+  bool adoptHandedOn();
+  /// Once the lock is held: true when no copy listens at the socket any more (the old one after
+  /// an update has gone), with any file left there removed so that this copy can listen.
+  [[nodiscard]] bool claimSocket() const;
 
   /// Sends one request line to the running copy and returns its answer line ("ok", "error: …").
   /// Retries the connection for up to `timeoutSec` (the running copy may still be starting);

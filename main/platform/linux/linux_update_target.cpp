@@ -1,5 +1,7 @@
 #include "platform/linux/linux_update_target.h"
 
+#include "platform/linux/instance_lock.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -13,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tarry::platform::os {
@@ -167,6 +170,20 @@ std::string LinuxUpdateTarget::relaunch() {
   };
   int ready[2];
   if (::pipe2(ready, O_CLOEXEC) != 0) return rollback("The new version could not be started.");
+  // The environment is made before fork: the child only execs.
+  std::vector<std::string> variables;
+  for (char** v = environ; *v != nullptr; ++v) {
+    const std::string_view entry(*v);
+    const auto named = [&entry](std::string_view name) {
+      return entry.size() > name.size() && entry.substr(0, name.size()) == name && entry[name.size()] == '=';
+    };
+    if (!named(kReadyVariable) && !named(kHandedOnLockVariable)) variables.emplace_back(entry);
+  }
+  variables.push_back(std::string(kReadyVariable) + "=" + std::to_string(ready[1]));
+  if (lock_ >= 0) variables.push_back(std::string(kHandedOnLockVariable) + "=" + std::to_string(lock_));
+  std::vector<char*> envp;
+  for (auto& v : variables) envp.push_back(v.data());
+  envp.push_back(nullptr);
   const pid_t child = ::fork();
   if (child < 0) {
     ::close(ready[0]);
@@ -177,8 +194,8 @@ std::string LinuxUpdateTarget::relaunch() {
     // Its own session, so that it outlives this process and its terminal.
     ::setsid();
     ::fcntl(ready[1], F_SETFD, 0);
-    ::setenv(kReadyVariable, std::to_string(ready[1]).c_str(), 1);
-    ::execl(exe.c_str(), exe.c_str(), static_cast<char*>(nullptr));
+    if (lock_ >= 0) ::fcntl(lock_, F_SETFD, 0);
+    ::execle(exe.c_str(), exe.c_str(), static_cast<char*>(nullptr), envp.data());
     ::_exit(127);
   }
   ::close(ready[1]);

@@ -13,7 +13,8 @@ namespace tarry::platform::os {
 /// unpacked into <base>/tarry-<version> and `current` is switched with one rename, so the program
 /// is always either the old or the new copy. The new copy is started with the write end of a pipe
 /// in TARRY_UPDATE_READY_FD; until it writes "ready" there the old copy stays, and `current` goes
-/// back to it when the new one fails to start.
+/// back to it when the new one fails to start. The new copy also inherits the instance lock (see
+/// `handOnLock`).
 /// A copy installed from the Debian package (the package `tarry` lists the running program among
 /// its files) hands the verified package to `pkexec apt-get install`.
 class LinuxUpdateTarget final : public UpdateTarget {
@@ -36,6 +37,10 @@ class LinuxUpdateTarget final : public UpdateTarget {
   /// percent-encoded.
   [[nodiscard]] static std::string fileURI(const std::string& path);
 
+  /// The descriptor of the instance lock the new copy keeps (-1: none), so that no other copy can
+  /// start while one replaces the other.
+  void handOnLock(int descriptor) { lock_ = descriptor; }
+
   /// In a newly started copy: tells the copy that started it that this one runs. Harmless when
   /// this process was not started by an update.
   static void reportStarted();
@@ -45,6 +50,7 @@ class LinuxUpdateTarget final : public UpdateTarget {
 
   std::string executable_;
   double startTimeoutSec_;
+  int lock_ = -1;
   InstallKind kind_ = InstallKind::other;
   /// Self-contained installs: the folder holding `current`, and the folder names it pointed to
   /// before and after an update.
