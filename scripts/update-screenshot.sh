@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Shows the update path on a private X server (Xvfb + openbox) against a local https server and
-# saves three screenshots: the offer, the progress window during a (slowed) download, and the
-# refusal of a download whose signature is wrong. Prints the PNGs' paths.
+# saves four screenshots: the offer, the progress window during a (slowed) download, the refusal
+# of a download whose signature is wrong, and a checked download left for the user to install.
+# Prints the PNGs' paths.
 #
 #   scripts/update-screenshot.sh [OUTPUT_DIR]
 set -euo pipefail
@@ -61,9 +62,31 @@ try:
     shot("refusal.png")
     subprocess.run(["xdotool", "key", "Return"], env=h.env, check=True)
     proc.wait(timeout=20)
+
+    # A copy that cannot replace itself (neither its own folder nor the package's) names the
+    # checked file for the user.
+    u.publish(archive, u.sign(archive, secret), port)
+    u.SLOW["delay"] = 0
+    plain = os.path.join(h.tmp, "plain", "tarry")
+    os.makedirs(os.path.dirname(plain))
+    with open(plain, "w") as f:
+        f.write("#!/bin/sh\n")
+    os.chmod(plain, 0o755)
+    with open(log, "w") as f:
+        proc = subprocess.Popen([probe, "--server", "https://127.0.0.1:%d" % port, "--version", "1.0",
+                                 "--key", pk, "--exe", plain, "--qt-alerts"], env=env, stdout=f,
+                                stderr=subprocess.STDOUT)
+    wait_for("the offer", lambda: said("ALERT Tarry 2.0 is available"), timeout=20)
+    time.sleep(1.5)
+    subprocess.run(["xdotool", "key", "Return"], env=h.env, check=True)
+    wait_for("the file left for the user", lambda: said("ALERT Install Tarry 2.0 by hand"), timeout=60)
+    time.sleep(1.5)
+    shot("by-hand.png")
+    subprocess.run(["xdotool", "key", "Return"], env=h.env, check=True)
+    proc.wait(timeout=20)
     server.shutdown()
 finally:
     h.close()
-for name in ("offer.png", "progress.png", "refusal.png"):
+for name in ("offer.png", "progress.png", "refusal.png", "by-hand.png"):
     print(os.path.join(out, name))
 PYTHON

@@ -334,8 +334,9 @@ void Installer::installVerified(const Release& release, const std::string& path)
     deps_.progress.close();
     busy_ = false;
     tellFailure("Install Tarry " + release.version + " by hand",
-                "This copy of Tarry cannot replace itself with this download. The checked file is " + path +
-                    "; its folder opens now.");
+                "This copy of Tarry cannot replace itself with this download. The checked file, shown in its "
+                "folder now:\n" +
+                    path);
     deps_.target.showInFolder(path);
     return;
   }
@@ -351,8 +352,10 @@ void Installer::installVerified(const Release& release, const std::string& path)
                 deps_.progress.close();
                 busy_ = false;
                 tellFailure(kNotInstalled,
-                            error + " The checked package is " + path +
-                                "; install it with your package manager. Its folder opens now.");
+                            error +
+                                " Install the checked package with your package manager. It is shown in "
+                                "its folder now:\n" +
+                                path);
                 deps_.target.showInFolder(path);
                 return;
               }

@@ -264,8 +264,9 @@ TEST_F(InstallerTest, PackagesGoToTheSystemInstallerOrTheFolderIsShown) {
   EXPECT_EQ(target.calls, (std::vector<std::string>{"package " + deb, "show " + deb}));
   ASSERT_EQ(alerts.shown.size(), 1U);
   EXPECT_EQ(alerts.shown[0].informativeText,
-            "Authentication was dismissed. The checked package is " + deb +
-                "; install it with your package manager. Its folder opens now.");
+            "Authentication was dismissed. Install the checked package with your package manager. It is "
+            "shown in its folder now:\n" +
+                deb);
   EXPECT_TRUE(files.exists(deb));  // verified, kept for the user
 
   // A new copy that does not come up leaves the user on the old one, told so.
@@ -287,8 +288,9 @@ TEST_F(InstallerTest, PackagesGoToTheSystemInstallerOrTheFolderIsShown) {
   EXPECT_EQ(target.calls, (std::vector<std::string>{"show " + deb}));
   EXPECT_EQ(alerts.shown.back().message, "Install Tarry 2.0 by hand");
   EXPECT_EQ(alerts.shown.back().informativeText,
-            "This copy of Tarry cannot replace itself with this download. The checked file is " + deb +
-                "; its folder opens now.");
+            "This copy of Tarry cannot replace itself with this download. The checked file, shown in its "
+            "folder now:\n" +
+                deb);
   EXPECT_TRUE(files.exists(deb));
 }
 

@@ -18,7 +18,7 @@ import time
 
 FILE_MANAGER = "org.freedesktop.FileManager1"
 NOT_INSTALLED = "ALERT The update was not installed | "
-LEFT_FOR_USER = " The checked package is %s; install it with your package manager. Its folder opens now."
+LEFT_FOR_USER = " Install the checked package with your package manager. It is shown in its folder now:\n%s"
 
 
 def file_manager(record):
