@@ -1,5 +1,7 @@
 #include "platform/qt/qt_convert.h"
 
+#include "platform/qt/qt_hud_panel.h"
+
 #include <QFile>
 #include <QIcon>
 #include <QPainter>
@@ -31,6 +33,7 @@ QImage toQImage(const Icon& icon, int size) {
   }
   if (icon.name.empty()) return {};
   const QString name = toQString(icon.name);
+  registerShippedIcons();
   const QString shipped = QStringLiteral(":/icons/%1.svg").arg(name);
   if (QFile::exists(shipped)) {
     QSvgRenderer renderer(shipped);
