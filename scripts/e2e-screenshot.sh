@@ -22,7 +22,6 @@ python3 - "$bin" "$client" "$out" <<'PYTHON'
 import os, subprocess, sys, time
 sys.path.insert(0, os.path.join(os.getcwd(), "tests", "e2e"))
 from harness import Harness, wait_for
-from e2e import start_guard
 
 tarry, client, out = sys.argv[1:4]
 h = Harness(os.path.abspath(tarry), os.path.abspath(client))
@@ -31,7 +30,7 @@ try:
     h.start_client("app", "--title", "Quarterly report - Tarry Test Client", "--geometry", "900x560+190+120",
                    "--icon", "16,32,48,128")
     # As at login, without a tray: no window of tarry's own covers the test application.
-    start_guard(h)
+    h.start_guard()
     h.keydown("ctrl+q")
     wait_for("the HUD", h.hud_visible, timeout=5)
     time.sleep(1.0)

@@ -23,7 +23,7 @@ python3 - "$bin" "$client" "$out" <<'PYTHON'
 import os, subprocess, sys, tempfile, time
 sys.path.insert(0, os.path.join(os.getcwd(), "tests", "e2e"))
 from harness import CLIENT_ID, Harness, wait_for
-from e2e import close_enough, frame_of, hold_quit, minimized, ready_windows, start_guard, write_entry
+from e2e import close_enough, frame_of, hold_quit, minimized, ready_windows, write_entry
 
 tarry, client, out = sys.argv[1:4]
 h = Harness(os.path.abspath(tarry), os.path.abspath(client))
@@ -42,7 +42,7 @@ try:
     frames = [frame_of(h, w) for w in (second, third)]
     h.activate(second)
     # As at login, without a tray: no window of tarry's own covers the test application.
-    start_guard(h)
+    h.start_guard()
     before = os.path.join(work, "before.png")
     subprocess.run(["import", "-window", "root", before], env=h.env, check=True)
     hold_quit(h, app)

@@ -22,13 +22,6 @@ CTRL = 0x4
 CASES = {}
 
 
-
-def start_guard(h, extra_env=None):
-    """tarry as the session starts it at login, without a tray icon: no window of its own takes
-    the focus from the test client, so these cases see the guard alone."""
-    h.defaults("write", "showMenuBar", "false")
-    h.start_tarry(extra_env, args=["--autostart"])
-
 def case(fn):
     CASES[fn.__name__] = fn
     return fn
@@ -53,7 +46,7 @@ def settle(seconds=0.4):
 @case
 def short_press_is_blocked(h):
     client = h.start_client("app")
-    start_guard(h)
+    h.start_guard()
     h.keydown("ctrl+q")
     wait_for("the HUD to show", h.hud_visible, timeout=5)
     h.keyup("ctrl+q")
@@ -67,7 +60,7 @@ def short_press_is_blocked(h):
 @case
 def long_hold_quits(h):
     client = h.start_client("app")
-    start_guard(h)
+    h.start_guard()
     h.keydown("ctrl+q")
     # The default hold is 2 s; the client must be asked to close well within 6 s.
     wait_for("the client to end", lambda: not client.alive(), timeout=6)
@@ -81,7 +74,7 @@ def long_hold_quits(h):
 def instant_rule_passes_at_once(h):
     h.defaults("write", "appModes", json.dumps({CLIENT_ID: "instant"}))
     client = h.start_client("app")
-    start_guard(h)
+    h.start_guard()
     h.key("ctrl+q")
     wait_for("Ctrl+Q to reach the client", lambda: client.presses(KEY_Q), timeout=5)
     wait_for("the client to quit", lambda: not client.alive(), timeout=5)
@@ -93,7 +86,7 @@ def instant_rule_passes_at_once(h):
 def close_hold_reposts_ctrl_w(h):
     h.defaults("write", "closeHold", "1")
     client = h.start_client("app", "--windows", "2")
-    start_guard(h)
+    h.start_guard()
     h.key("ctrl+w")
     wait_for("one blocked close", lambda: h.counter("wblocked") == 1)
     settle()
@@ -115,7 +108,7 @@ def press_twice_close_reposts_ctrl_w(h):
     h.defaults("write", "style", "1")
     h.defaults("write", "closeHold", "1")
     client = h.start_client("app", "--windows", "2")
-    start_guard(h)
+    h.start_guard()
     h.key("ctrl+w")
     settle()
     check(not client.closed(), "the first Ctrl+W closed a window")
@@ -129,7 +122,7 @@ def press_twice_close_reposts_ctrl_w(h):
 @case
 def unguarded_keys_pass_untouched(h):
     client = h.start_client("app")
-    start_guard(h)
+    h.start_guard()
     h.key("ctrl+shift+w")
     h.key("ctrl+alt+q")
     h.x("xdotool", "type", "--delay", "20", "hello")
@@ -145,7 +138,7 @@ def unguarded_keys_pass_untouched(h):
 @case
 def layouts_follow_the_typed_letter(h):
     client = h.start_client("app")
-    start_guard(h)
+    h.start_guard()
     # Dvorak types q on the key that types x on a US keyboard.
     h.x("setxkbmap", "dvorak")
     settle()
@@ -167,7 +160,7 @@ def layouts_follow_the_typed_letter(h):
 @case
 def killed_during_hold_leaves_keyboard_working(h):
     client = h.start_client("app")
-    start_guard(h)
+    h.start_guard()
     h.keydown("ctrl+q")
     wait_for("the HUD to show", h.hud_visible, timeout=5)
     h.tarry_proc.kill()
@@ -182,7 +175,7 @@ def killed_during_hold_leaves_keyboard_working(h):
 @case
 def stalled_main_thread_frees_the_keyboard(h):
     client = h.start_client("app", "--keep-running")
-    start_guard(h, {"TARRY_DEBUG_STALL_ON_PRESS": "2"})
+    h.start_guard({"TARRY_DEBUG_STALL_ON_PRESS": "2"})
     sent = time.monotonic()
     h.key("ctrl+q")
     first = wait_for("Ctrl+Q to be let through", lambda: client.presses(KEY_Q), timeout=5)
@@ -204,7 +197,7 @@ def stalled_main_thread_frees_the_keyboard(h):
 @case
 def stopped_program_never_holds_the_keyboard(h):
     client = h.start_client("app", "--keep-running")
-    start_guard(h)
+    h.start_guard()
     h.keydown("ctrl+q")
     wait_for("the HUD to show", h.hud_visible, timeout=5)
     # As under a debugger or in a frozen cgroup: the process runs no code at all, no thread of it.
@@ -236,7 +229,7 @@ def stopped_program_never_holds_the_keyboard(h):
 
 @bare_x_case
 def missing_window_manager_is_reported(h):
-    start_guard(h)
+    h.start_guard()
     wait_for("the missing window manager to be logged",
              lambda: "keyboard guard not working: no EWMH window manager is running" in h.events_log())
     check(h.events_log().count("keyboard guard not working") == 1, "logged more than once:\n" + h.events_log())
@@ -269,7 +262,7 @@ def killed_x_connection_of_the_guard_is_replaced(h):
     # The connection that holds the grabs is killed on its own (xkill), as the server does with a
     # client it refuses; Qt's connection and the program live on.
     client = h.start_client("app")
-    start_guard(h)
+    h.start_guard()
     found = h.search("--name", "^Tarry keyboard guard$")
     check(len(found) == 1, "the guard's connection has no named window: %s" % found)
     h.x("xkill", "-id", str(found[0]))
@@ -395,7 +388,7 @@ def apps_lists_ids_and_a_tk_app_gets_its_own(h):
           "the desktop entry's app is missing or wrong:\n" + listing.stdout)
 
     # The guard knows the Tk app by the same id: its rule protects it.
-    start_guard(h)
+    h.start_guard()
     h.activate(int(window))
     h.key("ctrl+q")
     wait_for("the refusal to be logged", lambda: "Ctrl+Q refused: notes_pad is protected by its rule" in h.events_log())
@@ -468,7 +461,7 @@ def undo_brings_back_windows(h):
     wait_for("the first window to be minimized", lambda: minimized(h, first), timeout=5)
     before = frame_of(h, second)
     h.activate(second)
-    start_guard(h)
+    h.start_guard()
     hold_quit(h, client)
     wait_for("the undo banner's record", lambda: "quit confirmed" in h.events_log(), timeout=5)
     settle(0.6)
@@ -487,7 +480,7 @@ def undo_expires_after_30s(h):
     relaunch_log = os.path.join(h.tmp, "relaunched.log")
     write_entry(h, CLIENT_ID, "Notes", "TarryTestClient", ["--log", relaunch_log])
     client = h.start_client("app")
-    start_guard(h)
+    h.start_guard()
     hold_quit(h, client)
     time.sleep(30.5)
     h.key("ctrl+alt+z")
@@ -509,7 +502,7 @@ def quit_others_and_undo(h):
     # Asks about unsaved work: stays open, and is not counted as quit.
     writer = h.start_client("writer", "--class", "writer,Writer", "--refuse-close", "--geometry", "300x200+780+60")
     front = h.start_client("front", "--geometry", "300x200+60+420")
-    start_guard(h, {"TARRY_DEBUG_QUIT_OTHERS_AFTER": "1"})
+    h.start_guard({"TARRY_DEBUG_QUIT_OTHERS_AFTER": "1"})
 
     def alert():
         return h.search("--onlyvisible", "--name", "^Tarry$")

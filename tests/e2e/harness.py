@@ -239,6 +239,13 @@ class Harness:
         if self.tarry_proc.poll() is not None:
             raise Failure("tarry ended at start: " + self.output("tarry"))
 
+    def start_guard(self, extra_env=None):
+        """tarry as the session starts it at login, without a tray icon: no window of its own (a
+        manual launch opens Settings) takes the focus from the test client, so a case sees the
+        guard alone."""
+        self.defaults("write", "showMenuBar", "false")
+        self.start_tarry(extra_env, args=["--autostart"])
+
     def output(self, name):
         try:
             with open(os.path.join(self.tmp, name + ".out"), encoding="utf-8", errors="replace") as f:

@@ -259,7 +259,7 @@ def login_launch_opens_no_window(h):
 @case
 def pause_lets_ctrl_q_through(h):
     client = h.start_client("app")
-    h.start_tarry()
+    h.start_guard()
     result = run_tarry(h, "--pause", "15")
     check(result.returncode == 0, "--pause failed: %s" % result.stderr)
     wait_for("the pause to be stored", lambda: stored(h, "pauseUntil") is not None)
@@ -278,7 +278,7 @@ def pause_lets_ctrl_q_through(h):
 def terminal_running_a_command_holds_longer(h):
     xterm = h.spawn(["xterm", "-T", "busy-term", "-e", "sleep", "300"], "xterm")
     wait_for("xterm's window", lambda: windows_named(h, "busy-term"), timeout=10)
-    h.start_tarry()
+    h.start_guard()
     h.activate(windows_named(h, "busy-term")[0])
     # Plain hold is 2 s; a command in a terminal doubles it. Let go at 3 s: still blocked.
     h.keydown("ctrl+q")
