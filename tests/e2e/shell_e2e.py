@@ -59,6 +59,16 @@ def guard_on_count(h):
     return h.events_log().count("keyboard guard on")
 
 
+def running(pid):
+    """False once the process has ended, also when nobody has reaped it yet (a process this script
+    did not start is not its child)."""
+    try:
+        with open("/proc/%d/stat" % pid, encoding="utf-8") as f:
+            return f.read().rsplit(")", 1)[1].split()[0] not in ("Z", "X")
+    except (OSError, IndexError):
+        return False
+
+
 def copies_of_tarry(h):
     """The pids of the tarry programs (not their hand-over launches) on this desktop, also those
     this script did not start."""
@@ -71,11 +81,9 @@ def copies_of_tarry(h):
                 continue
             with open("/proc/%s/environ" % entry, "rb") as f:
                 env = f.read().split(b"\0")
-            with open("/proc/%s/stat" % entry, encoding="utf-8") as f:
-                zombie = f.read().rsplit(")", 1)[1].split()[0] == "Z"
         except OSError:
             continue
-        if not zombie and ("DISPLAY=" + h.env["DISPLAY"]).encode() in env:
+        if running(int(entry)) and ("DISPLAY=" + h.env["DISPLAY"]).encode() in env:
             pids.append(int(entry))
     return pids
 
@@ -87,11 +95,7 @@ class Adopted:
         self.pid = pid
 
     def poll(self):
-        try:
-            os.kill(self.pid, 0)
-            return None
-        except ProcessLookupError:
-            return 0
+        return None if running(self.pid) else 0
 
     def terminate(self):
         self.send_signal(signal.SIGTERM)
