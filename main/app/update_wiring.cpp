@@ -56,8 +56,8 @@ DesktopUpdates::DesktopUpdates(DesktopUpdatesDeps deps)
   // A hidden testing aid (the end-to-end tests have no signed release to install): with
   // TARRY_DEBUG_RELAUNCH_AFTER=<seconds> the program starts itself again that long after launch,
   // as an installed update does, and quits once the new copy runs. The new copy does not repeat it.
-  if (const char* after = std::getenv("TARRY_DEBUG_RELAUNCH_AFTER"); after && std::atof(after) > 0) {
-    const double seconds = std::atof(after);
+  const char* after = std::getenv("TARRY_DEBUG_RELAUNCH_AFTER");
+  if (const double seconds = after ? std::atof(after) : 0; seconds > 0) {
     ::unsetenv("TARRY_DEBUG_RELAUNCH_AFTER");
     debugRelaunch_ = deps_.loop.after(seconds, [this] {
       const std::string error = linuxTarget_.relaunch();

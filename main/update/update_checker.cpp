@@ -154,11 +154,8 @@ void UpdateChecker::schedulePrefetch(const Release& release, double delaySec) {
 }
 
 void UpdateChecker::startPrefetch(const Release& release) {
-  // Only the newest known release, and only until an install starts; the switch is read now.
-  if (installStarted_ || !available_ || available_->version != release.version ||
-      !deps_.tunables.flag(T::updatePrefetch)) {
-    return;
-  }
+  // The switch is read now.
+  if (!stillWanted(release) || !deps_.tunables.flag(T::updatePrefetch)) return;
   if (deps_.tunables.flag(T::updatePrefetchAvoidMetered) && metered && metered()) {
     prefetchFailed(release, "update prefetch skipped: metered network");
     return;
@@ -174,8 +171,12 @@ void UpdateChecker::startPrefetch(const Release& release) {
   });
 }
 
+bool UpdateChecker::stillWanted(const Release& release) const {
+  return !installStarted_ && available_ && available_->version == release.version;
+}
+
 void UpdateChecker::prefetchFailed(const Release& release, const std::string& why) {
-  if (installStarted_ || !available_ || available_->version != release.version) {
+  if (!stillWanted(release)) {
     deps_.log(why);
     return;
   }

@@ -87,6 +87,8 @@ class UpdateChecker final {
   void schedulePrefetch(const Release& release, double delaySec);
   void startPrefetch(const Release& release);
   void prefetchFailed(const Release& release, const std::string& why);
+  /// A prefetch is for the newest known release only, and only until an install starts.
+  [[nodiscard]] bool stillWanted(const Release& release) const;
   void offerWhenQuiet(const Release& release);
   void waitForQuiet();
   void ask(const Release& release);

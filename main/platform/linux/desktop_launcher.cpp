@@ -1,5 +1,7 @@
 #include "platform/linux/desktop_launcher.h"
 
+#include "platform/linux/exec_args.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -179,9 +181,7 @@ bool spawnDetached(const std::vector<std::string>& argv, const std::string& dire
   if (argv.empty()) return false;
   // NOTE: everything the child needs is prepared before fork: after it, in a process with threads,
   // only async-signal-safe calls are allowed.
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  std::vector<char*> args = execArgs(argv);
   const char* dir = directory.empty() ? nullptr : directory.c_str();
 
   int report[2];

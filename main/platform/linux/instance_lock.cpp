@@ -43,6 +43,14 @@ bool writeAll(int fd, const std::string& data) {
   return true;
 }
 
+/// The socket address of `path`; false when the path is too long for one.
+bool addressOf(const std::string& path, sockaddr_un& address) {
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof(address.sun_path)) return false;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
 }  // namespace
 
 InstanceLock::InstanceLock(const std::string& runtimeDir, const std::string& display) {
@@ -97,9 +105,7 @@ bool InstanceLock::adoptHandedOn() {
 bool InstanceLock::claimSocket() const {
   if (fd_ < 0) return false;
   sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (socketPath_.size() >= sizeof(address.sun_path)) return false;
-  std::memcpy(address.sun_path, socketPath_.c_str(), socketPath_.size() + 1);
+  if (!addressOf(socketPath_, address)) return false;
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return false;
   const bool answered = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
@@ -112,12 +118,10 @@ bool InstanceLock::claimSocket() const {
 bool InstanceLock::send(const std::string& request, std::string& reply, std::string& error,
                         double timeoutSec) const {
   sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (socketPath_.size() >= sizeof(address.sun_path)) {
+  if (!addressOf(socketPath_, address)) {
     error = "socket path too long: " + socketPath_;
     return false;
   }
-  std::memcpy(address.sun_path, socketPath_.c_str(), socketPath_.size() + 1);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSec);
   for (;;) {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

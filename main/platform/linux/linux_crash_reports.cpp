@@ -1,5 +1,7 @@
 #include "platform/linux/linux_crash_reports.h"
 
+#include "platform/linux/exec_args.h"
+
 #include <nlohmann/json.hpp>
 
 #include <cxxabi.h>
@@ -271,9 +273,7 @@ std::optional<std::string> runAndCapture(const std::vector<std::string>& argv, s
   if (argv.empty()) return std::nullopt;
   int out[2];
   if (::pipe2(out, O_CLOEXEC) != 0) return std::nullopt;
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  std::vector<char*> args = execArgs(argv);
   const pid_t child = ::fork();
   if (child < 0) {
     ::close(out[0]);

@@ -1,5 +1,6 @@
 #include "platform/linux/linux_update_target.h"
 
+#include "platform/linux/exec_args.h"
 #include "platform/linux/instance_lock.h"
 
 #include <fcntl.h>
@@ -41,9 +42,7 @@ bool isExecutableFile(const fs::path& path) {
 
 /// Runs argv and waits; the exit status, or -1 when it could not start.
 int runAndWait(const std::vector<std::string>& argv) {
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  std::vector<char*> args = execArgs(argv);
   const pid_t child = ::fork();
   if (child < 0) return -1;
   if (child == 0) {
@@ -181,9 +180,7 @@ std::string LinuxUpdateTarget::relaunch() {
   }
   variables.push_back(std::string(kReadyVariable) + "=" + std::to_string(ready[1]));
   if (lock_ >= 0) variables.push_back(std::string(kHandedOnLockVariable) + "=" + std::to_string(lock_));
-  std::vector<char*> envp;
-  for (auto& v : variables) envp.push_back(v.data());
-  envp.push_back(nullptr);
+  std::vector<char*> envp = execArgs(variables);
   const pid_t child = ::fork();
   if (child < 0) {
     ::close(ready[0]);
@@ -282,9 +279,7 @@ void LinuxUpdateTarget::showInFolder(const std::string& path) {
                                               "org.freedesktop.FileManager1.ShowItems",
                                               "array:string:" + fileURI(path),
                                               "string:"};
-  std::vector<char*> showArgs;
-  for (const auto& a : showItems) showArgs.push_back(const_cast<char*>(a.c_str()));
-  showArgs.push_back(nullptr);
+  std::vector<char*> showArgs = execArgs(showItems);
   // Everything is prepared before fork: the children only exec, wait and exit.
   // Detached twice over, so the file manager is neither waited for nor left as a zombie.
   const pid_t child = ::fork();
