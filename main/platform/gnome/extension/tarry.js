@@ -1,0 +1,471 @@
+// Tarry's GNOME Shell extension: Tarry's hands and eyes inside the Shell.
+//
+// It catches Ctrl+Q, Ctrl+W, Ctrl+Shift+Q and Ctrl+Alt+Z for Tarry, tells Tarry when they go down
+// and up, types a combination back into the focused app when Tarry asks, and answers Tarry's
+// questions about windows. It decides nothing: how long a hold lasts, which app is guarded and
+// what the HUD says are Tarry's business.
+//
+// Only the process that owns Tarry's bus name is heard and told anything, and the keys are caught
+// only while that name has an owner: a Tarry that ends or dies (even by SIGKILL) gives Ctrl+Q back
+// to the apps at once.
+//
+// This file is the body shared by both builds; the build wraps it in the imports of the Shell it
+// targets (ES modules from GNOME 45, `imports.gi` before).
+
+const TARRY_NAME = 'org.tarry.Tarry';
+const OWN_NAME = 'org.tarry.Tarry.GnomeShell';
+const OBJECT_PATH = '/org/tarry/Tarry/GnomeShell';
+const INTERFACE = 'org.tarry.Tarry.GnomeShell1';
+const PROTOCOL = 1;
+
+// The combinations, by the words Tarry uses for them.
+const COMBINATIONS = [
+    {word: 'quit', accelerator: '<Control>q', keyval: 'q', mods: ['Control_L']},
+    {word: 'close', accelerator: '<Control>w', keyval: 'w', mods: ['Control_L']},
+    {word: 'logout', accelerator: '<Control><Shift>q', keyval: 'Q', mods: ['Control_L', 'Shift_L']},
+    {word: 'undo', accelerator: '<Control><Alt>z', keyval: 'z', mods: ['Control_L', 'Alt_L']},
+];
+
+// Modifier bits sent to Tarry, as Clutter names them.
+const SHIFT = 1;
+const CONTROL = 4;
+const ALT = 8;
+const MODIFIER_KEYS = {
+    Shift_L: SHIFT, Shift_R: SHIFT,
+    Control_L: CONTROL, Control_R: CONTROL,
+    Alt_L: ALT, Alt_R: ALT, Meta_L: ALT, Meta_R: ALT,
+};
+const OTHER_MODIFIERS = ['Super_L', 'Super_R', 'ISO_Level3_Shift', 'Caps_Lock', 'Num_Lock', 'Hyper_L', 'Hyper_R'];
+
+// A grab taken again after a typed combination, once the typed keys have reached the app.
+const REGRAB_DELAY_MS = 150;
+// A hold's modal grab ends by itself after this long when Tarry gave no limit.
+const DEFAULT_LIMIT_MS = 12000;
+
+const INTERFACE_XML = `
+<node>
+  <interface name="${INTERFACE}">
+    <method name="Hello">
+      <arg type="u" direction="in" name="holdLimitMs"/>
+      <arg type="s" direction="out" name="about"/>
+    </method>
+    <method name="Arm">
+      <arg type="b" direction="in" name="on"/>
+      <arg type="as" direction="out" name="refused"/>
+    </method>
+    <method name="Type">
+      <arg type="s" direction="in" name="word"/>
+    </method>
+    <method name="FocusedWindow">
+      <arg type="s" direction="out" name="json"/>
+    </method>
+    <method name="Windows">
+      <arg type="s" direction="out" name="json"/>
+    </method>
+    <method name="Close">
+      <arg type="i" direction="in" name="pid"/>
+      <arg type="b" direction="out" name="delivered"/>
+    </method>
+    <method name="SetFrame">
+      <arg type="u" direction="in" name="id"/>
+      <arg type="i" direction="in" name="x"/>
+      <arg type="i" direction="in" name="y"/>
+      <arg type="i" direction="in" name="width"/>
+      <arg type="i" direction="in" name="height"/>
+      <arg type="b" direction="in" name="minimized"/>
+      <arg type="b" direction="out" name="done"/>
+    </method>
+    <method name="Hud">
+      <arg type="s" direction="in" name="json"/>
+    </method>
+    <signal name="Key">
+      <arg type="s" name="word"/>
+      <arg type="b" name="down"/>
+    </signal>
+    <signal name="Modifiers">
+      <arg type="u" name="mask"/>
+    </signal>
+    <signal name="Activated">
+      <arg type="i" name="pid"/>
+    </signal>
+  </interface>
+</node>`;
+
+function keyval(name) {
+    return Clutter[`KEY_${name}`];
+}
+
+function seat() {
+    const context = global.stage.context;
+    if (context && context.get_backend)
+        return context.get_backend().get_default_seat();
+    return Clutter.get_default_backend().get_default_seat();
+}
+
+function windowInfo(window) {
+    const frame = window.get_frame_rect();
+    let app = '';
+    try {
+        const found = Shell.WindowTracker.get_default().get_window_app(window);
+        app = found ? found.get_id() : '';
+    } catch (e) {
+        app = '';
+    }
+    return {
+        id: window.get_id(),
+        pid: window.get_pid(),
+        wmClass: window.get_wm_class() || '',
+        gtkAppId: window.get_gtk_application_id() || '',
+        sandboxedAppId: window.get_sandboxed_app_id ? window.get_sandboxed_app_id() || '' : '',
+        desktopId: app,
+        title: window.get_title() || '',
+        x: frame.x, y: frame.y, width: frame.width, height: frame.height,
+        minimized: window.minimized,
+        focused: window.has_focus(),
+        normal: window.get_window_type() === Meta.WindowType.NORMAL && !window.skip_taskbar,
+    };
+}
+
+function allWindows() {
+    // Front to back, as Tarry lists them.
+    const windows = global.display.get_tab_list(Meta.TabList.NORMAL_ALL, null);
+    const seen = new Set(windows);
+    for (const actor of global.get_window_actors().slice().reverse()) {
+        const w = actor.get_meta_window();
+        if (w && !seen.has(w)) {
+            windows.push(w);
+            seen.add(w);
+        }
+    }
+    return windows;
+}
+
+var TarryGuard = class TarryGuard {
+    constructor(version) {
+        this._version = version;
+        this._owner = null;
+        this._armed = false;
+        this._grabs = new Map();      // action id -> combination
+        this._byWord = new Map();     // word -> action id
+        this._hold = null;            // {combination, grab, actor, limit, mods}
+        this._queue = [];             // words to type once no guarded key is down
+        this._regrab = new Map();     // word -> timeout source
+        this._limitMs = DEFAULT_LIMIT_MS;
+        this._keyboard = null;
+        this._hud = null;
+    }
+
+    enable() {
+        this._exported = Gio.DBusExportedObject.wrapJSObject(INTERFACE_XML, this);
+        this._exported.export(Gio.DBus.session, OBJECT_PATH);
+        this._ownId = Gio.bus_own_name_on_connection(Gio.DBus.session, OWN_NAME,
+            Gio.BusNameOwnerFlags.NONE, null, null);
+        this._watchId = Gio.bus_watch_name_on_connection(Gio.DBus.session, TARRY_NAME,
+            Gio.BusNameWatcherFlags.NONE,
+            (connection, name, owner) => this._tarryAppeared(owner),
+            () => this._tarryVanished());
+        this._acceleratorId = global.display.connect('accelerator-activated',
+            (display, action) => this._onAccelerator(action));
+        this._focusId = global.display.connect('notify::focus-window', () => this._onFocus());
+    }
+
+    disable() {
+        this._tarryVanished();
+        global.display.disconnect(this._acceleratorId);
+        global.display.disconnect(this._focusId);
+        Gio.bus_unwatch_name(this._watchId);
+        Gio.bus_unown_name(this._ownId);
+        this._exported.unexport();
+        this._exported = null;
+        if (this._keyboard) {
+            this._keyboard.run_dispose();
+            this._keyboard = null;
+        }
+    }
+
+    // ---- Tarry's presence ----
+
+    _tarryAppeared(owner) {
+        if (this._owner && this._owner !== owner)
+            this._tarryVanished();
+        this._owner = owner;
+    }
+
+    _tarryVanished() {
+        this._owner = null;
+        this._armed = false;
+        this._endHold(false);
+        this._queue = [];
+        this._ungrabAll();
+        this._hideHud();
+    }
+
+    _fromTarry(invocation) {
+        if (this._owner && invocation.get_sender() === this._owner)
+            return true;
+        invocation.return_dbus_error('org.freedesktop.DBus.Error.AccessDenied',
+            'only Tarry may call this');
+        return false;
+    }
+
+    _tell(signal, signature, values) {
+        if (!this._owner)
+            return;
+        Gio.DBus.session.emit_signal(this._owner, OBJECT_PATH, INTERFACE, signal,
+            new GLib.Variant(signature, values));
+    }
+
+    // ---- D-Bus methods (Tarry only) ----
+
+    HelloAsync([limitMs], invocation) {
+        if (!this._fromTarry(invocation))
+            return;
+        if (limitMs > 0)
+            this._limitMs = limitMs;
+        invocation.return_value(new GLib.Variant('(s)', [JSON.stringify({
+            protocol: PROTOCOL, version: this._version, shell: Config.PACKAGE_VERSION,
+        })]));
+    }
+
+    ArmAsync([on], invocation) {
+        if (!this._fromTarry(invocation))
+            return;
+        this._armed = on;
+        const refused = on ? this._grabAll() : [];
+        if (!on) {
+            this._endHold(false);
+            this._ungrabAll();
+        }
+        invocation.return_value(new GLib.Variant('(as)', [refused]));
+    }
+
+    TypeAsync([word], invocation) {
+        if (!this._fromTarry(invocation))
+            return;
+        invocation.return_value(null);
+        const combination = COMBINATIONS.find(c => c.word === word);
+        if (!combination)
+            return;
+        // A virtual key press is dropped while the physical key is down: type at its release.
+        if (this._hold)
+            this._queue.push(combination);
+        else
+            this._type(combination);
+    }
+
+    FocusedWindowAsync(params, invocation) {
+        if (!this._fromTarry(invocation))
+            return;
+        const window = global.display.focus_window;
+        invocation.return_value(new GLib.Variant('(s)',
+            [window ? JSON.stringify(windowInfo(window)) : '']));
+    }
+
+    WindowsAsync(params, invocation) {
+        if (!this._fromTarry(invocation))
+            return;
+        invocation.return_value(new GLib.Variant('(s)',
+            [JSON.stringify(allWindows().map(windowInfo))]));
+    }
+
+    CloseAsync([pid], invocation) {
+        if (!this._fromTarry(invocation))
+            return;
+        const windows = allWindows().filter(w => w.get_pid() === pid);
+        const now = global.get_current_time();
+        for (const w of windows)
+            w.delete(now);
+        invocation.return_value(new GLib.Variant('(b)', [windows.length > 0]));
+    }
+
+    SetFrameAsync([id, x, y, width, height, minimized], invocation) {
+        if (!this._fromTarry(invocation))
+            return;
+        const window = allWindows().find(w => w.get_id() === id);
+        if (window) {
+            if (window.minimized && !minimized)
+                window.unminimize();
+            window.move_resize_frame(true, x, y, width, height);
+            if (minimized && !window.minimized)
+                window.minimize();
+        }
+        invocation.return_value(new GLib.Variant('(b)', [!!window]));
+    }
+
+    HudAsync([json], invocation) {
+        if (!this._fromTarry(invocation))
+            return;
+        invocation.return_value(null);
+        let state;
+        try {
+            state = JSON.parse(json);
+        } catch (e) {
+            return;
+        }
+        this._drawHud(state);
+    }
+
+    // ---- keys ----
+
+    _grabAll() {
+        const refused = [];
+        for (const combination of COMBINATIONS) {
+            if (!this._byWord.has(combination.word) && !this._grab(combination))
+                refused.push(combination.word);
+        }
+        return refused;
+    }
+
+    _grab(combination) {
+        const action = global.display.grab_accelerator(combination.accelerator,
+            Meta.KeyBindingFlags.IGNORE_AUTOREPEAT);
+        if (action === Meta.KeyBindingAction.NONE)
+            return false;
+        Main.wm.allowKeybinding(Meta.external_binding_name_for_action(action),
+            Shell.ActionMode.NORMAL | Shell.ActionMode.OVERVIEW);
+        this._grabs.set(action, combination);
+        this._byWord.set(combination.word, action);
+        return true;
+    }
+
+    _ungrab(word) {
+        const action = this._byWord.get(word);
+        if (action === undefined)
+            return;
+        global.display.ungrab_accelerator(action);
+        Main.wm.allowKeybinding(Meta.external_binding_name_for_action(action), Shell.ActionMode.NONE);
+        this._grabs.delete(action);
+        this._byWord.delete(word);
+    }
+
+    _ungrabAll() {
+        for (const source of this._regrab.values())
+            GLib.source_remove(source);
+        this._regrab.clear();
+        for (const word of [...this._byWord.keys()])
+            this._ungrab(word);
+    }
+
+    _onAccelerator(action) {
+        const combination = this._grabs.get(action);
+        if (!combination || !this._owner)
+            return;
+        if (this._hold)
+            this._endHold(true);
+        this._startHold(combination);
+        this._tell('Key', '(sb)', [combination.word, true]);
+    }
+
+    // The release and the modifiers of a held combination come through a modal grab: the app has
+    // no keyboard focus until it ends, at the key's release, at Ctrl's, or at the time limit.
+    _startHold(combination) {
+        const actor = new St.Widget({reactive: true, can_focus: true, width: 1, height: 1, opacity: 0});
+        Main.uiGroup.add_child(actor);
+        const grab = Main.pushModal(actor, {actionMode: Shell.ActionMode.NORMAL});
+        actor.grab_key_focus();
+        let mods = 0;
+        for (const name of combination.mods)
+            mods |= MODIFIER_KEYS[name];
+        const hold = {combination, grab, actor, mods, limit: 0};
+        this._hold = hold;
+        actor.connect('key-press-event', (a, event) => this._onHoldKey(hold, event, true));
+        actor.connect('key-release-event', (a, event) => this._onHoldKey(hold, event, false));
+        hold.limit = GLib.timeout_add(GLib.PRIORITY_DEFAULT, this._limitMs, () => {
+            hold.limit = 0;
+            if (this._hold === hold)
+                this._endHold(true);
+            return GLib.SOURCE_REMOVE;
+        });
+    }
+
+    _onHoldKey(hold, event, down) {
+        if (this._hold !== hold)
+            return Clutter.EVENT_STOP;
+        const symbol = event.get_key_symbol();
+        const name = Object.keys(MODIFIER_KEYS).find(n => keyval(n) === symbol);
+        if (name) {
+            const before = hold.mods;
+            hold.mods = down ? hold.mods | MODIFIER_KEYS[name] : hold.mods & ~MODIFIER_KEYS[name];
+            if (hold.mods !== before)
+                this._tell('Modifiers', '(u)', [hold.mods]);
+            if (!(hold.mods & CONTROL))
+                this._endHold(false);
+            return Clutter.EVENT_STOP;
+        }
+        if (OTHER_MODIFIERS.some(n => keyval(n) === symbol))
+            return Clutter.EVENT_STOP;
+        // Any other key going up ends the hold: on a Cyrillic layout the Q key comes up as й.
+        if (!down)
+            this._endHold(true);
+        return Clutter.EVENT_STOP;
+    }
+
+    _endHold(tellRelease) {
+        const hold = this._hold;
+        if (!hold)
+            return;
+        this._hold = null;
+        if (hold.limit)
+            GLib.source_remove(hold.limit);
+        Main.popModal(hold.grab);
+        hold.actor.destroy();
+        if (tellRelease)
+            this._tell('Key', '(sb)', [hold.combination.word, false]);
+        const queued = this._queue;
+        this._queue = [];
+        for (const combination of queued)
+            this._type(combination, hold.mods);
+    }
+
+    // Types a combination into the focused app: the grab is lifted around it, or the Shell would
+    // catch the typed keys again. Modifiers still held by the user are not pressed a second time.
+    _type(combination, held = 0) {
+        if (!this._keyboard)
+            this._keyboard = seat().create_virtual_device(Clutter.InputDeviceType.KEYBOARD_DEVICE);
+        const wasGrabbed = this._byWord.has(combination.word);
+        this._ungrab(combination.word);
+        const mods = combination.mods.filter(n => !(held & MODIFIER_KEYS[n]));
+        let time = GLib.get_monotonic_time();
+        const key = (name, state) => this._keyboard.notify_keyval(time++, keyval(name), state);
+        for (const m of mods)
+            key(m, Clutter.KeyState.PRESSED);
+        key(combination.keyval, Clutter.KeyState.PRESSED);
+        key(combination.keyval, Clutter.KeyState.RELEASED);
+        for (const m of mods.slice().reverse())
+            key(m, Clutter.KeyState.RELEASED);
+        if (!wasGrabbed)
+            return;
+        const pending = this._regrab.get(combination.word);
+        if (pending)
+            GLib.source_remove(pending);
+        this._regrab.set(combination.word, GLib.timeout_add(GLib.PRIORITY_DEFAULT, REGRAB_DELAY_MS, () => {
+            this._regrab.delete(combination.word);
+            if (this._armed && this._owner && !this._byWord.has(combination.word))
+                this._grab(combination);
+            return GLib.SOURCE_REMOVE;
+        }));
+    }
+
+    // ---- focus ----
+
+    _onFocus() {
+        const window = global.display.focus_window;
+        if (window && this._owner)
+            this._tell('Activated', '(i)', [window.get_pid()]);
+    }
+
+    // ---- the HUD ----
+
+    _drawHud(state) {
+        // Filled in by the HUD code below when present.
+        if (typeof this._drawHudState === 'function')
+            this._drawHudState(state);
+    }
+
+    _hideHud() {
+        if (this._hud) {
+            this._hud.destroy();
+            this._hud = null;
+        }
+    }
+};
