@@ -40,6 +40,10 @@ packages=(
   # headless sway: wtype types, foot is the terminal, grim takes screenshots, Qt's Wayland plugin
   # runs the test client
   libwayland-dev sway wtype foot grim qt6-wayland
+  # GNOME on Wayland: the Shell extension's end-to-end tests on a headless GNOME Shell, with a GTK 4
+  # test app (PyGObject) and keys typed through Mutter's RemoteDesktop (python3-dbus, above);
+  # gdbus (libglib2.0-bin) runs the Shell's Eval and Screenshot methods
+  gnome-shell gjs gir1.2-gtk-4.0 libglib2.0-bin
 )
 
 missing=()

@@ -238,8 +238,8 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
       [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); });
 
   platform::qt::QtScreens screens;
-  std::unique_ptr<platform::HudPanel> panel =
-      makeHudPanel(session, [&log](const std::string& line) { log.log(line); });
+  std::unique_ptr<platform::HudPanel> panel = backends->hudPanel();
+  if (!panel) panel = makeHudPanel(session, [&log](const std::string& line) { log.log(line); });
   guard::HUD hud(*panel, screens, loop, tunables);
 
   std::unique_ptr<StallingTap> stalling;

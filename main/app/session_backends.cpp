@@ -1,5 +1,6 @@
 #include "app/session_backends.h"
 
+#include "app/gnome_session.h"
 #include "platform/qt/qt_hud_panel.h"
 #include "platform/wayland/layer_shell_hud_panel.h"
 #include "platform/wayland/sway_event_tap.h"
@@ -136,7 +137,9 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
   if (!wayland.empty() || type == "wayland") {
     session.display = wayland;
     session.desktop = get("XDG_CURRENT_DESKTOP");
-    session.kind = !get("SWAYSOCK").empty() ? Session::Kind::sway : Session::Kind::otherWayland;
+    session.kind = !get("SWAYSOCK").empty()           ? Session::Kind::sway
+                   : isGnomeDesktop(session.desktop) ? Session::Kind::gnome
+                                                     : Session::Kind::otherWayland;
     if (session.desktop.empty() && session.kind == Session::Kind::sway) session.desktop = "sway";
     return session;
   }
@@ -148,7 +151,7 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
 std::string unsupportedWaylandText(const std::string& desktop) {
   return "this Wayland desktop is not supported yet: " +
          (desktop.empty() ? std::string("unknown") : desktop) +
-         " (Tarry guards keys on X11 and on sway; GNOME and KDE need their own backends)";
+         " (Tarry guards keys on X11, on sway and on GNOME; KDE needs its own backend)";
 }
 
 void prepareQt(const Session& session) {
@@ -175,6 +178,11 @@ std::unique_ptr<SessionBackends> openSessionBackends(const Session& session, pla
           platform::wayland::SwayWorkspace::open(socket, entries, error);
       if (!workspace) return nullptr;
       return std::make_unique<SwayBackends>(std::move(workspace), loop, socket, session.display);
+    }
+    case Session::Kind::gnome: {
+      std::string why;
+      if (auto gnome = openGnomeBackends(session, entries, why)) return gnome;
+      return std::make_unique<UnsupportedBackends>("cannot reach GNOME Shell: " + why, session.display);
     }
     case Session::Kind::otherWayland:
       return std::make_unique<UnsupportedBackends>(unsupportedWaylandText(session.desktop), session.display);

@@ -20,6 +20,7 @@ struct Session {
     none,          // neither a Wayland nor an X display
     x11,           // an X server: the X11 backends
     sway,          // sway or another compositor speaking its IPC ($SWAYSOCK)
+    gnome,         // GNOME Shell on Wayland: Tarry's Shell extension
     otherWayland,  // a Wayland compositor without a backend yet (GNOME, KDE, ...)
   };
   Kind kind = Kind::none;
@@ -49,21 +50,24 @@ class SessionBackends {
   virtual platform::Activity& activity() = 0;
   /// For the log: "X display :1", "sway on wayland-1".
   [[nodiscard]] virtual std::string description() const = 0;
+  /// The HUD's panel where the desktop draws it itself (GNOME: the Shell extension); nothing
+  /// where `makeHudPanel` decides.
+  [[nodiscard]] virtual std::unique_ptr<platform::HudPanel> hudPanel() { return nullptr; }
 };
 
 /// Sets what Qt must know before the application object exists (its platform plugin).
 void prepareQt(const Session& session);
 
 /// Opens the backends of `session`; nothing when the display cannot be reached (`error` says
-/// why). A Wayland desktop without a backend gets backends whose tap is never trusted and says
-/// so in its `lastError`.
+/// why). A Wayland desktop without a backend (or GNOME without a session bus) gets backends whose
+/// tap is never trusted and says so in its `lastError`.
 [[nodiscard]] std::unique_ptr<SessionBackends> openSessionBackends(const Session& session,
                                                                    platform::MainLoop& loop,
                                                                    platform::DesktopEntries& entries,
                                                                    std::string& error);
 
 /// The HUD's panel for `session`: on sway a layer-shell overlay (above every window, never
-/// focused, click-through), else the Qt window. `log` hears why the overlay is not available.
+/// focused, click-through), on GNOME drawn by the Shell extension, else the Qt window. `log` hears why the overlay is not available.
 [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(
     const Session& session, const std::function<void(const std::string&)>& log);
 

@@ -299,6 +299,11 @@ class GnomeDesktop:
         pid = self.eval("global.display.focus_window ? global.display.focus_window.get_pid() : 0")
         return pid if isinstance(pid, int) else 0
 
+    def hud_visible(self):
+        """True while Tarry's HUD is on screen (shown and not faded out)."""
+        return self.eval("Main.uiGroup.get_children().some(a => a.name === 'tarry-hud' && a.visible && "
+                         "a.opacity > 0)") is True
+
     def screenshot(self, path):
         """A PNG of the whole screen, through the Shell's screenshot method (allowed in unsafe mode)."""
         self.run(["gdbus", "call", "--session", "--dest", "org.gnome.Shell.Screenshot", "--object-path",

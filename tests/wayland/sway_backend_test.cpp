@@ -379,13 +379,17 @@ TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
   // Inside a Wayland session the X display is Xwayland's: its grabs would see only X clients.
   EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-1"}, {"SWAYSOCK", "/run/s.sock"}}).kind,
             Kind::sway);
-  const app::Session gnome =
-      detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME"}});
-  EXPECT_EQ(gnome.kind, Kind::otherWayland);
-  EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
+  // GNOME on Wayland by any of the names distributions give it; on Xorg it keeps the X11 backends.
+  EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME"}}).kind,
+            Kind::gnome);
+  EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "ubuntu:GNOME"}}).kind, Kind::gnome);
+  EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"XDG_SESSION_TYPE", "x11"}, {"XDG_CURRENT_DESKTOP", "GNOME"}}).kind,
+            Kind::x11);
+  EXPECT_EQ(detect({{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME-Flashback:Unity"}}).kind,
             Kind::otherWayland);
-  EXPECT_TRUE(app::unsupportedWaylandText(gnome.desktop)
-                  .starts_with("this Wayland desktop is not supported yet: GNOME"));
+  const app::Session kde = detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}});
+  EXPECT_EQ(kde.kind, Kind::otherWayland);
+  EXPECT_TRUE(app::unsupportedWaylandText(kde.desktop).starts_with("this Wayland desktop is not supported yet: KDE"));
 }
 
 }  // namespace

@@ -160,7 +160,7 @@ GnomeEventTap::~GnomeEventTap() {
 
 bool GnomeEventTap::isTrusted() {
   if (!shell_.extensionRunning()) {
-    lastError_ = extensionMissingText();
+    lastError_ = missingText_.empty() ? extensionMissingText() : missingText_;
     return false;
   }
   std::string error;

@@ -45,6 +45,9 @@ class GnomeEventTap final : public EventTap {
   void post(const KeyEvent& event) override;
   [[nodiscard]] std::string problem() const override { return problem_; }
 
+  /// What to tell while the extension is not running (it was just installed, the user switched it
+  /// off); `extensionMissingText()` when empty.
+  void setMissingText(std::string text) { missingText_ = std::move(text); }
   /// The longest the Shell keeps the keyboard for one held combination.
   void setHoldLimit(double seconds) { holdLimitSec_ = seconds; }
 
@@ -58,6 +61,7 @@ class GnomeEventTap final : public EventTap {
   std::string lastError_;
   std::string problem_;
   double holdLimitSec_ = 16;
+  std::string missingText_;
 };
 
 }  // namespace tarry::platform::gnome

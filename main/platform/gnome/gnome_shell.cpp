@@ -3,6 +3,7 @@
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusServiceWatcher>
+#include <QDBusVariant>
 
 namespace tarry::platform::gnome {
 
@@ -44,6 +45,17 @@ GnomeShell::~GnomeShell() { bus_.unregisterService(QString::fromLatin1(kTarryBus
 bool GnomeShell::extensionRunning() const {
   const QDBusConnectionInterface* names = bus_.interface();
   return names && names->isServiceRegistered(QString::fromLatin1(kExtensionBusName)).value();
+}
+
+int GnomeShell::shellMajorVersion() const {
+  QDBusMessage message = QDBusMessage::createMethodCall(
+      QStringLiteral("org.gnome.Shell"), QStringLiteral("/org/gnome/Shell"),
+      QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+  message << QStringLiteral("org.gnome.Shell") << QStringLiteral("ShellVersion");
+  const QDBusMessage reply = bus_.call(message, QDBus::Block, 2000);
+  if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) return 0;
+  const QString version = reply.arguments().first().value<QDBusVariant>().variant().toString();
+  return version.section(QLatin1Char('.'), 0, 0).toInt();
 }
 
 std::optional<QVariantList> GnomeShell::call(const QString& method, const QVariantList& args,

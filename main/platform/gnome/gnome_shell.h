@@ -40,6 +40,8 @@ class GnomeShell final : public QObject {
 
   /// True while the extension's name has an owner (the Shell loaded and enabled it).
   [[nodiscard]] bool extensionRunning() const;
+  /// The running Shell's major version (43, 48); 0 when it does not say.
+  [[nodiscard]] int shellMajorVersion() const;
   /// Calls a method of the extension and waits for its answer; nothing when it gave none (`error`
   /// says why). Any thread.
   std::optional<QVariantList> call(const QString& method, const QVariantList& args = {},

@@ -27,3 +27,24 @@ foreach(format esm legacy)
   list(APPEND extension_outputs ${out}/extension.js ${out}/metadata.json)
 endforeach()
 add_custom_target(tarry_gnome_extension ALL DEPENDS ${extension_outputs})
+
+# Installed: both builds under share/tarry (a Tarry run from elsewhere copies the one that fits into
+# the user's extension folder), and the one for the Shell of the system it is built for in the Shell's
+# system folder, where the package's users find it enabled by the program at first start.
+include(GNUInstallDirs)
+set(TARRY_GNOME_SHELL_FORMAT "" CACHE STRING "The extension build for the system folder: esm (GNOME 45+) or legacy (43-44); found from gnome-shell --version when empty")
+set(extension_format ${TARRY_GNOME_SHELL_FORMAT})
+if(NOT extension_format)
+  set(extension_format esm)
+  find_program(GNOME_SHELL_PROGRAM gnome-shell)
+  if(GNOME_SHELL_PROGRAM)
+    execute_process(COMMAND ${GNOME_SHELL_PROGRAM} --version OUTPUT_VARIABLE shell_version ERROR_QUIET)
+    if(shell_version MATCHES "([0-9]+)\\." AND CMAKE_MATCH_1 LESS 45)
+      set(extension_format legacy)
+    endif()
+  endif()
+endif()
+install(DIRECTORY ${TARRY_EXTENSION_DIR}/esm ${TARRY_EXTENSION_DIR}/legacy
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/tarry/gnome-extension)
+install(DIRECTORY ${TARRY_EXTENSION_DIR}/${extension_format}/${TARRY_EXTENSION_UUID}
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/gnome-shell/extensions)

@@ -455,17 +455,124 @@ var TarryGuard = class TarryGuard {
     }
 
     // ---- the HUD ----
+    //
+    // Tarry decides what the hold panel shows, where and how opaque; this draws it above every
+    // window, never reactive (clicks go through), and fades it as told.
 
     _drawHud(state) {
-        // Filled in by the HUD code below when present.
-        if (typeof this._drawHudState === 'function')
-            this._drawHudState(state);
+        switch (state.op) {
+        case 'layout':
+            this._hudLayout(state.layout);
+            break;
+        case 'origin':
+            this._hudPanel().set_position(Math.round(state.x), Math.round(state.y));
+            break;
+        case 'alpha':
+            this._hudPanel().remove_all_transitions();
+            this._hudPanel().opacity = Math.round(state.alpha * 255);
+            break;
+        case 'fade':
+            this._hudPanel().remove_all_transitions();
+            this._hudPanel().ease({
+                opacity: Math.round(state.alpha * 255),
+                duration: Math.round(state.seconds * 1000),
+                mode: Clutter.AnimationMode.LINEAR,
+            });
+            break;
+        case 'show':
+            this._hudPanel().show();
+            Main.uiGroup.set_child_above_sibling(this._hudPanel(), null);
+            break;
+        case 'hide':
+            if (this._hud) {
+                this._hud.remove_all_transitions();
+                this._hud.hide();
+            }
+            break;
+        }
+    }
+
+    _hudPanel() {
+        if (!this._hud) {
+            this._hud = new St.Widget({name: 'tarry-hud', reactive: false, visible: false, opacity: 0});
+            this._hudParts = {
+                background: new St.Widget(),
+                icon: new St.Icon(),
+                label: new St.Label(),
+                track: new St.Widget(),
+                fill: new St.Widget(),
+                time: new St.Label(),
+                pct: new St.Label(),
+            };
+            for (const part of Object.values(this._hudParts))
+                this._hud.add_child(part);
+            Main.uiGroup.add_child(this._hud);
+        }
+        return this._hud;
+    }
+
+    _hudLayout(layout) {
+        const panel = this._hudPanel();
+        const parts = this._hudParts;
+        const height = layout.height;
+        // Frames come from the panel's lower-left corner; St places from the top-left.
+        const place = (actor, f, dx = 0, dy = 0, outer = height) => {
+            actor.set_position(Math.round(f.x + dx), Math.round(outer - f.y - f.height + dy));
+            actor.set_size(Math.round(f.width), Math.round(f.height));
+        };
+        const rgba = c => `rgba(${Math.round(c.red * 255)},${Math.round(c.green * 255)},${Math.round(c.blue * 255)},${c.alpha})`;
+        panel.set_size(Math.round(layout.width), Math.round(height));
+        parts.background.set_position(0, 0);
+        parts.background.set_size(Math.round(layout.width), Math.round(height));
+        parts.background.style = `background-color: ${rgba(layout.background)}; border-radius: ${layout.cornerRadius}px;` +
+            (layout.shadow ? ' box-shadow: 0 2px 12px rgba(0,0,0,0.35);' : '');
+
+        parts.icon.visible = !!layout.icon.name;
+        if (layout.icon.name) {
+            if (layout.icon.name.startsWith('/'))
+                parts.icon.gicon = Gio.FileIcon.new(Gio.File.new_for_path(layout.icon.name));
+            else
+                parts.icon.icon_name = layout.icon.name;
+            place(parts.icon, layout.icon.frame);
+            parts.icon.icon_size = Math.round(Math.min(layout.icon.frame.width, layout.icon.frame.height));
+        }
+
+        const text = (actor, t) => {
+            actor.visible = t.visible;
+            if (!t.visible)
+                return;
+            actor.text = t.text;
+            place(actor, t.frame);
+            const weight = {regular: 'normal', semibold: '600', bold: 'bold'}[t.font.weight] || 'normal';
+            actor.style = `color: ${rgba(t.color)}; font-size: ${t.font.size}pt; font-weight: ${weight};` +
+                ` padding: 0 2px; text-align: ${t.alignment};` +
+                (t.font.monospacedDigits ? ' font-feature-settings: "tnum";' : '');
+            actor.clutter_text.line_wrap = t.maxLines > 1;
+            actor.clutter_text.ellipsize = 3; // Pango.EllipsizeMode.END
+        };
+        text(parts.label, layout.label);
+        text(parts.time, layout.timeLabel);
+        text(parts.pct, layout.pctLabel);
+
+        const bar = layout.bar;
+        parts.track.visible = bar.visible;
+        parts.fill.visible = bar.visible && !!bar.fill;
+        if (bar.visible) {
+            const rect = (actor, r) => {
+                place(actor, r.rect, bar.frame.x, height - bar.frame.y - bar.frame.height, bar.frame.height);
+                actor.style = `background-color: ${rgba(r.color)}; border-radius: ${r.radius}px;`;
+            };
+            rect(parts.track, bar.track);
+            if (bar.fill)
+                rect(parts.fill, bar.fill);
+        }
     }
 
     _hideHud() {
         if (this._hud) {
             this._hud.destroy();
             this._hud = null;
+            this._hudParts = null;
         }
     }
 };

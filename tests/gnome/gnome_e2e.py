@@ -1,0 +1,177 @@
+#!/usr/bin/env python3
+"""End-to-end cases of tarry on a headless GNOME Shell (see gnome_harness.py).
+
+    gnome_e2e.py --tarry PATH --extensions DIR CASE     runs one case; 0 when it holds, 77 when
+                                                        GNOME Shell cannot run here
+    gnome_e2e.py --list                                 names the cases
+
+DIR holds the extension's builds (`esm/`, `legacy/`); the one for the installed Shell is used.
+"""
+
+import argparse
+import os
+import re
+import signal
+import subprocess
+import sys
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from gnome_harness import (CLIENT_ID, EXTENSION_UUID, GDK_q, GDK_w, SKIP, Failure, GnomeDesktop,  # noqa: E402
+                           Skip, wait_for)
+
+CASES = {}
+
+
+def case(fn):
+    CASES[fn.__name__] = fn
+    return fn
+
+
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def settle(seconds=0.4):
+    """Time for events to travel between the processes; never a measured quantity."""
+    time.sleep(seconds)
+
+
+def ctrl_presses(client, keyval):
+    return [p for p in client.presses(keyval) if p[2]]
+
+
+@case
+def short_press_is_blocked_with_hud(d):
+    client = d.start_client("app")
+    d.start_tarry()
+    typing = d.hold("q", 1200)
+    wait_for("the HUD to show", d.hud_visible, timeout=1.1, interval=0.05)
+    typing.wait(timeout=10)
+    wait_for("one blocked quit to be counted", lambda: d.counter("saved") == 1)
+    wait_for("the HUD to hide", lambda: not d.hud_visible(), timeout=5)
+    settle()
+    check(client.alive(), "the client ended")
+    check(not client.presses(GDK_q), "Ctrl+Q reached the client: %s" % client.presses(GDK_q))
+    check(d.focused_pid() == client.process.pid, "the client lost the focus")
+
+
+@case
+def long_hold_quits_politely(d):
+    d.defaults("write", "busyGuard", "false")
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("q", 3000)
+    # The default hold is 2 s: the close request must come well before the keys go up.
+    wait_for("the Shell's close request", client.close_requests, timeout=2.9)
+    wait_for("the client to end", lambda: not client.alive(), timeout=10)
+    check(not client.presses(GDK_q), "the held Ctrl+Q itself reached the client")
+    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+
+
+@case
+def press_twice_quits(d):
+    d.defaults("write", "pressTwice", "true")
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("q", 100, background=False)
+    settle(0.3)
+    check(client.alive() and not client.close_requests(), "one press quit the client")
+    d.hold("q", 100, background=False)
+    wait_for("the client to end after the second press", lambda: not client.alive(), timeout=8)
+    check(not client.presses(GDK_q), "Ctrl+Q itself reached the client")
+    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+
+
+@case
+def close_hold_lets_ctrl_w_through(d):
+    d.defaults("write", "closeHold", "1")
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("w", 200, background=False)
+    settle()
+    check(not ctrl_presses(client, GDK_w), "a short Ctrl+W reached the client")
+    d.hold("w", 1600, background=False)
+    wait_for("Ctrl+W to reach the client after the hold", lambda: ctrl_presses(client, GDK_w), timeout=5)
+    check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
+    check("Ctrl+W confirmed" in d.events_log(), "no confirmation in the log")
+
+
+@case
+def killed_during_hold_leaves_ctrl_q_working(d):
+    client = d.start_client("app")
+    tarry = d.start_tarry()
+    typing = d.hold("q", 800)
+    wait_for("the hold to begin", d.hud_visible, timeout=1.5, interval=0.05)
+    tarry.send_signal(signal.SIGKILL)
+    killed = time.monotonic()
+    tarry.wait()
+    typing.wait(timeout=10)
+    # A new press right after the held keys went up reaches the app at once.
+    d.hold("q", 50, background=False)
+    wait_for("Ctrl+Q to reach the client", lambda: ctrl_presses(client, GDK_q), timeout=3)
+    arrived = ctrl_presses(client, GDK_q)[0][0]
+    check(arrived - killed < 1.0, "Ctrl+Q reached the client %.2f s after the kill" % (arrived - killed))
+    settle()
+    check(not d.hud_visible(), "the HUD stayed on screen")
+
+
+@case
+def undo_brings_the_window_back_where_it_was(d):
+    d.defaults("write", "busyGuard", "false")
+    client = d.start_client("app")
+    # Somewhere the Shell would not place a new window by itself.
+    d.eval("global.display.focus_window.move_resize_frame(true, 101, 133, 700, 420); true")
+    wait_for("the window to move", lambda: [w[2:6] for w in d.windows()] == [[101, 133, 700, 420]], timeout=5)
+    d.start_tarry()
+    d.hold("q", 2600).wait(timeout=10)
+    wait_for("the client to end", lambda: not client.alive(), timeout=10)
+    d.keys("+ctrl", "+alt", "+z", 50, "-z", "-alt", "-ctrl")
+    wait_for("the app to come back", lambda: [w for w in d.windows() if w[1] == CLIENT_ID], timeout=15)
+    wait_for("its window where it was", lambda: [w[2:6] for w in d.windows() if w[1] == CLIENT_ID] ==
+             [[101, 133, 700, 420]], timeout=8)
+    check("undo" in d.events_log().lower(), "no undo in the log")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tarry")
+    parser.add_argument("--extensions")
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("case", nargs="?")
+    args = parser.parse_args()
+    if args.list:
+        print("\n".join(CASES))
+        return 0
+    if args.case not in CASES:
+        parser.error("unknown case: %s" % args.case)
+    try:
+        desktop = GnomeDesktop(args.tarry, extension_build(args.extensions))
+    except Skip as skip:
+        print("SKIP: " + str(skip))
+        return SKIP
+    try:
+        CASES[args.case](desktop)
+    except Failure as failure:
+        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
+        return 1
+    finally:
+        desktop.close()
+    print("ok " + args.case)
+    return 0
+
+
+def extension_build(root):
+    """The extension's build for the installed Shell: ES modules from GNOME 45."""
+    try:
+        version = subprocess.run(["gnome-shell", "--version"], capture_output=True, text=True).stdout
+    except FileNotFoundError:
+        raise Skip("gnome-shell is not installed")
+    match = re.search(r"(\d+)\.", version)
+    major = int(match.group(1)) if match else 0
+    return os.path.join(root, "esm" if major >= 45 else "legacy", EXTENSION_UUID)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
