@@ -64,7 +64,8 @@ std::unique_ptr<SessionBackends> openGnomeBackends(const Session& session, platf
   // The extension is put in place and switched on here; the Shell loads it at the next login.
   std::string problem;
   if (const auto builds = platform::gnome::findExtensionBuilds()) {
-    problem = platform::gnome::setUpExtension(*builds, shell->shellMajorVersion(), shell->extensionRunning()).problem;
+    problem = platform::gnome::setUpExtension(*builds, shell->shellMajorVersion(), shell->extensionRunning())
+                  .problem;
   }
   auto backends = std::make_unique<GnomeBackends>(std::move(shell), entries, session.display);
   backends->setMissingText(problem);

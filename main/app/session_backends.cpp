@@ -137,7 +137,7 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
   if (!wayland.empty() || type == "wayland") {
     session.display = wayland;
     session.desktop = get("XDG_CURRENT_DESKTOP");
-    session.kind = !get("SWAYSOCK").empty()           ? Session::Kind::sway
+    session.kind = !get("SWAYSOCK").empty()          ? Session::Kind::sway
                    : isGnomeDesktop(session.desktop) ? Session::Kind::gnome
                                                      : Session::Kind::otherWayland;
     if (session.desktop.empty() && session.kind == Session::Kind::sway) session.desktop = "sway";

@@ -67,7 +67,8 @@ void prepareQt(const Session& session);
                                                                    std::string& error);
 
 /// The HUD's panel for `session`: on sway a layer-shell overlay (above every window, never
-/// focused, click-through), on GNOME drawn by the Shell extension, else the Qt window. `log` hears why the overlay is not available.
+/// focused, click-through), on GNOME drawn by the Shell extension, else the Qt window. `log` hears why the
+/// overlay is not available.
 [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(
     const Session& session, const std::function<void(const std::string&)>& log);
 

@@ -71,17 +71,26 @@ def long_hold_quits_politely(d):
 
 
 @case
-def press_twice_quits(d):
-    d.defaults("write", "pressTwice", "true")
+def press_twice_quits_and_closes(d):
+    d.defaults("write", "style", "1")  # press twice
+    d.defaults("write", "closeHold", "1")
     client = d.start_client("app")
     d.start_tarry()
+    # Ctrl+W twice: the second press lets it through, typed once the key is up.
+    d.hold("w", 100, background=False)
+    settle(0.3)
+    check(not ctrl_presses(client, GDK_w), "the first Ctrl+W reached the client")
+    d.hold("w", 100, background=False)
+    wait_for("Ctrl+W to reach the client after the second press", lambda: ctrl_presses(client, GDK_w), timeout=3)
+    settle(1.8)  # past the press-twice window
     d.hold("q", 100, background=False)
     settle(0.3)
     check(client.alive() and not client.close_requests(), "one press quit the client")
     d.hold("q", 100, background=False)
     wait_for("the client to end after the second press", lambda: not client.alive(), timeout=8)
     check(not client.presses(GDK_q), "Ctrl+Q itself reached the client")
-    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+    check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
+    wait_for("both confirmations to be counted", lambda: d.counter("twice.confirmed") == 2)
 
 
 @case

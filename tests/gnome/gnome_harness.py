@@ -201,8 +201,12 @@ class GnomeDesktop:
         if not displays:
             raise Failure("gnome-shell opened no Wayland display")
         self.env["WAYLAND_DISPLAY"] = displays[0]
-        self.eval("Main.overview.hide(); true")
-        wait_for("the overview to hide", lambda: self.eval("Main.overview.visible") is False, timeout=10)
+        # The Shell shows the overview once its start-up animation is over; hidden before that, it
+        # comes back.
+        wait_for("the Shell to finish starting", lambda: self.eval("Main.layoutManager._startingUp") is False,
+                 timeout=30)
+        wait_for("the overview to hide", lambda: self.eval("Main.overview.hide(); Main.overview.visible") is False,
+                 timeout=20, interval=0.2)
         state = self.eval("Main.extensionManager.lookup('%s')?.state ?? -1" % EXTENSION_UUID)
         # 1: enabled.
         if state != 1:

@@ -24,6 +24,11 @@ def main(steps):
                              "org.gnome.Mutter.RemoteDesktop.Session")
     session.Start()
     try:
+        # A new device's first keys are lost to the app while the seat switches to its keymap (a
+        # physical keyboard switches once): a lone Shift first, which no shortcut takes.
+        for pressed in (True, False):
+            session.NotifyKeyboardKeycode(dbus.UInt32(KEYS["shift"]), pressed)
+        time.sleep(0.15)
         for step in steps:
             if step[0] in "+-":
                 name = step[1:]

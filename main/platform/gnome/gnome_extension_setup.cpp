@@ -3,9 +3,9 @@
 #include "platform/linux/xdg_paths.h"
 
 #include <fcntl.h>
-#include <nlohmann/json.hpp>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -71,12 +71,14 @@ ExtensionPlan planExtensionSetup(const ExtensionFacts& facts) {
   plan.enable = !switchedOff && !contains(facts.enabled, kExtensionUuid);
   if (facts.running && !plan.installUserCopy) return plan;
   if (facts.userExtensionsOff) {
-    plan.problem = std::string("Extensions are switched off in GNOME, and Tarry needs its own to guard the keys. "
-                               "Switch them on in the Extensions app. ") +
+    plan.problem = std::string(
+                       "Extensions are switched off in GNOME, and Tarry needs its own to guard the keys. "
+                       "Switch them on in the Extensions app. ") +
                    kLogOut;
   } else if (switchedOff) {
-    plan.problem = std::string("Tarry's GNOME Shell extension is switched off. Switch it on in the Extensions app. ") +
-                   kLogOut;
+    plan.problem =
+        std::string("Tarry's GNOME Shell extension is switched off. Switch it on in the Extensions app. ") +
+        kLogOut;
   } else if (facts.running) {
     plan.problem = std::string("Tarry's GNOME Shell extension was updated. ") + kLogOut;
   } else {
@@ -131,7 +133,8 @@ ExtensionPlan setUpExtension(const std::filesystem::path& builds, int shellMajor
   const std::vector<std::string> dirs = os::dataDirectories();
   facts.userVersion = extensionVersionAt(userExtensionsFolder() / kExtensionUuid);
   for (std::size_t i = 1; i < dirs.size() && !facts.systemVersion; ++i)
-    facts.systemVersion = extensionVersionAt(std::filesystem::path(dirs[i]) / "gnome-shell" / "extensions" / kExtensionUuid);
+    facts.systemVersion =
+        extensionVersionAt(std::filesystem::path(dirs[i]) / "gnome-shell" / "extensions" / kExtensionUuid);
   facts.enabled = parseStringList(shellSetting("enabled-extensions").value_or(""));
   facts.disabled = parseStringList(shellSetting("disabled-extensions").value_or(""));
   facts.userExtensionsOff = shellSetting("disable-user-extensions").value_or("false").starts_with("true");
@@ -141,12 +144,15 @@ ExtensionPlan setUpExtension(const std::filesystem::path& builds, int shellMajor
     const std::filesystem::path target = userExtensionsFolder() / kExtensionUuid;
     std::error_code error;
     std::filesystem::create_directories(target, error);
-    std::filesystem::copy(bundled, target,
-                          std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing,
-                          error);
-    if (error) plan.problem = "cannot install Tarry's GNOME Shell extension in " + target.string() + ": " + error.message();
+    std::filesystem::copy(
+        bundled, target,
+        std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing, error);
+    if (error)
+      plan.problem =
+          "cannot install Tarry's GNOME Shell extension in " + target.string() + ": " + error.message();
   } else if (plan.installUserCopy) {
-    plan.problem = "Tarry's GNOME Shell extension is missing from this installation (" + bundled.string() + ")";
+    plan.problem =
+        "Tarry's GNOME Shell extension is missing from this installation (" + bundled.string() + ")";
   }
   if (plan.enable) {
     std::vector<std::string> enabled = facts.enabled;

@@ -21,13 +21,14 @@ nlohmann::json textJson(const HudText& t) {
   const char* weight = t.font.weight == FontWeight::bold       ? "bold"
                        : t.font.weight == FontWeight::semibold ? "semibold"
                                                                : "regular";
-  return {{"visible", t.visible},
-          {"frame", rectJson(t.frame)},
-          {"text", t.text},
-          {"font", {{"size", t.font.size}, {"weight", weight}, {"monospacedDigits", t.font.monospacedDigits}}},
-          {"color", colorJson(t.color)},
-          {"alignment", t.alignment == TextAlignment::right ? "right" : "left"},
-          {"maxLines", t.maxLines}};
+  return {
+      {"visible", t.visible},
+      {"frame", rectJson(t.frame)},
+      {"text", t.text},
+      {"font", {{"size", t.font.size}, {"weight", weight}, {"monospacedDigits", t.font.monospacedDigits}}},
+      {"color", colorJson(t.color)},
+      {"alignment", t.alignment == TextAlignment::right ? "right" : "left"},
+      {"maxLines", t.maxLines}};
 }
 
 nlohmann::json roundedJson(const RoundedRect& r) {

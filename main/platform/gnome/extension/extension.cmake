@@ -8,17 +8,18 @@ set(TARRY_EXTENSION_DIR ${CMAKE_BINARY_DIR}/gnome-extension CACHE INTERNAL "")
 
 set(extension_source ${CMAKE_CURRENT_LIST_DIR})
 set(extension_outputs)
+# Each build lists the Shell versions it was run on (the Shell refuses to load it on others).
 foreach(format esm legacy)
   if(format STREQUAL "esm")
-    set(versions [["45", "46", "47", "48"]])
+    set(versions 48)
   else()
-    set(versions [["43", "44"]])
+    set(versions 43)
   endif()
   set(out ${TARRY_EXTENSION_DIR}/${format}/${TARRY_EXTENSION_UUID})
   add_custom_command(
     OUTPUT ${out}/extension.js ${out}/metadata.json
     COMMAND ${CMAKE_COMMAND} -DSOURCE_DIR=${extension_source} -DOUT_DIR=${out} -DFORMAT=${format}
-      "-DSHELL_VERSIONS=${versions}" -DTARRY_EXTENSION_VERSION=${TARRY_EXTENSION_VERSION}
+      -DSHELL_VERSIONS=${versions} -DTARRY_EXTENSION_VERSION=${TARRY_EXTENSION_VERSION}
       -DPROJECT_VERSION=${PROJECT_VERSION} -P ${extension_source}/build_extension.cmake
     DEPENDS ${extension_source}/tarry.js ${extension_source}/${format}-head.js
       ${extension_source}/${format}-tail.js ${extension_source}/metadata.json.in

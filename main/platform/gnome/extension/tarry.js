@@ -194,7 +194,8 @@ var TarryGuard = class TarryGuard {
     _tarryVanished() {
         this._owner = null;
         this._armed = false;
-        this._endHold(false);
+        // A hold under way keeps the keyboard until its key is up: a modal grab ended while keys
+        // are down can leave the app without keyboard input.
         this._queue = [];
         this._ungrabAll();
         this._hideHud();
@@ -288,6 +289,27 @@ var TarryGuard = class TarryGuard {
             window.move_resize_frame(true, x, y, width, height);
             if (minimized && !window.minimized)
                 window.minimize();
+            // A window that has just appeared is placed by Mutter when it is first shown, over a
+            // frame set before: set it again once that is done.
+            const again = () => {
+                const frame = window.get_frame_rect();
+                if (frame.x !== x || frame.y !== y || frame.width !== width || frame.height !== height)
+                    window.move_resize_frame(true, x, y, width, height);
+            };
+            let shown = window.connect('shown', () => {
+                window.disconnect(shown);
+                shown = 0;
+                again();
+            });
+            GLib.timeout_add(GLib.PRIORITY_DEFAULT, 300, () => {
+                // Gone in the meantime: nothing to do.
+                if (!window.get_compositor_private())
+                    return GLib.SOURCE_REMOVE;
+                if (shown)
+                    window.disconnect(shown);
+                again();
+                return GLib.SOURCE_REMOVE;
+            });
         }
         invocation.return_value(new GLib.Variant('(b)', [!!window]));
     }
@@ -357,7 +379,8 @@ var TarryGuard = class TarryGuard {
     }
 
     // The release and the modifiers of a held combination come through a modal grab: the app has
-    // no keyboard focus until it ends, at the key's release, at Ctrl's, or at the time limit.
+    // no keyboard focus until it ends, at the key's release or at the time limit. (Ending it while
+    // keys are down can leave the app without keyboard input until it is focused anew.)
     _startHold(combination) {
         const actor = new St.Widget({reactive: true, can_focus: true, width: 1, height: 1, opacity: 0});
         Main.uiGroup.add_child(actor);
@@ -388,8 +411,6 @@ var TarryGuard = class TarryGuard {
             hold.mods = down ? hold.mods | MODIFIER_KEYS[name] : hold.mods & ~MODIFIER_KEYS[name];
             if (hold.mods !== before)
                 this._tell('Modifiers', '(u)', [hold.mods]);
-            if (!(hold.mods & CONTROL))
-                this._endHold(false);
             return Clutter.EVENT_STOP;
         }
         if (OTHER_MODIFIERS.some(n => keyval(n) === symbol))
