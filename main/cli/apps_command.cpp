@@ -1,11 +1,11 @@
-#include "app/apps_command.h"
+#include "cli/apps_command.h"
 
 #include "settings/app_rules.h"
 
 #include <algorithm>
 #include <sstream>
 
-namespace tarry::app {
+namespace tarry::cli {
 namespace {
 
 bool isIn(const std::vector<std::string>& ids, const std::string& id) {
@@ -61,4 +61,4 @@ std::string appsTable(std::vector<platform::RunningApp> apps, const settings::Pr
   return out.str();
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::cli

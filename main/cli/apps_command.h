@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace tarry::app {
+namespace tarry::cli {
 
 /// What Ctrl+Q does for `app` now, in a few words: its rule ("instant (Quit instantly)"), or why it
 /// has none of its own ("hold (default)", "never (always protected)", "not guarded (only listed
@@ -20,4 +20,4 @@ namespace tarry::app {
 [[nodiscard]] std::string appsTable(std::vector<platform::RunningApp> apps,
                                     const settings::Preferences& prefs, const platform::Workspace& workspace);
 
-}  // namespace tarry::app
+}  // namespace tarry::cli

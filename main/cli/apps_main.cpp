@@ -1,6 +1,6 @@
-#include "app/apps_main.h"
+#include "cli/apps_main.h"
 
-#include "app/apps_command.h"
+#include "cli/apps_command.h"
 #include "platform/linux/desktop_entry_reader.h"
 #include "platform/linux/sqlite_defaults_store.h"
 #include "platform/x11/x11_display.h"
@@ -12,7 +12,7 @@
 #include <iostream>
 #include <string>
 
-namespace tarry::app {
+namespace tarry::cli {
 
 int runApps(int argc, char** /*argv*/) {
   if (argc > 2) {
@@ -40,4 +40,4 @@ int runApps(int argc, char** /*argv*/) {
   return 0;
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::cli

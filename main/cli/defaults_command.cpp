@@ -1,11 +1,11 @@
-#include "app/defaults_command.h"
+#include "cli/defaults_command.h"
 
 #include "settings/known_keys.h"
 
 #include <optional>
 #include <string_view>
 
-namespace tarry::app {
+namespace tarry::cli {
 namespace {
 
 constexpr const char* kUsage =
@@ -103,4 +103,4 @@ int runDefaultsCommand(platform::DefaultsStore& store, const std::vector<std::st
   return usage(err);
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::cli

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace tarry::app {
+namespace tarry::cli {
 
 /// `tarry defaults read [KEY] | write KEY JSON | delete KEY`: reads and edits the preferences
 /// domain from a shell. `args` are the words after `defaults`. Returns the exit status: 0 done,
@@ -14,4 +14,4 @@ namespace tarry::app {
 int runDefaultsCommand(platform::DefaultsStore& store, const std::vector<std::string>& args,
                        std::ostream& out, std::ostream& err);
 
-}  // namespace tarry::app
+}  // namespace tarry::cli

@@ -1,4 +1,4 @@
-#include "app/hud_demo.h"
+#include "cli/hud_demo.h"
 
 #include "guard/combo.h"
 #include "guard/hud.h"
@@ -15,7 +15,7 @@
 #include <cstdlib>
 #include <string>
 
-namespace tarry::app {
+namespace tarry::cli {
 namespace {
 
 /// Why no window can be shown, or empty when one can. Qt aborts the process when its platform
@@ -54,11 +54,12 @@ int runHudDemo(int argc, char** argv) {
   guard::HUD hud(panel, screens, loop, tunables);
 
   constexpr double kHoldSeconds = 3.0;
-  hud.show("Hold " + std::string(guard::keysText(guard::Shortcut::quit)) + " to quit Demo", platform::Icon{"app.fill", 0, 0, nullptr}, kHoldSeconds);
+  hud.show("Hold " + std::string(guard::keysText(guard::Shortcut::quit)) + " to quit Demo",
+           platform::Icon{"app.fill", 0, 0, nullptr}, kHoldSeconds);
   const double shownAt = loop.uptime();
   const platform::Scheduled ticker =
       loop.every(1.0 / 60, [&] { hud.update(loop.uptime() - shownAt, kHoldSeconds); });
   return loop.run();
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::cli

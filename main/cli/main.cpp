@@ -1,11 +1,11 @@
 // Process entry: picks what this run of the program is (a command-line tool, a demo, or the
 // desktop program) before anything else starts.
-#include "app/apps_main.h"
-#include "app/defaults_command.h"
-#include "app/desktop.h"
-#include "app/hud_demo.h"
-#include "app/remote_config_demo.h"
-#include "app/telemetry_demo.h"
+#include "cli/apps_main.h"
+#include "cli/defaults_command.h"
+#include "cli/hud_demo.h"
+#include "cli/remote_config_demo.h"
+#include "cli/telemetry_demo.h"
+#include "desktop/desktop.h"
 #include "platform/linux/sqlite_defaults_store.h"
 
 #include <cstdio>
@@ -45,7 +45,7 @@ int runDefaults(int argc, char** argv) {
               << " is read-only; nothing was changed\n";
     return 1;
   }
-  return tarry::app::runDefaultsCommand(store, args, std::cout, std::cerr);
+  return tarry::cli::runDefaultsCommand(store, args, std::cout, std::cerr);
 }
 
 }  // namespace
@@ -53,7 +53,7 @@ int runDefaults(int argc, char** argv) {
 int main(int argc, char** argv) {
   // Before the flag checks: a value written with `defaults write` may itself look like a flag.
   if (argc >= 2 && std::string_view(argv[1]) == "defaults") return runDefaults(argc, argv);
-  if (argc >= 2 && std::string_view(argv[1]) == "apps") return tarry::app::runApps(argc, argv);
+  if (argc >= 2 && std::string_view(argv[1]) == "apps") return tarry::cli::runApps(argc, argv);
   if (hasFlag(argc, argv, "--help") || hasFlag(argc, argv, "-h")) {
     std::fputs(kUsage, stdout);
     return 0;
@@ -63,9 +63,9 @@ int main(int argc, char** argv) {
     return 0;
   }
   // NOTE: demos are checked in a fixed order and the first present wins.
-  if (hasFlag(argc, argv, "--telemetry-demo")) return tarry::app::runTelemetryDemo();
-  if (hasFlag(argc, argv, "--remote-config-demo")) return tarry::app::runRemoteConfigDemo(argc, argv);
-  if (hasFlag(argc, argv, "--hud-demo")) return tarry::app::runHudDemo(argc, argv);
+  if (hasFlag(argc, argv, "--telemetry-demo")) return tarry::cli::runTelemetryDemo();
+  if (hasFlag(argc, argv, "--remote-config-demo")) return tarry::cli::runRemoteConfigDemo(argc, argv);
+  if (hasFlag(argc, argv, "--hud-demo")) return tarry::cli::runHudDemo(argc, argv);
   // Requests to the copy already running on this display.
   if (argc >= 2 && std::string_view(argv[1]) == "--pause") {
     char* end = nullptr;
@@ -74,10 +74,11 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "tarry: --pause needs minutes from 0 to 1440 (0 = until 06:00)\n%s", kUsage);
       return 2;
     }
-    return tarry::app::sendToRunningCopy("pause " + std::to_string(minutes));
+    return tarry::desktop::sendToRunningCopy("pause " + std::to_string(minutes));
   }
-  if (argc == 2 && std::string_view(argv[1]) == "--resume") return tarry::app::sendToRunningCopy("resume");
-  tarry::app::DesktopOptions options;
+  if (argc == 2 && std::string_view(argv[1]) == "--resume")
+    return tarry::desktop::sendToRunningCopy("resume");
+  tarry::desktop::DesktopOptions options;
   // Qt's own single-dash options (-display, -platform, …) pass on to the desktop program; a long
   // option this program does not know is a mistake worth saying so about.
   for (int i = 1; i < argc; ++i) {
@@ -95,5 +96,5 @@ int main(int argc, char** argv) {
   }
   int qtArgc = static_cast<int>(qtArgs.size());
   qtArgs.push_back(nullptr);
-  return tarry::app::runDesktop(qtArgc, qtArgs.data(), options);
+  return tarry::desktop::runDesktop(qtArgc, qtArgs.data(), options);
 }

@@ -1,4 +1,4 @@
-#include "app/remote_config_demo.h"
+#include "cli/remote_config_demo.h"
 
 #include "platform/qt/qt_http.h"
 #include "settings/remote_config.h"
@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <string>
 
-namespace tarry::app {
+namespace tarry::cli {
 
 int runRemoteConfigDemo(int argc, char** argv) {
   QCoreApplication application(argc, argv);
@@ -41,4 +41,4 @@ int runRemoteConfigDemo(int argc, char** argv) {
   return application.exec();
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::cli

@@ -1,4 +1,4 @@
-#include "app/telemetry_demo.h"
+#include "cli/telemetry_demo.h"
 
 #include "app/app_identity.h"
 #include "platform/linux/sqlite_defaults_store.h"
@@ -13,14 +13,15 @@
 #include <iostream>
 #include <string>
 
-namespace tarry::app {
+namespace tarry::cli {
 
 int runTelemetryDemo() {
   platform::os::SqliteDefaultsStore store(
       platform::os::SqliteDefaultsStore::defaultPath(),
       [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
   settings::Preferences prefs(store);
-  platform::os::XdgAutostart loginItems(platform::os::configHome(), kAppId, platform::os::executablePath());
+  platform::os::XdgAutostart loginItems(platform::os::configHome(), app::kAppId,
+                                        platform::os::executablePath());
   settings::SnapshotFacts facts;
   // This process guards nothing; keyboard access is what a launch here would have: a display.
   const char* display = std::getenv("DISPLAY");
@@ -39,4 +40,4 @@ int runTelemetryDemo() {
   return 0;
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::cli

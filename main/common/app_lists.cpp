@@ -1,10 +1,10 @@
-#include "actions/app_lists.h"
+#include "common/app_lists.h"
 
 #include "settings/tunables.h"
 
 #include <algorithm>
 
-namespace tarry::actions {
+namespace tarry::common {
 
 std::vector<std::string> commaList(std::string_view text) {
   std::vector<std::string> out;
@@ -56,4 +56,4 @@ std::string displayName(const platform::RunningApp& app) {
   return app.bundleID.empty() ? std::string("app") : app.bundleID;
 }
 
-}  // namespace tarry::actions
+}  // namespace tarry::common

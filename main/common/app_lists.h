@@ -10,7 +10,7 @@ namespace tarry::settings {
 class Tunables;
 }  // namespace tarry::settings
 
-namespace tarry::actions {
+namespace tarry::common {
 
 /// The items of a comma-separated list, trimmed, empty ones dropped.
 [[nodiscard]] std::vector<std::string> commaList(std::string_view text);
@@ -31,4 +31,4 @@ namespace tarry::actions {
 /// The name to show for an app: its localized name, else its identifier, else "app".
 [[nodiscard]] std::string displayName(const platform::RunningApp& app);
 
-}  // namespace tarry::actions
+}  // namespace tarry::common

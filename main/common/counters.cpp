@@ -1,4 +1,4 @@
-#include "stats/counters.h"
+#include "common/counters.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <limits>
 
-namespace tarry::stats {
+namespace tarry::common {
 namespace {
 
 constexpr const char* kAllSince = "stats.allSince";
@@ -140,4 +140,4 @@ bool Counters::checkAutoPeriod() {
   return true;
 }
 
-}  // namespace tarry::stats
+}  // namespace tarry::common

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace tarry::stats {
+namespace tarry::common {
 
 /// Named counters kept at three grains in the preferences domain: `day.<yyyyMMdd>.<name>` (local
 /// date), `period.<name>` (since the period began) and `all.<name>` (all time).
@@ -61,4 +61,4 @@ class Counters final {
 /// Days between automatic new periods for a `stats.auto` choice (clamped to 0 … 3): 0, 1, 7, 30.
 [[nodiscard]] int autoPeriodDays(std::int64_t choice);
 
-}  // namespace tarry::stats
+}  // namespace tarry::common

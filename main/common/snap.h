@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace tarry::actions {
+namespace tarry::common {
 
 /// One window of a quit app, as captured for Undo Quit: the window list's own record (its `id` is
 /// the captured window's, which is gone once the app has quit).
@@ -23,4 +23,4 @@ struct Snap {
   std::vector<WinSnap> windows;
 };
 
-}  // namespace tarry::actions
+}  // namespace tarry::common

@@ -1,4 +1,4 @@
-#include "app/actions_wiring.h"
+#include "desktop/actions_wiring.h"
 
 #include "actions/quit_others.h"
 #include "actions/ram_saver.h"
@@ -8,7 +8,7 @@
 
 #include <cstdlib>
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 struct AppActions::Parts {
   explicit Parts(const AppActionsDeps& d)
@@ -69,4 +69,4 @@ void AppActions::clearRecents() { parts_->undo.clearRecents(); }
 void AppActions::quitOthers() { parts_->others.run(); }
 void AppActions::rescheduleRamSaver() { parts_->saver.reschedule(); }
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -1,16 +1,16 @@
 #pragma once
 
-#include "actions/snap.h"
 #include "actions/undo.h"
+#include "common/snap.h"
 #include "guard/hud_display.h"
 #include "guard/undo_hooks.h"
 #include "platform/alerts.h"
 #include "platform/desktop_entries.h"
 #include "platform/event_tap.h"
 #include "platform/main_loop.h"
-#include "platform/workspace.h"
 #include "platform/process_info.h"
 #include "platform/window_list.h"
+#include "platform/workspace.h"
 
 #include <memory>
 #include <optional>
@@ -26,11 +26,11 @@ namespace tarry::diagnostics {
 class Log;
 }  // namespace tarry::diagnostics
 
-namespace tarry::stats {
+namespace tarry::common {
 class Counters;
-}  // namespace tarry::stats
+}  // namespace tarry::common
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 /// What the app actions work with on an X11 desktop. NOTE: every reference must outlive the
 /// `AppActions`.
@@ -44,7 +44,7 @@ struct AppActionsDeps {
   platform::Alerts& alerts;
   const settings::Preferences& prefs;
   const settings::Tunables& tunables;
-  stats::Counters& counters;
+  common::Counters& counters;
   guard::HudDisplay& hud;
   diagnostics::Log& log;
 };
@@ -82,4 +82,4 @@ class AppActions final {
   std::unique_ptr<Parts> parts_;
 };
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -1,14 +1,15 @@
-#include "app/desktop.h"
+#include "desktop/desktop.h"
 
-#include "app/actions_wiring.h"
 #include "app/app_delegate.h"
 #include "app/app_identity.h"
-#include "app/desktop_shell.h"
-#include "app/desktop_shell_wiring.h"
-#include "app/diagnostics_wiring.h"
-#include "app/session_backends.h"
-#include "app/store_notes.h"
-#include "app/update_wiring.h"
+#include "common/counters.h"
+#include "desktop/actions_wiring.h"
+#include "desktop/desktop_shell.h"
+#include "desktop/desktop_shell_wiring.h"
+#include "desktop/diagnostics_wiring.h"
+#include "desktop/session.h"
+#include "desktop/store_notes.h"
+#include "desktop/update_wiring.h"
 #include "diagnostics/log.h"
 #include "diagnostics/telemetry_sender.h"
 #include "guard/careful_hold_policy.h"
@@ -38,7 +39,6 @@
 #include "settings/server_url.h"
 #include "settings/settings_snapshot.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <QApplication>
 #include <QThreadPool>
@@ -55,7 +55,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
-namespace tarry::app {
+namespace tarry::desktop {
 namespace {
 
 /// A hidden debugging aid: with TARRY_DEBUG_STALL_ON_PRESS=<seconds> the main thread sleeps that
@@ -215,12 +215,12 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   diagnostics::Log log(loop, files, store, tunables);
   const StoreNotes::Attached storeNotesLogged = storeNotes.attach(log);
   const auto diagnostics = startDesktopDiagnostics(log, files, store, tunables);
-  stats::Counters counters(store, loop);
+  common::Counters counters(store, loop);
 
   prepareQt(session);
   application.emplace(argc, argv);
   QApplication::setQuitOnLastWindowClosed(false);
-  QGuiApplication::setDesktopFileName(QString::fromLatin1(kAppId));
+  QGuiApplication::setDesktopFileName(QString::fromLatin1(app::kAppId));
   QApplication::setApplicationName(QStringLiteral("Tarry"));
 
   platform::os::DesktopEntryReader entries;
@@ -239,7 +239,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
 
   platform::qt::QtScreens screens;
   std::unique_ptr<platform::HudPanel> panel =
-      makeHudPanel(session, [&log](const std::string& line) { log.log(line); });
+      backends->makeHudPanel([&log](const std::string& line) { log.log(line); });
   guard::HUD hud(*panel, screens, loop, tunables);
 
   std::unique_ptr<StallingTap> stalling;
@@ -258,7 +258,8 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   diagnostics::TelemetrySender telemetry(
       {http, prefs, tunables, digest, workspace, networkStatus, server, TARRY_VERSION});
   settings::RemoteConfig remoteConfig(tunables, http, loop, server);
-  platform::os::XdgAutostart loginItems(platform::os::configHome(), kAppId, platform::os::executablePath());
+  platform::os::XdgAutostart loginItems(platform::os::configHome(), app::kAppId,
+                                        platform::os::executablePath());
   platform::qt::QtAppearance appearance;
   platform::qt::QtAlerts alerts;
   platform::qt::QtConsentWindow consentWindow;
@@ -266,11 +267,12 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
       {loop, workspace, windows, *tap, entries, processes, alerts, prefs, tunables, counters, hud, log});
   guard::UndoHooks& undo = actions.undoHooks();
 
-  AppDelegate delegate(AppDelegateDeps{loop, *tap, loginItems, appearance, alerts, networkMonitor,
-                                       networkStatus, consentWindow, workspace, prefs, tunables, remoteConfig,
-                                       counters, log, telemetry, hud, TARRY_VERSION, server},
-                       guard::GuardDeps{loop, *tap, workspace, sound, backends->activity(), prefs, tunables,
-                                        counters, log, hud, policy, undo, telemetry});
+  app::AppDelegate delegate(
+      app::AppDelegateDeps{loop, *tap, loginItems, appearance, alerts, networkMonitor, networkStatus,
+                           consentWindow, workspace, prefs, tunables, remoteConfig, counters, log, telemetry,
+                           hud, TARRY_VERSION, server},
+      guard::GuardDeps{loop, *tap, workspace, sound, backends->activity(), prefs, tunables, counters, log,
+                       hud, policy, undo, telemetry});
   telemetry.setSnapshotSource([&] {
     settings::SnapshotFacts facts;
     facts.accessibility = delegate.lastTrusted();
@@ -278,7 +280,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
     facts.updatedFrom = delegate.previousVersion();
     return settings::settingsSnapshot(prefs, loginItems, facts);
   });
-  AppHooks& hooks = delegate.hooks();
+  app::AppHooks& hooks = delegate.hooks();
   hooks.terminate = [&loop] { loop.quit(0); };
   // Undo Quit works from its construction on: the guard reaches it through `undo`, and it needs
   // nothing of the guard back.
@@ -384,4 +386,4 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   return status;
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

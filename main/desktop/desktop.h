@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 struct DesktopOptions {
   /// Started by the session at login ("--autostart" in the autostart entry).
@@ -18,4 +18,4 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options);
 /// answered "ok", else 1 with the reason on standard error.
 int sendToRunningCopy(const std::string& request);
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

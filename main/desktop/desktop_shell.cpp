@@ -1,4 +1,4 @@
-#include "app/desktop_shell.h"
+#include "desktop/desktop_shell.h"
 
 #include "app/about.h"
 #include "platform/qt/qt_app_list_window.h"
@@ -18,13 +18,13 @@
 
 #include <utility>
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 DesktopShell::DesktopShell(ShellDeps deps, ShellHooks hooks, int waitForTrayHostMs)
     : deps_(std::move(deps)), hooks_(std::move(hooks)), waitForTrayHostMs_(waitForTrayHostMs) {
   auto item = std::make_unique<platform::qt::QtStatusItem>(waitForTrayHostMs);
   item_ = item.get();
-  StatusMenuHooks m;
+  app::StatusMenuHooks m;
   m.tapInstalled = [this] { return hooks_.tapActive && hooks_.tapActive(); };
   m.tapProblem = [this] { return hooks_.tapProblem ? hooks_.tapProblem() : std::string(); };
   m.guardProblem = [this] { return hooks_.guardProblem ? hooks_.guardProblem() : std::string(); };
@@ -81,8 +81,8 @@ DesktopShell::DesktopShell(ShellDeps deps, ShellHooks hooks, int waitForTrayHost
       deps_.loop.quit(0);
   };
   m.log = [this](const std::string& line) { log(line); };
-  menu_ =
-      std::make_unique<StatusMenu>(std::move(item), deps_.store, deps_.counters, deps_.loop, std::move(m));
+  menu_ = std::make_unique<app::StatusMenu>(std::move(item), deps_.store, deps_.counters, deps_.loop,
+                                            std::move(m));
 }
 
 DesktopShell::~DesktopShell() = default;
@@ -146,19 +146,19 @@ void DesktopShell::showRules() {
 
 void DesktopShell::setUpWindowShortcuts() {
   if (shortcuts_) return;
-  shortcuts_ = std::make_unique<platform::qt::QtWindowShortcuts>(platform::qt::QtWindowShortcuts::Actions{
-      [this] {
-        if (hooks_.openSettings) hooks_.openSettings();
-      },
-      [this] {
-        if (hooks_.quit) hooks_.quit();
-      }});
+  shortcuts_ = std::make_unique<platform::qt::QtWindowShortcuts>(
+      platform::qt::QtWindowShortcuts::Actions{[this] {
+                                                 if (hooks_.openSettings) hooks_.openSettings();
+                                               },
+                                               [this] {
+                                                 if (hooks_.quit) hooks_.quit();
+                                               }});
 }
 
 void DesktopShell::showAbout() {
   if (!about_) {
     about_ = std::make_unique<platform::qt::QtAboutWindow>();
-    about_->setTexts(aboutTexts(deps_.serverURL));
+    about_->setTexts(app::aboutTexts(deps_.serverURL));
   }
   about_->present();
 }
@@ -175,4 +175,4 @@ void DesktopShell::whenNoTray(std::function<void()> fallback) {
 
 bool DesktopShell::modalWindowUp() { return QApplication::activeModalWidget() != nullptr; }
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/status_menu.h"
+#include "common/counters.h"
 #include "platform/alerts.h"
 #include "platform/defaults_store.h"
 #include "platform/desktop_entries.h"
@@ -8,7 +9,6 @@
 #include "platform/workspace.h"
 #include "settings/settings_controller.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <functional>
 #include <memory>
@@ -34,13 +34,13 @@ namespace tarry::stats {
 class StatsController;
 }  // namespace tarry::stats
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 /// What the desktop shell works with. NOTE: every reference must outlive the shell.
 struct ShellDeps {
   platform::MainLoop& loop;
   platform::DefaultsStore& store;
-  stats::Counters& counters;
+  common::Counters& counters;
   settings::Tunables& tunables;
   platform::Alerts& alerts;
   platform::Workspace& workspace;
@@ -89,7 +89,7 @@ class DesktopShell final {
   DesktopShell(const DesktopShell&) = delete;
   DesktopShell& operator=(const DesktopShell&) = delete;
 
-  [[nodiscard]] StatusMenu& statusMenu() { return *menu_; }
+  [[nodiscard]] app::StatusMenu& statusMenu() { return *menu_; }
   [[nodiscard]] platform::qt::QtStatusItem& statusItem() { return *item_; }
 
   void showSettings();
@@ -115,7 +115,7 @@ class DesktopShell final {
   ShellDeps deps_;
   ShellHooks hooks_;
   platform::qt::QtStatusItem* item_ = nullptr;  // owned by menu_
-  std::unique_ptr<StatusMenu> menu_;
+  std::unique_ptr<app::StatusMenu> menu_;
   std::unique_ptr<platform::qt::QtClipboard> clipboard_;
   std::unique_ptr<settings::SettingsWindow> settingsWindow_;
   std::unique_ptr<stats::StatsController> stats_;
@@ -128,4 +128,4 @@ class DesktopShell final {
   platform::Scheduled trayCheck_;
 };
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -1,7 +1,7 @@
-#include "app/desktop_shell_wiring.h"
+#include "desktop/desktop_shell_wiring.h"
 
 #include "app/app_delegate.h"
-#include "app/desktop_shell.h"
+#include "desktop/desktop_shell.h"
 #include "platform/event_tap.h"
 #include "platform/qt/qt_status_item.h"
 #include "platform/qt/qt_window_raise.h"
@@ -12,35 +12,35 @@
 #include <QSystemTrayIcon>
 #include <QWidget>
 
-namespace tarry::app {
+namespace tarry::desktop {
 namespace {
 
 /// After one of the program's windows closes, the desktop may answer with a focus change that
 /// reads as a reopen; the presenter ignores reopens for `dockSettleSec` then.
 class WindowCloseStamp final : public QObject {
  public:
-  WindowCloseStamp(AppDelegate& delegate, platform::MainLoop& loop, const settings::Tunables& tunables)
+  WindowCloseStamp(app::AppDelegate& delegate, platform::MainLoop& loop, const settings::Tunables& tunables)
       : QObject(qApp), delegate_(delegate), loop_(loop), tunables_(tunables) {}
 
   bool eventFilter(QObject* watched, QEvent* event) override {
     if (event->type() == QEvent::Hide && watched->isWidgetType() &&
         static_cast<QWidget*>(watched)->isWindow()) {
       const double until = loop_.uptime() + tunables_.real(settings::T::dockSettleSec);
-      PresenterStamps& stamps = delegate_.presenter();
+      app::PresenterStamps& stamps = delegate_.presenter();
       if (until > stamps.ignoreReopenUntil) stamps.ignoreReopenUntil = until;
     }
     return false;
   }
 
  private:
-  AppDelegate& delegate_;
+  app::AppDelegate& delegate_;
   platform::MainLoop& loop_;
   const settings::Tunables& tunables_;
 };
 
 }  // namespace
 
-void wireDesktopShell(AppDelegate& delegate, DesktopShell& shell, platform::EventTap& tap,
+void wireDesktopShell(app::AppDelegate& delegate, DesktopShell& shell, platform::EventTap& tap,
                       platform::MainLoop& loop, const settings::Tunables& tunables,
                       std::function<void(const std::string&)> log) {
   ShellHooks& s = shell.hooks();
@@ -62,7 +62,7 @@ void wireDesktopShell(AppDelegate& delegate, DesktopShell& shell, platform::Even
   // Undo Quit, Quit All Others, the update check and the RAM Saver fill their rows' hooks where the
   // program builds them (desktop.cpp); a row whose hook is empty says "nothing to undo" or logs.
 
-  AppHooks& h = delegate.hooks();
+  app::AppHooks& h = delegate.hooks();
   h.setUpMainMenu = [&shell] { shell.setUpWindowShortcuts(); };
   h.setUpStatusItem = [&shell, &delegate, log] {
     shell.statusMenu().refreshStatus();
@@ -100,4 +100,4 @@ void wireDesktopShell(AppDelegate& delegate, DesktopShell& shell, platform::Even
   qApp->installEventFilter(new WindowCloseStamp(delegate, loop, tunables));
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -13,8 +13,11 @@ class Tunables;
 }  // namespace tarry::settings
 
 namespace tarry::app {
-
 class AppDelegate;
+}  // namespace tarry::app
+
+namespace tarry::desktop {
+
 class DesktopShell;
 
 /// Plugs the tray item and the Settings, Statistics, App Rules and About windows into the
@@ -22,8 +25,8 @@ class DesktopShell;
 /// Call before `applicationDidFinishLaunching`. `log` writes one line to the application log.
 /// NOTE: the delegate, the shell and the tap must outlive each other's use here: all three live
 /// until the program's loop has ended.
-void wireDesktopShell(AppDelegate& delegate, DesktopShell& shell, platform::EventTap& tap,
+void wireDesktopShell(app::AppDelegate& delegate, DesktopShell& shell, platform::EventTap& tap,
                       platform::MainLoop& loop, const settings::Tunables& tunables,
                       std::function<void(const std::string&)> log);
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -1,6 +1,6 @@
-#include "app/diagnostics_wiring.h"
+#include "desktop/diagnostics_wiring.h"
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 std::unique_ptr<DesktopDiagnostics> startDesktopDiagnostics(diagnostics::Log& log,
                                                             platform::FileSystem& files,
@@ -12,4 +12,4 @@ std::unique_ptr<DesktopDiagnostics> startDesktopDiagnostics(diagnostics::Log& lo
   return made;
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 /// The desktop program's crash recorder and log upload over the real system.
 struct DesktopDiagnostics {
@@ -23,4 +23,4 @@ struct DesktopDiagnostics {
                                                                           platform::DefaultsStore& store,
                                                                           const settings::Tunables& tunables);
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -1,80 +1,19 @@
-#include "app/session_backends.h"
+#include "desktop/session.h"
 
 #include "platform/qt/qt_hud_panel.h"
-#include "platform/wayland/layer_shell_hud_panel.h"
-#include "platform/wayland/sway_event_tap.h"
-#include "platform/wayland/sway_ipc.h"
-#include "platform/wayland/sway_workspace.h"
-#include "platform/x11/x11_activity.h"
-#include "platform/x11/x11_display.h"
-#include "platform/x11/x11_event_tap.h"
-#include "platform/x11/x11_window_list.h"
-#include "platform/x11/x11_workspace.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 
-namespace tarry::app {
+namespace tarry::desktop {
 namespace {
 
 std::string lower(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
   return text;
 }
-
-/// Held keys are input: the compositor's idle timer does not run out during a hold.
-class InputIsActivity final : public platform::Activity {
- public:
-  [[nodiscard]] std::unique_ptr<platform::ActivityToken> begin(std::string_view /*reason*/) override {
-    return std::make_unique<platform::ActivityToken>();
-  }
-};
-
-class X11Backends final : public SessionBackends {
- public:
-  X11Backends(std::unique_ptr<platform::x11::X11Display> display, platform::MainLoop& loop,
-              platform::DesktopEntries& entries, std::string name)
-      : display_(std::move(display)),
-        workspace_(*display_, entries),
-        windows_(*display_),
-        tap_(loop),
-        // On the display's own connection: the server ends the suspension if the program dies.
-        activity_(display_->connection()),
-        name_(std::move(name)) {}
-  platform::Workspace& workspace() override { return workspace_; }
-  platform::WindowList& windows() override { return windows_; }
-  platform::EventTap& tap() override { return tap_; }
-  platform::Activity& activity() override { return activity_; }
-  [[nodiscard]] std::string description() const override { return "X display " + name_; }
-
- private:
-  std::unique_ptr<platform::x11::X11Display> display_;
-  platform::x11::X11Workspace workspace_;
-  platform::x11::X11WindowList windows_;
-  platform::x11::X11EventTap tap_;
-  platform::x11::X11Activity activity_;
-  std::string name_;
-};
-
-class SwayBackends final : public SessionBackends {
- public:
-  SwayBackends(std::unique_ptr<platform::wayland::SwayWorkspace> workspace, platform::MainLoop& loop,
-               std::string socket, std::string display)
-      : workspace_(std::move(workspace)), tap_(loop, socket), display_(std::move(display)) {}
-  platform::Workspace& workspace() override { return *workspace_; }
-  platform::WindowList& windows() override { return *workspace_; }
-  platform::EventTap& tap() override { return tap_; }
-  platform::Activity& activity() override { return activity_; }
-  [[nodiscard]] std::string description() const override { return "sway on Wayland display " + display_; }
-
- private:
-  std::unique_ptr<platform::wayland::SwayWorkspace> workspace_;
-  platform::wayland::SwayEventTap tap_;
-  InputIsActivity activity_;
-  std::string display_;
-};
 
 /// A tap that is never trusted and tells why: the guard stays off with that reason.
 class UnsupportedTap final : public platform::EventTap {
@@ -115,6 +54,9 @@ class UnsupportedBackends final : public SessionBackends {
   platform::EventTap& tap() override { return tap_; }
   platform::Activity& activity() override { return activity_; }
   [[nodiscard]] std::string description() const override { return "Wayland display " + display_; }
+  [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(const Log&) override {
+    return std::make_unique<platform::qt::QtHudPanel>();
+  }
 
  private:
   NoWorkspace workspace_;
@@ -163,33 +105,14 @@ std::unique_ptr<SessionBackends> openSessionBackends(const Session& session, pla
     case Session::Kind::none:
       error = "no X or Wayland display";
       return nullptr;
-    case Session::Kind::x11: {
-      std::unique_ptr<platform::x11::X11Display> display =
-          platform::x11::X11Display::open(session.display, error);
-      if (!display) return nullptr;
-      return std::make_unique<X11Backends>(std::move(display), loop, entries, session.display);
-    }
-    case Session::Kind::sway: {
-      const std::string socket = platform::wayland::SwayIpc::socketPath();
-      std::unique_ptr<platform::wayland::SwayWorkspace> workspace =
-          platform::wayland::SwayWorkspace::open(socket, entries, error);
-      if (!workspace) return nullptr;
-      return std::make_unique<SwayBackends>(std::move(workspace), loop, socket, session.display);
-    }
+    case Session::Kind::x11:
+      return openX11Session(session, loop, entries, error);
+    case Session::Kind::sway:
+      return openSwaySession(session, loop, entries, error);
     case Session::Kind::otherWayland:
       return std::make_unique<UnsupportedBackends>(unsupportedWaylandText(session.desktop), session.display);
   }
   return nullptr;
 }
 
-std::unique_ptr<platform::HudPanel> makeHudPanel(const Session& session,
-                                                 const std::function<void(const std::string&)>& log) {
-  if (session.kind == Session::Kind::sway) {
-    std::string error;
-    if (auto overlay = platform::wayland::LayerShellHudPanel::open(error)) return overlay;
-    log("HUD as an ordinary window: " + error);
-  }
-  return std::make_unique<platform::qt::QtHudPanel>();
-}
-
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 /// The kind of graphical session the program runs in, from its environment.
 struct Session {
@@ -49,6 +49,19 @@ class SessionBackends {
   virtual platform::Activity& activity() = 0;
   /// For the log: "X display :1", "sway on wayland-1".
   [[nodiscard]] virtual std::string description() const = 0;
+
+  using Log = std::function<void(const std::string&)>;
+  /// The HUD's panel on this desktop, made once the toolkit runs; `log` hears why a better panel
+  /// than the plain Qt window could not be had.
+  [[nodiscard]] virtual std::unique_ptr<platform::HudPanel> makeHudPanel(const Log& log) = 0;
+};
+
+/// Held keys are input: the compositor's idle timer does not run out during a hold.
+class InputIsActivity final : public platform::Activity {
+ public:
+  [[nodiscard]] std::unique_ptr<platform::ActivityToken> begin(std::string_view /*reason*/) override {
+    return std::make_unique<platform::ActivityToken>();
+  }
 };
 
 /// Sets what Qt must know before the application object exists (its platform plugin).
@@ -62,9 +75,14 @@ void prepareQt(const Session& session);
                                                                    platform::DesktopEntries& entries,
                                                                    std::string& error);
 
-/// The HUD's panel for `session`: on sway a layer-shell overlay (above every window, never
-/// focused, click-through), else the Qt window. `log` hears why the overlay is not available.
-[[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(
-    const Session& session, const std::function<void(const std::string&)>& log);
+/// The backends of each session kind, one file each; nothing when the session cannot be reached.
+[[nodiscard]] std::unique_ptr<SessionBackends> openX11Session(const Session& session,
+                                                              platform::MainLoop& loop,
+                                                              platform::DesktopEntries& entries,
+                                                              std::string& error);
+[[nodiscard]] std::unique_ptr<SessionBackends> openSwaySession(const Session& session,
+                                                               platform::MainLoop& loop,
+                                                               platform::DesktopEntries& entries,
+                                                               std::string& error);
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 /// What the preferences store reports (a damaged database moved aside, a read-only one, saves
 /// failing): printed on stderr and written to the event log. Lines from before the log exists (the
@@ -60,4 +60,4 @@ class StoreNotes final {
   std::vector<std::string> held_;
 };
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

@@ -1,11 +1,11 @@
-#include "app/update_wiring.h"
+#include "desktop/update_wiring.h"
 
 #include "settings/server_url.h"
 
 #include <cstdlib>
 #include <optional>
 
-namespace tarry::app {
+namespace tarry::desktop {
 namespace {
 
 /// 64 hex digits → 32 bytes; empty for anything else.
@@ -80,4 +80,4 @@ void DesktopUpdates::automaticCheck() {
   checker_.check(false);
 }
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

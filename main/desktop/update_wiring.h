@@ -19,7 +19,7 @@
 #include <memory>
 #include <string>
 
-namespace tarry::app {
+namespace tarry::desktop {
 
 struct DesktopUpdatesDeps {
   platform::MainLoop& loop;
@@ -83,4 +83,4 @@ class DesktopUpdates final {
   platform::Scheduled debugRelaunch_;
 };
 
-}  // namespace tarry::app
+}  // namespace tarry::desktop

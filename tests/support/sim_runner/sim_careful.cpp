@@ -1,12 +1,12 @@
-#include "app/sim_careful.h"
+#include "sim_careful.h"
 
-#include "app/sim_runner.h"
-#include "stats/counters.h"
+#include "common/counters.h"
+#include "sim_runner.h"
 
 #include <optional>
 #include <utility>
 
-namespace tarry::app::simrun {
+namespace tarry::simrun {
 namespace {
 
 bool parseSwitch(const std::string& s, bool& out) {
@@ -123,7 +123,7 @@ void RecordingCarefulPolicy::recordAttemptHour(guard::Combo combo) {
 
 CarefulSim::CarefulSim(const settings::Preferences& prefs, const settings::Tunables& tunables,
                        const platform::MainLoop& loop, const platform::Workspace& workspace,
-                       stats::Counters& counters, platform::sim::Journal& journal)
+                       common::Counters& counters, platform::sim::Journal& journal)
     : policy(
           {prefs, tunables, loop, workspace, processes, audio, windows},
           [&counters](std::string_view name, std::int64_t amount) { counters.add(name, amount); }, journal) {}
@@ -137,4 +137,4 @@ void addCarefulCommands(CommandTable& t) {
   t["window"] = {"window PID [TITLE...]", cmdWindow};
 }
 
-}  // namespace tarry::app::simrun
+}  // namespace tarry::simrun

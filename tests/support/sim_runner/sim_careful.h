@@ -17,11 +17,11 @@ class Preferences;
 class Tunables;
 }  // namespace tarry::settings
 
-namespace tarry::stats {
+namespace tarry::common {
 class Counters;
-}  // namespace tarry::stats
+}  // namespace tarry::common
 
-namespace tarry::app::simrun {
+namespace tarry::simrun {
 
 /// Window titles per process, set by the script.
 class ScriptedWindows final : public platform::WindowList {
@@ -60,7 +60,7 @@ class RecordingCarefulPolicy final : public guard::HoldPolicy {
 /// hand this policy to the guard instead of the scripted answers.
 struct CarefulSim {
   CarefulSim(const settings::Preferences& prefs, const settings::Tunables& tunables,
-             const platform::MainLoop& loop, const platform::Workspace& workspace, stats::Counters& counters,
+             const platform::MainLoop& loop, const platform::Workspace& workspace, common::Counters& counters,
              platform::sim::Journal& journal);
 
   platform::sim::SimProcessInfo processes;
@@ -70,4 +70,4 @@ struct CarefulSim {
   bool on = false;
 };
 
-}  // namespace tarry::app::simrun
+}  // namespace tarry::simrun

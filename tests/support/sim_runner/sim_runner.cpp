@@ -1,4 +1,4 @@
-#include "app/sim_runner.h"
+#include "sim_runner.h"
 
 #include "guard/hold_duration.h"
 
@@ -9,7 +9,7 @@
 #include <sstream>
 #include <utility>
 
-namespace tarry::app::simrun {
+namespace tarry::simrun {
 namespace {
 
 using platform::EventType;
@@ -684,10 +684,10 @@ void ScriptedHoldPolicy::recordAttemptHour(guard::Combo combo) {
 
 void ScriptedUndo::restoreLast() { journal_.add("undo restoreLast"); }
 
-std::optional<actions::Snap> ScriptedUndo::capture(const platform::RunningApp& app) {
+std::optional<common::Snap> ScriptedUndo::capture(const platform::RunningApp& app) {
   journal_.add("undo capture pid=" + std::to_string(app.pid) + " -> " + (snaps ? "snap" : "none"));
   if (!snaps) return std::nullopt;
-  actions::Snap snap;
+  common::Snap snap;
   snap.bundleID = app.bundleID;
   snap.name = app.localizedName;
   snap.path = app.path;
@@ -696,7 +696,7 @@ std::optional<actions::Snap> ScriptedUndo::capture(const platform::RunningApp& a
   return snap;
 }
 
-void ScriptedUndo::remember(const platform::RunningApp& app, actions::Snap snap, guard::HudDisplay& /*hud*/) {
+void ScriptedUndo::remember(const platform::RunningApp& app, common::Snap snap, guard::HudDisplay& /*hud*/) {
   journal_.add("undo remember pid=" + std::to_string(app.pid) + " snap.pid=" + std::to_string(snap.pid));
 }
 
@@ -866,4 +866,4 @@ std::vector<std::string> renderTranscript(const Journal& journal, double origin)
   return lines;
 }
 
-}  // namespace tarry::app::simrun
+}  // namespace tarry::simrun

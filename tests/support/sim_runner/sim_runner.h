@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/sim_careful.h"
+#include "common/counters.h"
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
 #include "guard/guard.h"
@@ -10,7 +10,7 @@
 #include "platform/sim/sim_platform.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
+#include "sim_careful.h"
 
 #include <cstdint>
 #include <deque>
@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-namespace tarry::app::simrun {
+namespace tarry::simrun {
 
 using platform::sim::Journal;
 
@@ -107,11 +107,14 @@ class RecordingActivity final : public platform::Activity {
 /// The per-app records of the usage events, writing each event sent to the transcript.
 class RecordingTelemetry final : public diagnostics::AppTelemetry {
  public:
-  RecordingTelemetry(const platform::Workspace& workspace, Journal& journal) : inner_(workspace), journal_(journal) {}
+  RecordingTelemetry(const platform::Workspace& workspace, Journal& journal)
+      : inner_(workspace), journal_(journal) {}
   void recordAppSeen(const std::string& bundleID, std::string_view kind) override {
     inner_.recordAppSeen(bundleID, kind);
   }
-  [[nodiscard]] std::string category(const platform::RunningApp& app) override { return inner_.category(app); }
+  [[nodiscard]] std::string category(const platform::RunningApp& app) override {
+    return inner_.category(app);
+  }
   void event(const std::string& name) override { journal_.add("telemetry " + name); }
 
  private:
@@ -161,8 +164,8 @@ class ScriptedUndo final : public guard::UndoHooks {
   ScriptedUndo(const platform::MainLoop& loop, Journal& journal) : loop_(loop), journal_(journal) {}
   [[nodiscard]] bool canUndo() override { return can; }
   void restoreLast() override;
-  [[nodiscard]] std::optional<actions::Snap> capture(const platform::RunningApp& app) override;
-  void remember(const platform::RunningApp& app, actions::Snap snap, guard::HudDisplay& hud) override;
+  [[nodiscard]] std::optional<common::Snap> capture(const platform::RunningApp& app) override;
+  void remember(const platform::RunningApp& app, common::Snap snap, guard::HudDisplay& hud) override;
 
   bool can = false;
   bool snaps = false;
@@ -190,7 +193,7 @@ struct SimWorld {
   settings::Tunables tunables;
   ScriptedHoldPolicy policy{prefs, tunables, sim.journal};
   ScriptedUndo undo{sim.loop, sim.journal};
-  stats::Counters counters{store, sim.loop};
+  common::Counters counters{store, sim.loop};
   /// Careful mode on simulated processes, sound and windows (`careful on`).
   CarefulSim careful{prefs, tunables, sim.loop, sim.workspace, counters, sim.journal};
   diagnostics::Log log{sim.loop, files, store, tunables};
@@ -261,4 +264,4 @@ struct Scenario {
 /// into one line.
 [[nodiscard]] std::vector<std::string> renderTranscript(const Journal& journal, double origin);
 
-}  // namespace tarry::app::simrun
+}  // namespace tarry::simrun

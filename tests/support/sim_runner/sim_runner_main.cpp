@@ -1,6 +1,6 @@
 // tarry-sim: runs the real guard on the simulated platform from a scenario file and prints (or
 // checks) the transcript of what it did. The format is described in docs/scenarios.md.
-#include "app/sim_runner.h"
+#include "sim_runner.h"
 
 #include <cstdio>
 #include <fstream>
@@ -10,7 +10,7 @@
 
 namespace {
 
-using namespace tarry::app::simrun;
+using namespace tarry::simrun;
 
 constexpr const char* kUsage =
     "Usage: tarry-sim FILE.scn            print the transcript\n"

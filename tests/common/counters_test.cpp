@@ -1,4 +1,4 @@
-#include "stats/counters.h"
+#include "common/counters.h"
 
 #include "platform/sim/memory_defaults_store.h"
 #include "platform/sim/sim_main_loop.h"
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace tarry::stats {
+namespace tarry::common {
 namespace {
 
 constexpr double kMarch14 = 1'773'446'400.0;  // 2026-03-14T00:00:00Z
@@ -114,4 +114,4 @@ TEST_F(CountersTest, OverflowIsFatal) {
 }
 
 }  // namespace
-}  // namespace tarry::stats
+}  // namespace tarry::common
