@@ -1,7 +1,7 @@
 // The sway backend's pieces that need no compositor: what its bindings stand for, how it reads
 // the compositor's tree, and what it asks over the IPC (against a small fake of the socket).
 
-#include "app/session_backends.h"
+#include "desktop/session.h"
 #include "guard/guard.h"
 #include "platform/sim/sim_desktop_entries.h"
 #include "platform/wayland/sway_event_tap.h"
@@ -387,9 +387,9 @@ TEST(SwayIpc, ACommandReportsTheFirstFailure) {
 }
 
 TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
-  using Kind = app::Session::Kind;
+  using Kind = desktop::Session::Kind;
   const auto detect = [](std::map<std::string, std::string> env) {
-    return app::detectSession([env](const char* name) -> const char* {
+    return desktop::detectSession([env](const char* name) -> const char* {
       const auto it = env.find(name);
       return it == env.end() ? nullptr : it->second.c_str();
     });
@@ -409,10 +409,10 @@ TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
             Kind::x11);
   EXPECT_EQ(detect({{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME-Flashback:Unity"}}).kind,
             Kind::otherWayland);
-  const app::Session kde = detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}});
+  const desktop::Session kde = detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}});
   EXPECT_EQ(kde.kind, Kind::otherWayland);
-  EXPECT_TRUE(
-      app::unsupportedWaylandText(kde.desktop).starts_with("this Wayland desktop is not supported yet: KDE"));
+  EXPECT_TRUE(desktop::unsupportedWaylandText(kde.desktop)
+                  .starts_with("this Wayland desktop is not supported yet: KDE"));
 }
 
 }  // namespace

@@ -1,0 +1,70 @@
+// The desktop services of GNOME on Wayland: Tarry's Shell extension, spoken to over the session
+// bus, grabs and types the keys, tells about windows and draws the HUD.
+#include "desktop/session.h"
+
+#include "platform/gnome/gnome_event_tap.h"
+#include "platform/gnome/gnome_extension_setup.h"
+#include "platform/gnome/gnome_hud_panel.h"
+#include "platform/gnome/gnome_shell.h"
+#include "platform/gnome/gnome_workspace.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace tarry::desktop {
+namespace {
+
+class GnomeBackends final : public SessionBackends {
+ public:
+  GnomeBackends(std::unique_ptr<platform::gnome::GnomeShell> shell, platform::DesktopEntries& entries,
+                std::string display)
+      : shell_(std::move(shell)), workspace_(*shell_, entries), tap_(*shell_), display_(std::move(display)) {}
+  platform::Workspace& workspace() override { return workspace_; }
+  platform::WindowList& windows() override { return workspace_; }
+  platform::EventTap& tap() override { return tap_; }
+  platform::Activity& activity() override { return activity_; }
+  [[nodiscard]] std::string description() const override {
+    return "GNOME Shell (Tarry's extension) on Wayland display " + display_;
+  }
+  void setMissingText(std::string text) { tap_.setMissingText(std::move(text)); }
+  /// Drawn by the extension: Mutter gives programs no layer above other windows.
+  [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(const Log& /*log*/) override {
+    return std::make_unique<platform::gnome::GnomeHudPanel>(*shell_);
+  }
+
+ private:
+  std::unique_ptr<platform::gnome::GnomeShell> shell_;
+  platform::gnome::GnomeWorkspace workspace_;
+  platform::gnome::GnomeEventTap tap_;
+  InputIsActivity activity_;
+  std::string display_;
+};
+
+}  // namespace
+
+bool isGnomeDesktop(const std::string& desktop) {
+  std::istringstream parts(desktop);
+  std::string part;
+  while (std::getline(parts, part, ':')) {
+    std::transform(part.begin(), part.end(), part.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (part == "gnome") return true;
+  }
+  return false;
+}
+
+std::unique_ptr<SessionBackends> openGnomeSession(const Session& session, platform::DesktopEntries& entries,
+                                                  std::string& error) {
+  std::unique_ptr<platform::gnome::GnomeShell> shell = platform::gnome::GnomeShell::connect(error);
+  if (!shell) return nullptr;
+  // The extension is put in place and switched on here; the Shell loads it at the next login.
+  std::string problem;
+  if (const auto builds = platform::gnome::findExtensionBuilds()) {
+    problem = platform::gnome::setUpExtension(*builds, shell->shellMajorVersion(), shell->extensionRunning())
+                  .problem;
+  }
+  auto backends = std::make_unique<GnomeBackends>(std::move(shell), entries, session.display);
+  backends->setMissingText(problem);
+  return backends;
+}
+
+}  // namespace tarry::desktop
