@@ -74,9 +74,10 @@ class GnomeDesktop:
             self._start_shell()
             os.makedirs(os.path.join(self.tmp, "logs"))
             self.chown(os.path.join(self.tmp, "logs"))
-            self.defaults("write", "logDir", json.dumps(os.path.join(self.tmp, "logs")))
-            self.defaults("write", "consentVersion", "1")
-            self.defaults("write", "showMenuBar", "false")
+            if tarry:  # without it, only the extension is tried (extension_smoke.py)
+                self.defaults("write", "logDir", json.dumps(os.path.join(self.tmp, "logs")))
+                self.defaults("write", "consentVersion", "1")
+                self.defaults("write", "showMenuBar", "false")
         except BaseException:
             self.close()
             raise
@@ -92,7 +93,7 @@ class GnomeDesktop:
     def _prepare(self, tarry, extension_dir):
         bindir = os.path.join(self.tmp, "bin")
         os.makedirs(bindir)
-        self.tarry = shutil.copy(tarry, bindir)
+        self.tarry = shutil.copy(tarry, bindir) if tarry else None
         self.client = os.path.join(bindir, "gtk_client.py")
         shutil.copy(os.path.join(HERE, "gtk_client.py"), self.client)
         self.typist = shutil.copy(os.path.join(HERE, "gnome_typist.py"), bindir)
@@ -105,7 +106,8 @@ class GnomeDesktop:
         os.makedirs(os.path.join(data, "applications"))
         extensions = os.path.join(data, "gnome-shell", "extensions")
         shutil.copytree(extension_dir, os.path.join(extensions, EXTENSION_UUID))
-        shutil.copytree(os.path.join(HERE, "test-extension"), os.path.join(extensions, TEST_UUID))
+        aid = "test-extension-esm" if os.sep + "esm" + os.sep in extension_dir else "test-extension"
+        shutil.copytree(os.path.join(HERE, aid), os.path.join(extensions, TEST_UUID))
         with open(os.path.join(data, "applications", CLIENT_ID + ".desktop"), "w", encoding="utf-8") as f:
             f.write(CLIENT_ENTRY % (self.client, os.path.join(self.tmp, "relaunched.log")))
         settings = os.path.join(config, "glib-2.0", "settings")
