@@ -143,6 +143,26 @@ def undo_brings_the_window_back_where_it_was(d):
     check("undo" in d.events_log().lower(), "no undo in the log")
 
 
+@case
+def first_run_installs_the_extension_and_asks_for_a_new_login(d):
+    proc = d.spawn([d.tarry, "--autostart"], "tarry")
+    wait_for("the request to log out and in", lambda: "keyboard guard off: Log out and back in once to finish "
+             "setting up Tarry" in d.events_log(), timeout=15)
+    check(proc.poll() is None, "tarry ended")
+    installed = os.path.join(d.env["XDG_DATA_HOME"], "gnome-shell", "extensions", EXTENSION_UUID, "metadata.json")
+    check(os.path.exists(installed), "the extension was not installed for the user")
+    check("'%s'" % EXTENSION_UUID in d.settings_file(), "the extension was not switched on: " + d.settings_file())
+    d.tarry_proc = proc
+    # The next login: the Shell loads the extension and tarry guards with no further step.
+    d.restart_shell()
+    wait_for("the Shell to run the extension", lambda: d.extension_state() == 1, timeout=10)
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("q", 200, background=False)
+    wait_for("the short press to be blocked", lambda: d.counter("saved") == 1)
+    check(client.alive() and not ctrl_presses(client, GDK_q), "Ctrl+Q reached the app")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--tarry")
@@ -156,7 +176,8 @@ def main():
     if args.case not in CASES:
         parser.error("unknown case: %s" % args.case)
     try:
-        desktop = GnomeDesktop(args.tarry, extension_build(args.extensions))
+        desktop = GnomeDesktop(args.tarry, extension_build(args.extensions),
+                               install_extension=not args.case.startswith("first_run"))
     except Skip as skip:
         print("SKIP: " + str(skip))
         return SKIP

@@ -59,7 +59,9 @@ class GtkClient(LoggedClient):
 
 
 class GnomeDesktop:
-    def __init__(self, tarry, extension_dir):
+    def __init__(self, tarry, extension_dir, install_extension=True):
+        """`install_extension` False: the user has not got Tarry's extension yet (its first run);
+        the builds then lie where an installed tarry looks for them."""
         if not shutil.which("gnome-shell"):
             raise Skip("gnome-shell is not installed")
         self.account = ensure_user()
@@ -69,9 +71,11 @@ class GnomeDesktop:
         self.tarry_proc = None
         signal.signal(signal.SIGTERM, self._on_signal)
         try:
-            self._prepare(tarry, extension_dir)
+            self._prepare(tarry, extension_dir, install_extension)
             self._start_buses()
             self._start_shell()
+            if install_extension:
+                self._check_extension()
             os.makedirs(os.path.join(self.tmp, "logs"))
             self.chown(os.path.join(self.tmp, "logs"))
             if tarry:  # without it, only the extension is tried (extension_smoke.py)
@@ -90,7 +94,7 @@ class GnomeDesktop:
         if self.account:
             os.chown(path, self.account.pw_uid, self.account.pw_gid)
 
-    def _prepare(self, tarry, extension_dir):
+    def _prepare(self, tarry, extension_dir, install_extension):
         bindir = os.path.join(self.tmp, "bin")
         os.makedirs(bindir)
         self.tarry = shutil.copy(tarry, bindir) if tarry else None
@@ -105,7 +109,13 @@ class GnomeDesktop:
         os.makedirs(home)
         os.makedirs(os.path.join(data, "applications"))
         extensions = os.path.join(data, "gnome-shell", "extensions")
-        shutil.copytree(extension_dir, os.path.join(extensions, EXTENSION_UUID))
+        if install_extension:
+            shutil.copytree(extension_dir, os.path.join(extensions, EXTENSION_UUID))
+        else:
+            # <prefix>/bin/tarry finds its builds in <prefix>/share/tarry/gnome-extension.
+            shutil.copytree(os.path.dirname(os.path.dirname(extension_dir)),
+                            os.path.join(self.tmp, "share", "tarry", "gnome-extension"))
+        os.makedirs(extensions, exist_ok=True)
         aid = "test-extension-esm" if os.sep + "esm" + os.sep in extension_dir else "test-extension"
         shutil.copytree(os.path.join(HERE, aid), os.path.join(extensions, TEST_UUID))
         with open(os.path.join(data, "applications", CLIENT_ID + ".desktop"), "w", encoding="utf-8") as f:
@@ -114,9 +124,10 @@ class GnomeDesktop:
         os.makedirs(settings)
         with open(os.path.join(settings, "keyfile"), "w", encoding="utf-8") as f:
             f.write("[org/gnome/shell]\n"
-                    "enabled-extensions=['%s', '%s']\n"
+                    "enabled-extensions=[%s'%s']\n"
                     "welcome-dialog-last-shown-version='999'\n"
-                    "disable-user-extensions=false\n" % (EXTENSION_UUID, TEST_UUID))
+                    "disable-user-extensions=false\n" % ("'%s', " % EXTENSION_UUID if install_extension else "",
+                                                          TEST_UUID))
         self.chown(self.tmp)
         os.chmod(self.tmp, 0o700)
         for root, dirs, files in os.walk(self.tmp):
@@ -209,7 +220,25 @@ class GnomeDesktop:
                  timeout=30)
         wait_for("the overview to hide", lambda: self.eval("Main.overview.hide(); Main.overview.visible") is False,
                  timeout=20, interval=0.2)
-        state = self.eval("Main.extensionManager.lookup('%s')?.state ?? -1" % EXTENSION_UUID)
+
+    def extension_state(self):
+        """The Shell's state of Tarry's extension: 1 enabled, -1 unknown to the Shell."""
+        return self.eval("Main.extensionManager.lookup('%s')?.state ?? -1" % EXTENSION_UUID)
+
+    def restart_shell(self):
+        """Ends the Shell and starts it anew, as a logout and login would (tarry goes with it)."""
+        shells = [p for p in self.procs if p.args[0] == "gnome-shell"]
+        stop_all(([self.tarry_proc] if self.tarry_proc else []) + shells)
+        self.procs = [p for p in self.procs if p not in shells and p is not self.tarry_proc]
+        self.tarry_proc = None
+        self._start_shell()
+
+    def settings_file(self):
+        with open(os.path.join(self.env["XDG_CONFIG_HOME"], "glib-2.0", "settings", "keyfile"), encoding="utf-8") as f:
+            return f.read()
+
+    def _check_extension(self):
+        state = self.extension_state()
         # 1: enabled.
         if state != 1:
             raise Failure("Tarry's extension is not enabled (state %s): %s" % (state, self.output("gnome-shell")[-3000:]))
