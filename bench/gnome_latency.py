@@ -132,7 +132,8 @@ def main():
         print("%-46s %.2f %% of a core" % ("tarry idle", idle(d, proc.pid, args.idle)))
         print("%-46s %.2f %% of a core" % ("GNOME Shell idle, tarry running", idle(d, shell, args.idle)))
         before = len(arrived)
-        keys = steps(d, args.presses, 30, 120)
+        # More than the extension's 150 ms before it grabs a combination again after typing it.
+        keys = steps(d, args.presses, 30, 300)
         arrived = [t for t, _, ctrl, _ in client.presses(GDK_q) if ctrl][before:]
         through = matched([r for _, r in keys], arrived, [p for p, _ in keys[1:]])
 

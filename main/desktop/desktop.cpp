@@ -302,7 +302,13 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
                    });
 
   // The tray item and the windows (their own file; one call here).
-  DesktopShell shell({loop, store, counters, tunables, alerts, workspace, entries, server}, {});
+  StatusItemPlacement placement;
+  placement.wrap = [&backends](std::unique_ptr<platform::StatusItemView> tray) {
+    return backends->wrapStatusItem(std::move(tray));
+  };
+  placement.shownElsewhere = [&backends] { return backends->statusItemShownElsewhere(); };
+  DesktopShell shell({loop, store, counters, tunables, alerts, workspace, entries, server}, {}, 5000,
+                     std::move(placement));
   wireDesktopShell(delegate, shell, *tap, loop, tunables, [&log](const std::string& line) { log.log(line); });
   // The menu's Undo Quit, Recently Quit and Quit All Other Apps rows, and the RAM Saver's timer.
   ShellHooks& menu = shell.hooks();

@@ -5,6 +5,7 @@
 #include "platform/event_tap.h"
 #include "platform/hud_panel.h"
 #include "platform/main_loop.h"
+#include "platform/status_item.h"
 #include "platform/window_list.h"
 #include "platform/workspace.h"
 
@@ -55,6 +56,14 @@ class SessionBackends {
   /// The HUD's panel on this desktop, made once the toolkit runs; `log` hears why a better panel
   /// than the plain Qt window could not be had.
   [[nodiscard]] virtual std::unique_ptr<platform::HudPanel> makeHudPanel(const Log& log) = 0;
+  /// Wraps the tray item into one that also shows in the desktop's own place for it (GNOME's top
+  /// bar, where no tray host runs); the tray item itself where there is none.
+  [[nodiscard]] virtual std::unique_ptr<platform::StatusItemView> wrapStatusItem(
+      std::unique_ptr<platform::StatusItemView> tray) {
+    return tray;
+  }
+  /// True while the wrapped item shows in that place.
+  [[nodiscard]] virtual bool statusItemShownElsewhere() const { return false; }
 };
 
 /// Held keys are input: the compositor's idle timer does not run out during a hold.

@@ -144,6 +144,31 @@ def undo_brings_the_window_back_where_it_was(d):
 
 
 @case
+def status_menu_in_the_top_bar_without_a_tray(d):
+    d.defaults("write", "showMenuBar", "true")
+    d.start_client("app")
+    d.start_tarry()
+    item = "Main.panel.statusArea['tarry-status']"
+    wait_for("Tarry's item in the top bar", lambda: d.eval("!!" + item) is True, timeout=10)
+    # Opening the menu has tarry bring its rows up to date.
+    d.eval(item + ".menu.open(); true")
+    wait_for("the header to say the guard is on",
+             lambda: d.eval(item + ".menu._getMenuItems()[0].label.text").startswith("Active"), timeout=5)
+    titles = d.eval(item + ".menu._getMenuItems().map(i => i.label ? i.label.text : '')")
+    check(titles[0].startswith("Active") and "Protect Ctrl+Q" in titles and titles[-1] == "Quit Tarry",
+          "the menu reads %s" % titles)
+    # The switch goes through tarry's menu logic: protection off, and the menu follows.
+    d.eval(item + ".menu._getMenuItems()[%d].emit('activate', null); true" % titles.index("Protect Ctrl+Q"))
+    enabled = lambda: d.run([d.tarry, "defaults", "read", "enabled"], check=False).stdout.decode().strip()
+    wait_for("protection to be off", lambda: enabled() == "false", timeout=5)
+    wait_for("the menu to say so", lambda: not d.eval(item + ".menu._getMenuItems()[0].label.text").startswith(
+        "Active"), timeout=5)
+    # Past the wait for a tray host: no Settings window stands in for the item.
+    settle(7)
+    check([w[1] for w in d.windows()] == [CLIENT_ID], "windows: %s" % d.windows())
+
+
+@case
 def first_run_installs_the_extension_and_asks_for_a_new_login(d):
     proc = d.spawn([d.tarry, "--autostart"], "tarry")
     wait_for("the request to log out and in", lambda: "keyboard guard off: Log out and back in once to finish "

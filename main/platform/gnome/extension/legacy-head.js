@@ -3,5 +3,7 @@
 const {Clutter, Gio, GLib, Meta, Shell, St} = imports.gi;
 const Config = imports.misc.config;
 const Main = imports.ui.main;
+const PanelMenu = imports.ui.panelMenu;
+const PopupMenu = imports.ui.popupMenu;
 const ExtensionUtils = imports.misc.extensionUtils;
 

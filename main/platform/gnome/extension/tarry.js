@@ -78,6 +78,15 @@ const INTERFACE_XML = `
     <method name="Hud">
       <arg type="s" direction="in" name="json"/>
     </method>
+    <method name="StatusMenu">
+      <arg type="s" direction="in" name="json"/>
+    </method>
+    <signal name="MenuChose">
+      <arg type="s" name="row"/>
+    </signal>
+    <signal name="MenuReopen">
+      <arg type="s" name="path"/>
+    </signal>
     <signal name="Key">
       <arg type="s" name="word"/>
       <arg type="b" name="down"/>
@@ -153,6 +162,7 @@ var TarryGuard = class TarryGuard {
         this._limitMs = DEFAULT_LIMIT_MS;
         this._keyboard = null;
         this._hud = null;
+        this._status = null;
     }
 
     enable() {
@@ -199,6 +209,7 @@ var TarryGuard = class TarryGuard {
         this._queue = [];
         this._ungrabAll();
         this._hideHud();
+        this._removeStatusMenu();
     }
 
     _fromTarry(invocation) {
@@ -325,6 +336,19 @@ var TarryGuard = class TarryGuard {
             return;
         }
         this._drawHud(state);
+    }
+
+    StatusMenuAsync([json], invocation) {
+        if (!this._fromTarry(invocation))
+            return;
+        invocation.return_value(null);
+        let state;
+        try {
+            state = JSON.parse(json);
+        } catch (e) {
+            return;
+        }
+        this._drawStatusMenu(state);
     }
 
     // ---- keys ----
@@ -594,6 +618,104 @@ var TarryGuard = class TarryGuard {
             this._hud.destroy();
             this._hud = null;
             this._hudParts = null;
+        }
+    }
+
+    // ---- the status item in the top bar ----
+    //
+    // Tarry decides the rows, titles, checks and enabled states; this builds the same menu as its
+    // tray item (rows in the same order, the same separators) and sends the choices back.
+
+    _drawStatusMenu(state) {
+        if (!state.shown) {
+            this._removeStatusMenu();
+            return;
+        }
+        if (!this._status)
+            this._createStatusMenu();
+        const s = this._status;
+        if (state.icon)
+            s.icon.gicon = Gio.FileIcon.new(Gio.File.new_for_path(state.icon));
+        s.button.accessible_name = state.toolTip || 'Tarry';
+        for (const row of state.rows) {
+            const item = s.items[row.row];
+            if (!item)
+                continue;
+            item.visible = row.visible;
+            item.setSensitive(row.enabled);
+            if (item.label)
+                item.label.text = row.title;
+            if (item.setToggleState)
+                item.setToggleState(row.checked);
+        }
+        const recent = s.items.recent;
+        recent.menu.removeAll();
+        for (const r of state.recents) {
+            if (r.kind === 'separator') {
+                recent.menu.addMenuItem(new PopupMenu.PopupSeparatorMenuItem());
+                continue;
+            }
+            const item = new PopupMenu.PopupMenuItem(r.title);
+            if (r.kind === 'placeholder')
+                item.setSensitive(false);
+            else if (r.kind === 'clear')
+                item.connect('activate', () => this._tell('MenuChose', '(s)', ['clearRecents']));
+            else
+                item.connect('activate', () => this._tell('MenuReopen', '(s)', [r.path]));
+            recent.menu.addMenuItem(item);
+        }
+    }
+
+    _createStatusMenu() {
+        const button = new PanelMenu.Button(0.0, 'Tarry', false);
+        const icon = new St.Icon({style_class: 'system-status-icon'});
+        button.add_child(icon);
+        const items = {};
+        const chose = word => () => this._tell('MenuChose', '(s)', [word]);
+        const add = (menu, word, item = new PopupMenu.PopupMenuItem('')) => {
+            if (word !== 'header' && word !== 'counter')
+                item.connect('activate', chose(word));
+            menu.addMenuItem(item);
+            items[word] = item;
+            return item;
+        };
+        const menu = button.menu;
+        add(menu, 'header');
+        add(menu, 'counter');
+        menu.addMenuItem(new PopupMenu.PopupSeparatorMenuItem());
+        add(menu, 'toggle', new PopupMenu.PopupSwitchMenuItem('', false));
+        const pause = new PopupMenu.PopupSubMenuMenuItem('');
+        menu.addMenuItem(pause);
+        items.pause = pause;
+        for (const word of ['pauseFor15', 'pauseFor60', 'pauseTomorrow'])
+            add(pause.menu, word);
+        pause.menu.addMenuItem(new PopupMenu.PopupSeparatorMenuItem());
+        add(pause.menu, 'resume');
+        const recent = new PopupMenu.PopupSubMenuMenuItem('');
+        menu.addMenuItem(recent);
+        items.recent = recent;
+        add(menu, 'undo');
+        menu.addMenuItem(new PopupMenu.PopupSeparatorMenuItem());
+        for (const word of ['stats', 'rules', 'quitOthers'])
+            add(menu, word);
+        menu.addMenuItem(new PopupMenu.PopupSeparatorMenuItem());
+        for (const word of ['settings', 'about', 'checkUpdates'])
+            add(menu, word);
+        menu.addMenuItem(new PopupMenu.PopupSeparatorMenuItem());
+        add(menu, 'quit');
+        // The header and the counter are lines of text, never chosen.
+        menu.connect('open-state-changed', (m, open) => {
+            if (open)
+                this._tell('MenuChose', '(s)', ['opening']);
+        });
+        Main.panel.addToStatusArea('tarry-status', button);
+        this._status = {button, icon, items};
+    }
+
+    _removeStatusMenu() {
+        if (this._status) {
+            this._status.button.destroy();
+            this._status = null;
         }
     }
 };
