@@ -17,7 +17,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from gnome_harness import (CLIENT_ID, EXTENSION_UUID, GDK_q, GDK_w, SKIP, Failure, GnomeDesktop,  # noqa: E402
+from gnome_harness import (CLIENT_ID, EXTENSION_UUID, GDK_Q, GDK_q, GDK_w, SKIP, Failure, GnomeDesktop,  # noqa: E402
                            Skip, wait_for)
 
 CASES = {}
@@ -105,6 +105,21 @@ def close_hold_lets_ctrl_w_through(d):
     wait_for("Ctrl+W to reach the client after the hold", lambda: ctrl_presses(client, GDK_w), timeout=5)
     check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
     check("Ctrl+W confirmed" in d.events_log(), "no confirmation in the log")
+
+
+@case
+def logout_hold_lets_ctrl_shift_q_through(d):
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("q", 300, mods=("ctrl", "shift"), background=False)
+    settle()
+    check(not client.presses(GDK_Q), "a short Ctrl+Shift+Q reached the client")
+    # Held past the 2 s: typed at the release, with Ctrl and Shift still down.
+    d.hold("q", 2600, mods=("ctrl", "shift"), background=False)
+    wait_for("Ctrl+Shift+Q to reach the client", lambda: client.presses(GDK_Q), timeout=5)
+    check([(c, sh) for _, _, c, sh in client.presses(GDK_Q)] == [(True, True)],
+          "the client got %s" % client.presses(GDK_Q))
+    check(client.alive(), "the client was quit")
 
 
 @case
