@@ -52,6 +52,8 @@ add_custom_target(tarry-docs ALL DEPENDS ${tarry_man}.gz ${tarry_changelog})
 install(FILES ${tarry_man}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright ${tarry_changelog}
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tarry)
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME tarry)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tarry)
