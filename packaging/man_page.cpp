@@ -44,8 +44,8 @@ std::string invocation(std::string_view words) {
     const std::string core = word.substr(first, last - first + 1);
     const bool value = std::all_of(core.begin(), core.end(),
                                    [](char c) { return std::isupper(static_cast<unsigned char>(c)); });
-    out +=
-        " " + word.substr(0, first) + (value ? "\\fI" : "\\fB") + roff(core) + "\\fR" + word.substr(last + 1);
+    out.append(" ").append(word, 0, first).append(value ? "\\fI" : "\\fB").append(roff(core));
+    out.append("\\fR").append(word, last + 1);
   }
   return out;
 }
@@ -55,8 +55,8 @@ std::string section(std::span<const Usage> entries) {
   for (const Usage& u : entries) {
     std::string summary(u.summary);
     summary[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(summary[0])));
-    out += ".TP\n" + invocation(u.invocation) + "\n" + roff(summary) + ".\n";
-    if (!u.details.empty()) out += roff(u.details) + "\n";
+    out.append(".TP\n").append(invocation(u.invocation)).append("\n").append(roff(summary)).append(".\n");
+    if (!u.details.empty()) out.append(roff(u.details)).append("\n");
   }
   if (!out.empty()) out.pop_back();
   return out;
