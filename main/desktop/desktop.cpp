@@ -310,6 +310,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   DesktopShell shell({loop, store, counters, tunables, alerts, workspace, entries, server}, {}, 5000,
                      std::move(placement));
   wireDesktopShell(delegate, shell, *tap, loop, tunables, [&log](const std::string& line) { log.log(line); });
+  shell.hooks().guardRoute = [&backends] { return backends->guardRoute(); };
   // The menu's Undo Quit, Recently Quit and Quit All Other Apps rows, and the RAM Saver's timer.
   ShellHooks& menu = shell.hooks();
   menu.undoTitle = [&actions] { return actions.currentUndoTitle(); };

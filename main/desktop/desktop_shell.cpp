@@ -109,6 +109,7 @@ void DesktopShell::showSettings() {
     h.tapActive = [this] { return hooks_.tapActive && hooks_.tapActive(); };
     h.tapProblem = [this] { return hooks_.tapProblem ? hooks_.tapProblem() : std::string(); };
     h.guardProblem = [this] { return hooks_.guardProblem ? hooks_.guardProblem() : std::string(); };
+    h.guardRoute = [this] { return hooks_.guardRoute ? hooks_.guardRoute() : std::string(); };
     h.openRules = [this] { menu_->chose(platform::MenuRow::rules); };
     h.openStats = [this] { menu_->chose(platform::MenuRow::stats); };
     h.checkNow = [this] { menu_->chose(platform::MenuRow::checkUpdates); };

@@ -52,6 +52,8 @@ struct ShellDeps {
 /// What the shell asks of the application around it. Every member may be left empty: the window
 /// actions then open their window directly and the others write a log line.
 struct ShellHooks {
+  /// How the guard gets the keys on this desktop, for Settings; may be left empty.
+  std::function<std::string()> guardRoute;
   /// The keyboard guard has its grabs in place, and why not.
   std::function<bool()> tapActive;
   std::function<std::string()> tapProblem;

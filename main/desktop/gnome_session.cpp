@@ -33,6 +33,7 @@ class GnomeBackends final : public SessionBackends {
   [[nodiscard]] std::string description() const override {
     return "GNOME Shell (Tarry's extension) on Wayland display " + display_;
   }
+  [[nodiscard]] std::string guardRoute() const override { return "Tarry's GNOME Shell extension"; }
   void setMissingText(std::string text) { tap_.setMissingText(std::move(text)); }
   /// Drawn by the extension: Mutter gives programs no layer above other windows.
   [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(const Log& /*log*/) override {

@@ -51,6 +51,8 @@ class SessionBackends {
   virtual platform::Activity& activity() = 0;
   /// For the log: "X display :1", "sway on wayland-1".
   [[nodiscard]] virtual std::string description() const = 0;
+  /// How the guard gets the keys here, for Settings ("X11 key grabs"); empty to say nothing.
+  [[nodiscard]] virtual std::string guardRoute() const { return {}; }
 
   using Log = std::function<void(const std::string&)>;
   /// The HUD's panel on this desktop, made once the toolkit runs; `log` hears why a better panel
