@@ -1,6 +1,8 @@
 // What the GNOME backends make of the extension's words, windows and settings, without a Shell.
 #include "platform/gnome/gnome_event_tap.h"
 #include "platform/gnome/gnome_extension_setup.h"
+#include "platform/gnome/gnome_hud_panel.h"
+#include "platform/gnome/gnome_status_item.h"
 #include "platform/gnome/gnome_workspace.h"
 
 #include <gtest/gtest.h>
@@ -120,6 +122,40 @@ TEST(GnomeExtensionSetup, TheBuildsVersionIsReadFromItsMetadata) {
   EXPECT_FALSE(extensionVersionAt(dir));
   std::filesystem::remove_all(dir);
   EXPECT_FALSE(extensionVersionAt(dir));
+}
+
+TEST(GnomeHud, TheLayoutGoesToTheExtensionAsTheLogicDecidedIt) {
+  HudLayout layout;
+  layout.label.text = "Hold Ctrl+Q to quit Mail";
+  layout.label.frame = {76, 54, 236, 24};
+  layout.label.font.weight = FontWeight::semibold;
+  layout.pctLabel.alignment = TextAlignment::right;
+  layout.bar.track.rect = {0, 0, 236, 8};
+  nlohmann::json json = hudLayoutJson(layout);
+  EXPECT_EQ(json["label"]["frame"]["y"], 54);
+  EXPECT_EQ(json["label"]["font"]["weight"], "semibold");
+  EXPECT_EQ(json["pctLabel"]["alignment"], "right");
+  EXPECT_TRUE(json["bar"]["fill"].is_null());  // nothing filled yet
+  layout.bar.fill = RoundedRect{{0, 0, 118, 8}, 4, {1, 0.8, 0, 1}};
+  EXPECT_EQ(hudLayoutJson(layout)["bar"]["fill"]["rect"]["width"], 118);
+}
+
+TEST(GnomeStatusMenu, EveryRowGoesByItsWordInTheMenusOrder) {
+  std::array<MenuRowState, kMenuRowCount> rows{};
+  rows[static_cast<std::size_t>(MenuRow::toggle)] = {"Protect Ctrl+Q", true, true, true, ""};
+  rows[static_cast<std::size_t>(MenuRow::undo)].visible = false;
+  const nlohmann::json json =
+      statusMenuJson(rows, {{RecentRow::Kind::reopen, "Mail", "/usr/share/applications/mail.desktop"}},
+                     "/run/icon.png", {"3", "3 blocked today"}, true);
+  ASSERT_EQ(json["rows"].size(), static_cast<std::size_t>(kMenuRowCount));
+  EXPECT_EQ(json["rows"][2]["row"], "toggle");
+  EXPECT_EQ(json["rows"][2]["checked"], true);
+  EXPECT_EQ(json["rows"][9]["row"], "undo");
+  EXPECT_EQ(json["rows"][9]["visible"], false);
+  EXPECT_EQ(json["rows"].back()["row"], "quit");
+  EXPECT_EQ(json["recents"][0]["kind"], "reopen");
+  EXPECT_EQ(json["toolTip"], "3 blocked today");
+  EXPECT_STREQ(menuRowWord(MenuRow::pauseTomorrow), "pauseTomorrow");
 }
 
 }  // namespace
