@@ -104,7 +104,14 @@ void AppDelegate::runLaunchSequence() {
   if (hooks_.logUploaderTurn) {    // 6
     hooks_.logUploaderTurn(false);
   }
-  fetchRemoteConfig();                                                              // 7
+  // 7: a fetched document may change the RAM Saver's period; its timer is rebuilt after every
+  // document applied (never after a failed fetch). The ping runs whether or not the fetch ever
+  // answers; its completion re-arms it with the fetched interval.
+  deps_.remoteConfig.setAppliedHook(weakly([this] {
+    if (hooks_.rescheduleRamSaver) hooks_.rescheduleRamSaver();
+  }));
+  fetchRemoteConfig();
+  armPing();
   updateCheckTimer_ = deps_.loop.after(deps_.tunables.real(T::firstCheckDelaySec),  // 8
                                        weakly([this] { automaticUpdateCheck(); }));
   if (settings::applyLoginItemDefault(deps_.prefs, deps_.loginItems)) {  // 9
@@ -179,6 +186,10 @@ void AppDelegate::fetchRemoteConfig() {
 
 void AppDelegate::remoteConfigDone() {
   settings::showAnnouncement(deps_.tunables, deps_.prefs, deps_.hud, deps_.workspace.ownIcon());
+  armPing();
+}
+
+void AppDelegate::armPing() {
   pingTimer_ = deps_.loop.every(deps_.tunables.real(T::pingMinutes) * 60, weakly([this] { ping(); }));
 }
 
@@ -238,7 +249,8 @@ void AppDelegate::startGuard() {
 void AppDelegate::stopGuard() {
   guardian_->removeTap();
   const std::string why = deps_.tap.lastError();
-  deps_.log.log("keyboard guard off: " + (why.empty() ? std::string("the display is no longer reachable") : why));
+  deps_.log.log("keyboard guard off: " +
+                (why.empty() ? std::string("the display is no longer reachable") : why));
 }
 
 void AppDelegate::startPoll() {
