@@ -275,6 +275,7 @@ void AppDelegate::pollTick() {
   }
   // A tap the system disabled is re-enabled by the guard itself when it hears of it.
   const bool hasTap = tapActive();
+  if (hasTap) guardian_->checkProblem();
 
   const double now = deps_.loop.uptime();
   const double sinceBump = now - lastRunBump_;
