@@ -95,7 +95,7 @@ def main():
         hud = d.spawn([d.tarry], "tarry-hud", {"TARRY_DEBUG_HUD_TIMES": "1"})
         wait_for("tarry", lambda: d.events_log().count("keyboard guard on") >= 2)
         time.sleep(0.5)
-        hud_presses = min(40, args.presses)
+        hud_presses = min(40, max(5, args.presses // 4))
         sent = typed(d, typist, hud_presses, 150, 900)
         time.sleep(0.5)
         hud.terminate()
