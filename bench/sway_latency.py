@@ -61,7 +61,7 @@ def main():
     parser.add_argument("--client", help="tarry-wayland-client (default: found under --build)")
     parser.add_argument("--typist", help="tarry-sway-typist (default: found under --build)")
     args = parser.parse_args()
-    tarry = args.tarry or os.path.join(args.build, "main", "app", "tarry")
+    tarry = args.tarry or os.path.join(args.build, "main", "cli", "tarry")
     client = args.client or os.path.join(args.build, "tests", "wayland", "tarry-wayland-client")
     typist_built = args.typist or os.path.join(args.build, "tests", "wayland", "tarry-sway-typist")
     try:

@@ -1,9 +1,9 @@
 #include "app/app_delegate.h"
 
+#include "common/counters.h"
 #include "diagnostics/log.h"
 #include "diagnostics/telemetry_sender.h"
 #include "settings/announcement.h"
-#include "stats/counters.h"
 
 #include <cmath>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // The sway backend's pieces that need no compositor: what its bindings stand for, how it reads
 // the compositor's tree, and what it asks over the IPC (against a small fake of the socket).
 
-#include "app/session_backends.h"
+#include "desktop/session.h"
 #include "guard/guard.h"
 #include "platform/sim/sim_desktop_entries.h"
 #include "platform/wayland/sway_event_tap.h"
@@ -256,10 +256,28 @@ TEST(SwayWorkspace, AppsFromTheTreeAndWhatItAsksOfTheCompositor) {
     return std::string(R"([{"success":true},{"success":true}])");
   });
   sim::SimDesktopEntries entries;
-  entries.install({"org.gnome.TextEditor", "/usr/share/applications/org.gnome.TextEditor.desktop",
-                   "Text Editor", "org.gnome.TextEditor", "gnome-text-editor %U", "", false, false, "", false, {}});
-  entries.install({"gimp", "/usr/share/applications/gimp.desktop", "GNU Image Manipulation Program", "gimp",
-                   "gimp-2.10 %U", "Gimp-2.10", false, false, "", false, {}});
+  entries.install({"org.gnome.TextEditor",
+                   "/usr/share/applications/org.gnome.TextEditor.desktop",
+                   "Text Editor",
+                   "org.gnome.TextEditor",
+                   "gnome-text-editor %U",
+                   "",
+                   false,
+                   false,
+                   "",
+                   false,
+                   {}});
+  entries.install({"gimp",
+                   "/usr/share/applications/gimp.desktop",
+                   "GNU Image Manipulation Program",
+                   "gimp",
+                   "gimp-2.10 %U",
+                   "Gimp-2.10",
+                   false,
+                   false,
+                   "",
+                   false,
+                   {}});
   std::string error;
   std::unique_ptr<SwayWorkspace> workspace = SwayWorkspace::open(sway.path(), entries, error);
   ASSERT_TRUE(workspace) << error;
@@ -332,8 +350,9 @@ TEST(SwayWorkspace, FocusEventsNameTheActivatedAppAlsoAfterTheCompositorCameBack
   const auto window = [](const char* change, nlohmann::json container) {
     return nlohmann::json{{"change", change}, {"container", std::move(container)}};
   };
-  ASSERT_TRUE(eventually(
-      [&] { return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 5}, {"pid", 4242}})) == 1; }));
+  ASSERT_TRUE(eventually([&] {
+    return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 5}, {"pid", 4242}})) == 1;
+  }));
   // Only focus changes of views with a process count.
   sway.emit(SwayIpc::kEventWindow, "window", window("title", {{"id", 5}, {"pid", 77}}));
   sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 6}}));
@@ -343,8 +362,9 @@ TEST(SwayWorkspace, FocusEventsNameTheActivatedAppAlsoAfterTheCompositorCameBack
 
   // The compositor restarts: the watcher connects and subscribes again by itself.
   sway.dropClients();
-  ASSERT_TRUE(eventually(
-      [&] { return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 8}, {"pid", 5151}})) == 1; }));
+  ASSERT_TRUE(eventually([&] {
+    return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 8}, {"pid", 5151}})) == 1;
+  }));
   ASSERT_TRUE(eventually([&] { return seen().size() >= 3; }));
   EXPECT_EQ(seen().back(), 5151);
 
@@ -367,9 +387,9 @@ TEST(SwayIpc, ACommandReportsTheFirstFailure) {
 }
 
 TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
-  using Kind = app::Session::Kind;
+  using Kind = desktop::Session::Kind;
   const auto detect = [](std::map<std::string, std::string> env) {
-    return app::detectSession([env](const char* name) -> const char* {
+    return desktop::detectSession([env](const char* name) -> const char* {
       const auto it = env.find(name);
       return it == env.end() ? nullptr : it->second.c_str();
     });
@@ -379,12 +399,12 @@ TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
   // Inside a Wayland session the X display is Xwayland's: its grabs would see only X clients.
   EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-1"}, {"SWAYSOCK", "/run/s.sock"}}).kind,
             Kind::sway);
-  const app::Session gnome =
+  const desktop::Session gnome =
       detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME"}});
   EXPECT_EQ(gnome.kind, Kind::otherWayland);
   EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
             Kind::otherWayland);
-  EXPECT_TRUE(app::unsupportedWaylandText(gnome.desktop)
+  EXPECT_TRUE(desktop::unsupportedWaylandText(gnome.desktop)
                   .starts_with("this Wayland desktop is not supported yet: GNOME"));
 }
 
