@@ -355,6 +355,37 @@ def events_log_names_apps_and_the_damaged_database(h):
     check(client.alive(), "the client ended")
 
 
+@case
+def damaged_database_met_by_a_command_is_in_the_event_log(h):
+    database = os.path.join(h.tmp, "config", "tarry", "defaults.sqlite3")
+    with open(database, "wb") as f:
+        f.write(b"this is not a database" * 200)
+    h.env["XDG_STATE_HOME"] = os.path.join(h.tmp, "state")
+    # A user looking for the log is the first to open the damaged file.
+    found = subprocess.run([h.tarry, "defaults", "read", "logDir"], env=h.env, capture_output=True, text=True,
+                           timeout=20)
+    check(found.returncode == 0 and "moved it to" in found.stderr, "no word on stderr: %r" % (found,))
+    folder = json.loads(found.stdout)
+    check(folder.startswith(h.env["XDG_STATE_HOME"]), "the log folder is not a new one: " + folder)
+
+    def logged():
+        try:
+            with open(os.path.join(folder, "events.log"), encoding="utf-8") as f:
+                return f.read()
+        except OSError:
+            return ""
+    check("moved it to " + database + ".corrupt-" in logged(), "the event log lacks the line:\n" + logged())
+    # The program, started next, logs into that same folder (after asking for consent again).
+    h.tarry_proc = h.spawn([h.tarry, "--autostart"], "tarry")
+
+    def consent_window():
+        found = h.search("--onlyvisible", "--name", "^Welcome to Tarry$")
+        return found[0] if found else None
+    h.activate(wait_for("the consent window", consent_window, timeout=10))
+    h.key("Return")
+    wait_for("tarry to log into the folder the command made", lambda: "keyboard guard on" in logged())
+
+
 TK_APP = """
 import tkinter
 root = tkinter.Tk()
