@@ -15,6 +15,7 @@
 #include "guard/careful_hold_policy.h"
 #include "guard/guard.h"
 #include "guard/hud.h"
+#include "platform/gnome/gnome_event_tap.h"
 #include "platform/linux/desktop_entry_reader.h"
 #include "platform/linux/instance_lock.h"
 #include "platform/linux/linux_file_system.h"
@@ -241,6 +242,11 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   std::unique_ptr<platform::HudPanel> panel =
       backends->makeHudPanel([&log](const std::string& line) { log.log(line); });
   guard::HUD hud(*panel, screens, loop, tunables);
+
+  // On GNOME the Shell keeps the keyboard while a combination is held: for the longest hold at
+  // most, and a margin.
+  if (auto* gnome = dynamic_cast<platform::gnome::GnomeEventTap*>(&backends->tap()))
+    gnome->setHoldLimit(tunables.real(settings::T::maxHoldSec) + 2);
 
   std::unique_ptr<StallingTap> stalling;
   platform::EventTap* tap = &backends->tap();

@@ -108,6 +108,8 @@ class GnomeEventTap::Session final : public std::enable_shared_from_this<Session
 
   GnomeShell& shell_;
   Callback callback;
+  /// The extension answered Hello since it last appeared on the bus.
+  bool greeted = false;
   bool tapped = false;
   bool enabled = false;
   std::optional<KeyEvent> held;
@@ -148,7 +150,10 @@ GnomeEventTap::GnomeEventTap(GnomeShell& shell) : shell_(shell), session_(std::m
     if (auto session = weak.lock()) session->deliverModifiers(mask);
   };
   shell_.onExtension = [weak = std::weak_ptr<Session>(session_)](bool running) {
-    if (auto session = weak.lock(); session && !running) session->lost();
+    if (auto session = weak.lock(); session && !running) {
+      session->greeted = false;
+      session->lost();
+    }
   };
 }
 
@@ -160,9 +165,13 @@ GnomeEventTap::~GnomeEventTap() {
 
 bool GnomeEventTap::isTrusted() {
   if (!shell_.extensionRunning()) {
+    session_->greeted = false;
     lastError_ = missingText_.empty() ? extensionMissingText() : missingText_;
     return false;
   }
+  // Asked again at every poll: the bus says whether the extension is still there, and the Shell
+  // itself is not woken for it.
+  if (session_->greeted) return true;
   std::string error;
   const auto limitMs = static_cast<std::uint32_t>(std::lround(holdLimitSec_ * 1000));
   const std::optional<QVariantList> hello = shell_.call(QStringLiteral("Hello"), {limitMs}, &error);
@@ -177,6 +186,7 @@ bool GnomeEventTap::isTrusted() {
     return false;
   }
   lastError_.clear();
+  session_->greeted = true;
   return true;
 }
 

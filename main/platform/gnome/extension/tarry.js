@@ -204,8 +204,8 @@ var TarryGuard = class TarryGuard {
     _tarryVanished() {
         this._owner = null;
         this._armed = false;
-        // A hold under way keeps the keyboard until its key is up: a modal grab ended while keys
-        // are down can leave the app without keyboard input.
+        // A hold under way keeps the keyboard until its key is up (or its time limit), so the app
+        // gets the keyboard back with the keys up.
         this._queue = [];
         this._ungrabAll();
         this._hideHud();
@@ -403,8 +403,7 @@ var TarryGuard = class TarryGuard {
     }
 
     // The release and the modifiers of a held combination come through a modal grab: the app has
-    // no keyboard focus until it ends, at the key's release or at the time limit. (Ending it while
-    // keys are down can leave the app without keyboard input until it is focused anew.)
+    // no keyboard focus until it ends, at the key's release or at the time limit.
     _startHold(combination) {
         const actor = new St.Widget({reactive: true, can_focus: true, width: 1, height: 1, opacity: 0});
         Main.uiGroup.add_child(actor);
