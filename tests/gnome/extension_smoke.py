@@ -55,6 +55,14 @@ def smoke(d):
     check(focused["pid"] == client.process.pid and focused["gtkAppId"] == CLIENT_ID,
           "the focused window is not the client's: %s" % focused)
 
+    # The top-bar menu, and a choice sent back.
+    item = "Main.panel.statusArea['tarry-status']"
+    wait_for("the item in the top bar", lambda: d.eval("!!" + item) is True, timeout=3)
+    titles = d.eval(item + ".menu._getMenuItems().map(i => i.label ? i.label.text : '')")
+    check(titles[0] == "Header" and titles[-1] == "Quit", "the menu reads %s" % titles)
+    d.eval(item + ".menu._getMenuItems()[%d].emit('activate', null); true" % titles.index("Stats"))
+    wait_for("the choice to reach tarry", lambda: "stats" in fake.lines("menu"), timeout=3)
+
     # A swallowed Ctrl+Q: down and up reported, nothing at the app.
     d.hold("q", 300, background=False)
     wait_for("the release to be reported", lambda: "quit 0" in fake.lines("key"), timeout=3)

@@ -59,6 +59,15 @@ def main():
         shell.Hud(json.dumps(state))
     note("hud", "shown")
 
+    # A menu like tarry's in the top bar.
+    words = ["header", "counter", "toggle", "pause", "pauseFor15", "pauseFor60", "pauseTomorrow", "resume",
+             "recent", "undo", "stats", "rules", "quitOthers", "settings", "about", "checkUpdates", "quit"]
+    rows = [{"row": w, "title": w.capitalize(), "visible": True, "enabled": w not in ("header", "counter"),
+             "checked": w == "toggle"} for w in words]
+    shell.StatusMenu(json.dumps({"shown": True, "icon": "", "toolTip": "Tarry", "rows": rows,
+                                 "recents": [{"kind": "placeholder", "title": "No Apps", "path": ""}]}))
+    bus.add_signal_receiver(lambda word: note("menu", word), "MenuChose", INTERFACE)
+
     def key(word, down):
         note("key", word, int(bool(down)))
         shell.Hud(json.dumps({"op": "hide"}))
