@@ -123,6 +123,26 @@ def logout_hold_lets_ctrl_shift_q_through(d):
 
 
 @case
+def russian_layout_is_guarded_on_the_q_key(d):
+    # On a Russian layout the Q key types й; apps take Ctrl+й as Ctrl+Q, so the guard must, and the
+    # hold ends at that key's release although it comes up as й.
+    d.defaults("write", "busyGuard", "false")
+    d.eval("imports.gi.Gio.Settings.new('org.gnome.desktop.input-sources').set_value('sources', "
+           "new imports.gi.GLib.Variant('a(ss)', [['xkb', 'us'], ['xkb', 'ru']])); true")
+    wait_for("the Russian layout", lambda: d.eval(
+        "(() => { const m = imports.ui.status.keyboard.getInputSourceManager(); const s = m.inputSources[1]; "
+        "if (s) s.activate(); return m.currentSource ? m.currentSource.id : ''; })()") == "ru", timeout=5)
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("q", 300, background=False)
+    wait_for("the short press to be blocked", lambda: d.counter("saved") == 1)
+    check(client.alive() and not client.close_requests(), "a short Ctrl+Q on the Russian layout quit the app")
+    d.hold("q", 2600)
+    wait_for("the app to be quit by the held keys", lambda: not client.alive(), timeout=10)
+    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+
+
+@case
 def killed_during_hold_leaves_ctrl_q_working(d):
     client = d.start_client("app")
     tarry = d.start_tarry()
