@@ -1,5 +1,9 @@
 #include "app/session_backends.h"
 
+#include "platform/kde/fake_input_entry.h"
+#include "platform/kde/kde_event_tap.h"
+#include "platform/kde/kwin_script.h"
+#include "platform/kde/kwin_workspace.h"
 #include "platform/qt/qt_hud_panel.h"
 #include "platform/wayland/layer_shell_hud_panel.h"
 #include "platform/wayland/sway_event_tap.h"
@@ -12,9 +16,14 @@
 #include "platform/x11/x11_workspace.h"
 
 #include <unistd.h>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <sstream>
 
 namespace tarry::app {
 namespace {
@@ -76,6 +85,69 @@ class SwayBackends final : public SessionBackends {
   std::string display_;
 };
 
+class KdeBackends final : public SessionBackends {
+ public:
+  KdeBackends(std::unique_ptr<platform::kde::KWinScript> script, platform::MainLoop& loop,
+              platform::DesktopEntries& entries, std::string display)
+      : workspace_(std::move(script), entries),
+        tap_(loop, [this] { workspace_.closeActiveWindow(); }),
+        display_(std::move(display)) {}
+  platform::Workspace& workspace() override { return workspace_; }
+  platform::WindowList& windows() override { return workspace_; }
+  platform::EventTap& tap() override { return tap_; }
+  platform::Activity& activity() override { return activity_; }
+  [[nodiscard]] std::string description() const override { return "KWin on Wayland display " + display_; }
+
+ private:
+  platform::kde::KWinWorkspace workspace_;
+  platform::kde::KdeEventTap tap_;
+  InputIsActivity activity_;
+  std::string display_;
+};
+
+/// Where the KWin window helper lies: next to the program in a build tree, under share/tarry
+/// when installed.
+std::string kwinScriptPath() {
+  std::error_code error;
+  const std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error) return {};
+  for (const std::filesystem::path& candidate :
+       {exe.parent_path() / "tarry-kwin.js",
+        exe.parent_path().parent_path() / "share" / "tarry" / "tarry-kwin.js"}) {
+    if (std::filesystem::is_regular_file(candidate, error)) return candidate.string();
+  }
+  return {};
+}
+
+std::string dataHome() {
+  const char* data = std::getenv("XDG_DATA_HOME");
+  if (data && *data) return data;
+  const char* home = std::getenv("HOME");
+  return std::string(home ? home : "") + "/.local/share";
+}
+
+/// KWin lets this copy type keys once a desktop file declares it (see fake_input_entry.h).
+void registerFakeInput() {
+  std::error_code error;
+  const std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error) return;
+  std::vector<std::string> dirs = {dataHome() + "/applications"};
+  const char* dataDirs = std::getenv("XDG_DATA_DIRS");
+  std::istringstream list(dataDirs && *dataDirs ? dataDirs : "/usr/local/share:/usr/share");
+  for (std::string dir; std::getline(list, dir, ':');) {
+    if (!dir.empty()) dirs.push_back(dir + "/applications");
+  }
+  const std::string done = platform::kde::ensureFakeInputEntry(
+      exe.string(), dirs, dataHome() + "/applications", platform::kde::refreshServiceCache);
+  if (!done.empty()) std::fprintf(stderr, "tarry: %s\n", done.c_str());
+}
+
+bool kwinOnBus() {
+  QDBusConnection bus = QDBusConnection::sessionBus();
+  return bus.isConnected() && bus.interface() &&
+         bus.interface()->isServiceRegistered(QStringLiteral("org.kde.KWin"));
+}
+
 /// A tap that is never trusted and tells why: the guard stays off with that reason.
 class UnsupportedTap final : public platform::EventTap {
  public:
@@ -136,7 +208,9 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
   if (!wayland.empty() || type == "wayland") {
     session.display = wayland;
     session.desktop = get("XDG_CURRENT_DESKTOP");
-    session.kind = !get("SWAYSOCK").empty() ? Session::Kind::sway : Session::Kind::otherWayland;
+    session.kind = !get("SWAYSOCK").empty()    ? Session::Kind::sway
+                   : namesKde(session.desktop) ? Session::Kind::kde
+                                               : Session::Kind::otherWayland;
     if (session.desktop.empty() && session.kind == Session::Kind::sway) session.desktop = "sway";
     return session;
   }
@@ -145,10 +219,19 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
   return session;
 }
 
+bool namesKde(const std::string& currentDesktop) {
+  std::istringstream names(currentDesktop);
+  std::string name;
+  while (std::getline(names, name, ':')) {
+    if (lower(name) == "kde") return true;
+  }
+  return false;
+}
+
 std::string unsupportedWaylandText(const std::string& desktop) {
   return "this Wayland desktop is not supported yet: " +
          (desktop.empty() ? std::string("unknown") : desktop) +
-         " (Tarry guards keys on X11 and on sway; GNOME and KDE need their own backends)";
+         " (Tarry guards keys on X11, on sway and on KDE Plasma; GNOME needs its own backend)";
 }
 
 void prepareQt(const Session& session) {
@@ -176,6 +259,22 @@ std::unique_ptr<SessionBackends> openSessionBackends(const Session& session, pla
       if (!workspace) return nullptr;
       return std::make_unique<SwayBackends>(std::move(workspace), loop, socket, session.display);
     }
+    case Session::Kind::kde: {
+      // Plasma's session variables may outlive KWin (another compositor started from the same
+      // login): KWin must answer on the bus.
+      if (!kwinOnBus())
+        return std::make_unique<UnsupportedBackends>("KWin is not on the session bus (org.kde.KWin)",
+                                                     session.display);
+      const std::string path = kwinScriptPath();
+      if (path.empty()) {
+        error = "the KWin window helper tarry-kwin.js is missing next to the program and in share/tarry";
+        return nullptr;
+      }
+      std::unique_ptr<platform::kde::KWinScript> script = platform::kde::KWinScript::open(loop, path, error);
+      if (!script) return nullptr;
+      registerFakeInput();
+      return std::make_unique<KdeBackends>(std::move(script), loop, entries, session.display);
+    }
     case Session::Kind::otherWayland:
       return std::make_unique<UnsupportedBackends>(unsupportedWaylandText(session.desktop), session.display);
   }
@@ -184,7 +283,7 @@ std::unique_ptr<SessionBackends> openSessionBackends(const Session& session, pla
 
 std::unique_ptr<platform::HudPanel> makeHudPanel(const Session& session,
                                                  const std::function<void(const std::string&)>& log) {
-  if (session.kind == Session::Kind::sway) {
+  if (session.kind == Session::Kind::sway || session.kind == Session::Kind::kde) {
     std::string error;
     if (auto overlay = platform::wayland::LayerShellHudPanel::open(error)) return overlay;
     log("HUD as an ordinary window: " + error);

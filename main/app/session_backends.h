@@ -20,6 +20,7 @@ struct Session {
     none,          // neither a Wayland nor an X display
     x11,           // an X server: the X11 backends
     sway,          // sway or another compositor speaking its IPC ($SWAYSOCK)
+    kde,           // KDE Plasma on Wayland (KWin): when KWin is on the session bus
     otherWayland,  // a Wayland compositor without a backend yet (GNOME, KDE, ...)
   };
   Kind kind = Kind::none;
@@ -31,6 +32,9 @@ struct Session {
 /// Reads the session from `env` (getenv by default). A Wayland session wins over the X display
 /// that its Xwayland offers: the X11 route would see only X clients' keys.
 [[nodiscard]] Session detectSession(const std::function<const char*(const char*)>& env = {});
+
+/// True when an `XDG_CURRENT_DESKTOP` list names KDE ("KDE", "KDE:plasma", ...).
+[[nodiscard]] bool namesKde(const std::string& currentDesktop);
 
 /// The guard's state text for a Wayland desktop without a backend.
 [[nodiscard]] std::string unsupportedWaylandText(const std::string& desktop);
@@ -62,7 +66,7 @@ void prepareQt(const Session& session);
                                                                    platform::DesktopEntries& entries,
                                                                    std::string& error);
 
-/// The HUD's panel for `session`: on sway a layer-shell overlay (above every window, never
+/// The HUD's panel for `session`: on sway and KWin a layer-shell overlay (above every window, never
 /// focused, click-through), else the Qt window. `log` hears why the overlay is not available.
 [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(
     const Session& session, const std::function<void(const std::string&)>& log);

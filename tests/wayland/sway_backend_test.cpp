@@ -256,10 +256,28 @@ TEST(SwayWorkspace, AppsFromTheTreeAndWhatItAsksOfTheCompositor) {
     return std::string(R"([{"success":true},{"success":true}])");
   });
   sim::SimDesktopEntries entries;
-  entries.install({"org.gnome.TextEditor", "/usr/share/applications/org.gnome.TextEditor.desktop",
-                   "Text Editor", "org.gnome.TextEditor", "gnome-text-editor %U", "", false, false, "", false, {}});
-  entries.install({"gimp", "/usr/share/applications/gimp.desktop", "GNU Image Manipulation Program", "gimp",
-                   "gimp-2.10 %U", "Gimp-2.10", false, false, "", false, {}});
+  entries.install({"org.gnome.TextEditor",
+                   "/usr/share/applications/org.gnome.TextEditor.desktop",
+                   "Text Editor",
+                   "org.gnome.TextEditor",
+                   "gnome-text-editor %U",
+                   "",
+                   false,
+                   false,
+                   "",
+                   false,
+                   {}});
+  entries.install({"gimp",
+                   "/usr/share/applications/gimp.desktop",
+                   "GNU Image Manipulation Program",
+                   "gimp",
+                   "gimp-2.10 %U",
+                   "Gimp-2.10",
+                   false,
+                   false,
+                   "",
+                   false,
+                   {}});
   std::string error;
   std::unique_ptr<SwayWorkspace> workspace = SwayWorkspace::open(sway.path(), entries, error);
   ASSERT_TRUE(workspace) << error;
@@ -332,8 +350,9 @@ TEST(SwayWorkspace, FocusEventsNameTheActivatedAppAlsoAfterTheCompositorCameBack
   const auto window = [](const char* change, nlohmann::json container) {
     return nlohmann::json{{"change", change}, {"container", std::move(container)}};
   };
-  ASSERT_TRUE(eventually(
-      [&] { return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 5}, {"pid", 4242}})) == 1; }));
+  ASSERT_TRUE(eventually([&] {
+    return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 5}, {"pid", 4242}})) == 1;
+  }));
   // Only focus changes of views with a process count.
   sway.emit(SwayIpc::kEventWindow, "window", window("title", {{"id", 5}, {"pid", 77}}));
   sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 6}}));
@@ -343,8 +362,9 @@ TEST(SwayWorkspace, FocusEventsNameTheActivatedAppAlsoAfterTheCompositorCameBack
 
   // The compositor restarts: the watcher connects and subscribes again by itself.
   sway.dropClients();
-  ASSERT_TRUE(eventually(
-      [&] { return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 8}, {"pid", 5151}})) == 1; }));
+  ASSERT_TRUE(eventually([&] {
+    return sway.emit(SwayIpc::kEventWindow, "window", window("focus", {{"id", 8}, {"pid", 5151}})) == 1;
+  }));
   ASSERT_TRUE(eventually([&] { return seen().size() >= 3; }));
   EXPECT_EQ(seen().back(), 5151);
 
@@ -382,8 +402,12 @@ TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
   const app::Session gnome =
       detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME"}});
   EXPECT_EQ(gnome.kind, Kind::otherWayland);
-  EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
-            Kind::otherWayland);
+  EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind, Kind::kde);
+  EXPECT_EQ(detect({{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "ubuntu:KDE"}}).kind,
+            Kind::kde);
+  // Plasma on X11 keeps the X11 backends.
+  EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"XDG_SESSION_TYPE", "x11"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
+            Kind::x11);
   EXPECT_TRUE(app::unsupportedWaylandText(gnome.desktop)
                   .starts_with("this Wayland desktop is not supported yet: GNOME"));
 }

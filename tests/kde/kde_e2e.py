@@ -1,0 +1,180 @@
+#!/usr/bin/env python3
+"""End-to-end cases of tarry on a headless KWin (see kde_harness.py).
+
+    kde_e2e.py --tarry PATH --client PATH --typist PATH CASE   runs one case; 0 when it holds, 77
+                                                               when KWin cannot run here
+    kde_e2e.py --list                                          names the cases
+"""
+
+import argparse
+import os
+import signal
+import sys
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from kde_harness import (KEY_ALT, KEY_CTRL, KEY_Q, KEY_W, KEY_Z, SKIP, Failure, KdeDesktop, Skip,  # noqa: E402
+                         wait_for)
+
+QT_KEY_Q, QT_KEY_W = 0x51, 0x57
+
+CASES = {}
+
+
+def case(fn):
+    CASES[fn.__name__] = fn
+    return fn
+
+
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def settle(seconds=0.4):
+    """Time for events to travel between the processes; never a measured quantity."""
+    time.sleep(seconds)
+
+
+def ctrl_q_presses(client):
+    return [p for p in client.presses(QT_KEY_Q) if p[2]]
+
+
+@case
+def short_press_is_blocked_with_hud(d):
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold(KEY_Q, 600).wait(timeout=10)
+    wait_for("one blocked quit to be counted", lambda: d.counter("saved") == 1)
+    settle()
+    check(client.alive(), "the client ended")
+    check(not ctrl_q_presses(client), "Ctrl+Q reached the client: %s" % ctrl_q_presses(client))
+
+
+@case
+def long_hold_quits_politely(d):
+    # A client still busy starting up could earn a longer hold ("Working hard") on a loaded machine.
+    d.defaults("write", "busyGuard", "false")
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold(KEY_Q, 3000)
+    # The default hold is 2 s: KWin's close request must come well before the keys go up.
+    wait_for("the client to leave its event loop", lambda: any(w == ["exit"] for _, w in client.lines()), timeout=2.9)
+    wait_for("the client to end", lambda: not client.alive(), timeout=15)
+    check(client.close_requests() == [0], "not closed by KWin's request: %s" % client.lines())
+    check(not ctrl_q_presses(client), "the held Ctrl+Q itself reached the client")
+    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+
+
+@case
+def press_twice_quits(d):
+    d.defaults("write", "style", "1")
+    client = d.start_client("app")
+    d.start_tarry()
+    d.type(KEY_Q, (KEY_CTRL,))
+    wait_for("the first press to be taken", lambda: d.counter("twice.first") == 1)
+    settle()
+    check(client.alive(), "one press quit the client")
+    d.type(KEY_Q, (KEY_CTRL,))
+    wait_for("the client to quit on the second press", lambda: not client.alive(), timeout=10)
+    check(client.close_requests() == [0], "not closed by KWin's request: %s" % client.lines())
+    wait_for("the confirmation to be counted", lambda: d.counter("twice.confirmed") == 1)
+
+
+@case
+def close_hold_types_ctrl_w(d):
+    d.defaults("write", "closeHold", "1")
+    client = d.start_client("app", "--windows", "2")
+    d.start_tarry()
+    # A short press is held back.
+    d.type(KEY_W, (KEY_CTRL,), 200)
+    settle()
+    check(not client.closed(), "a short Ctrl+W closed a window")
+    check(not client.presses(QT_KEY_W), "a short Ctrl+W reached the client")
+    d.hold(KEY_W, 1600).wait(timeout=10)
+    wait_for("the focused window to close", lambda: client.closed(), timeout=8)
+    check(len(client.closed()) == 1, "closed %s instead of the focused window alone" % client.closed())
+    check(client.alive(), "the client ended; only one window should close")
+    check([p for p in client.presses(QT_KEY_W) if p[2]], "Ctrl+W did not reach the client as a key press")
+    check("Ctrl+W confirmed" in d.events_log(), "no confirmation in the log")
+    check("closes the window instead" not in d.events_log(), "fake input was not used")
+
+
+@case
+def killed_during_hold_leaves_ctrl_q_working(d):
+    client = d.start_client("app", "--no-quit")
+    tarry = d.start_tarry()
+    typing = d.hold(KEY_Q, 800)
+    settle(0.4)
+    tarry.send_signal(signal.SIGKILL)
+    killed = time.monotonic()
+    tarry.wait()
+    typing.wait(timeout=10)
+    check(not ctrl_q_presses(client), "the held Ctrl+Q reached the client while tarry ran")
+    # Within a second of the kill, Ctrl+Q reaches the app again.
+    time.sleep(max(0.0, 1.0 - (time.monotonic() - killed)))
+    d.type(KEY_Q, (KEY_CTRL,))
+    wait_for("Ctrl+Q to reach the client", lambda: ctrl_q_presses(client), timeout=2)
+
+    # The next run guards again, and a normal exit leaves Ctrl+Q working too.
+    tarry = d.start_tarry()
+    before = len(ctrl_q_presses(client))
+    d.type(KEY_Q, (KEY_CTRL,), 200)
+    wait_for("the new guard to block a short press", lambda: d.counter("saved") >= 1)
+    check(len(ctrl_q_presses(client)) == before, "Ctrl+Q reached the client past the new guard")
+    tarry.terminate()
+    tarry.wait(timeout=10)
+    d.type(KEY_Q, (KEY_CTRL,))
+    wait_for("Ctrl+Q to reach the client after a normal exit",
+             lambda: len(ctrl_q_presses(client)) > before, timeout=3)
+
+
+@case
+def taken_shortcut_is_named(d):
+    # Another program owns Ctrl+W before tarry starts.
+    other = "array:string:other,close,Other,Close Window"
+    d.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.kglobalaccel", "/kglobalaccel",
+           "org.kde.KGlobalAccel.doRegister", other])
+    d.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.kglobalaccel", "/kglobalaccel",
+           "org.kde.KGlobalAccel.setShortcut", other, "array:int32:%d" % 0x04000057, "uint32:6"])
+    client = d.start_client("app")
+    d.start_tarry()
+    wait_for("the taken combination in the log",
+             lambda: "Ctrl+W is a global shortcut of Other (Close Window) and is not guarded" in d.events_log())
+    # Ctrl+Q is still guarded.
+    d.type(KEY_Q, (KEY_CTRL,), 200)
+    wait_for("a short Ctrl+Q to be blocked", lambda: d.counter("saved") == 1)
+    check(client.alive(), "the client ended")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tarry")
+    parser.add_argument("--client")
+    parser.add_argument("--typist")
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("case", nargs="?")
+    args = parser.parse_args()
+    if args.list:
+        print("\n".join(CASES))
+        return 0
+    if args.case not in CASES:
+        parser.error("unknown case: %s" % args.case)
+    try:
+        desktop = KdeDesktop(args.tarry, args.client, args.typist)
+    except Skip as skip:
+        print("SKIP: " + str(skip))
+        return SKIP
+    try:
+        CASES[args.case](desktop)
+    except Failure as failure:
+        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
+        return 1
+    finally:
+        desktop.close()
+    print("ok " + args.case)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
