@@ -13,8 +13,8 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kde_harness import (KEY_ALT, KEY_CTRL, KEY_Q, KEY_W, KEY_Z, SKIP, Failure, KdeDesktop, Skip,  # noqa: E402
-                         wait_for)
+from kde_harness import (CLIENT_ENTRY, CLIENT_ID, KEY_ALT, KEY_CTRL, KEY_Q, KEY_W, KEY_Z, SKIP, Failure,  # noqa: E402
+                         KdeDesktop, Skip, wait_for)
 
 QT_KEY_Q, QT_KEY_W = 0x51, 0x57
 
@@ -44,8 +44,11 @@ def ctrl_q_presses(client):
 def short_press_is_blocked_with_hud(d):
     client = d.start_client("app")
     d.start_tarry()
-    d.hold(KEY_Q, 600).wait(timeout=10)
+    typing = d.hold(KEY_Q, 1200)
+    wait_for("the HUD to show", d.hud_visible, timeout=1.1, interval=0.05)
+    typing.wait(timeout=10)
     wait_for("one blocked quit to be counted", lambda: d.counter("saved") == 1)
+    wait_for("the HUD to hide", lambda: not d.hud_visible(), timeout=5)
     settle()
     check(client.alive(), "the client ended")
     check(not ctrl_q_presses(client), "Ctrl+Q reached the client: %s" % ctrl_q_presses(client))
@@ -98,6 +101,43 @@ def close_hold_types_ctrl_w(d):
     check([p for p in client.presses(QT_KEY_W) if p[2]], "Ctrl+W did not reach the client as a key press")
     check("Ctrl+W confirmed" in d.events_log(), "no confirmation in the log")
     check("closes the window instead" not in d.events_log(), "fake input was not used")
+
+
+def close_enough(a, b, slack=4):
+    return all(abs(x - y) <= slack for x, y in zip(a, b))
+
+
+@case
+def undo_brings_the_app_back_in_place(d):
+    d.defaults("write", "busyGuard", "false")
+    relaunch_log = os.path.join(d.tmp, "relaunched.log")
+    with open(os.path.join(d.tmp, "data", "applications", CLIENT_ID + ".desktop"), "w", encoding="utf-8") as f:
+        f.write(CLIENT_ENTRY.replace("Exec=tarry-wayland-client",
+                                     "Exec=%s --log %s --windows 2" % (d.client, relaunch_log)))
+    client = d.start_client("app", "--windows", "2")
+    first, second = "Tarry Wayland Client 0", "Tarry Wayland Client 1"
+    # The user moved and sized the second window and minimized the first.
+    moved = [600, 350, 400, 260]
+    check(d.set_window(second, frame=moved, activate=True), "no window %r: %s" % (second, d.windows()))
+    d.set_window(first, minimized=True)
+    frames = lambda: {w["caption"]: w for w in d.windows() if w["pid"] == client.process.pid}  # noqa: E731
+    wait_for("the second window in its new place", lambda: close_enough(frames()[second]["frame"], moved))
+    before = frames()[second]["frame"]
+    d.start_tarry()
+    typing = d.hold(KEY_Q, 3000)
+    wait_for("the client to end", lambda: not client.alive(), timeout=15)
+    typing.wait(timeout=10)
+    wait_for("the quit in the log", lambda: "quit confirmed" in d.events_log(), timeout=5)
+    settle(0.6)
+    d.type(KEY_Z, (KEY_CTRL, KEY_ALT))
+    wait_for("the app to come back", lambda: os.path.exists(relaunch_log) and "ready" in open(relaunch_log).read(),
+             timeout=10)
+    again = lambda: {w["caption"]: w for w in d.windows() if w["pid"] != client.process.pid}  # noqa: E731
+    wait_for("the moved window back in its place (was %s)" % (before,),
+             lambda: second in again() and close_enough(again()[second]["frame"], before), timeout=10)
+    wait_for("the first window minimized again", lambda: again().get(first, {}).get("minimized"), timeout=10)
+    check(not again()[second]["minimized"], "the second window came back minimized")
+    wait_for("the reopened app to be counted", lambda: d.counter("reopened") == 1, timeout=10)
 
 
 @case

@@ -11,6 +11,7 @@ process started here is ended by `close()` (also on SIGTERM, which ctest sends o
 the temporary folder is removed.
 """
 
+import json
 import os
 import shutil
 import signal
@@ -24,6 +25,7 @@ from sway_harness import CLIENT_ENTRY, CLIENT_ID, SKIP, Client, Failure, Skip, e
 from harness import stop_all  # noqa: E402
 
 KWIN = "/usr/bin/kwin_wayland"
+SCREENSHOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "kwin_screenshot.py")
 SOCKET = "wayland-tarry"
 TYPIST_ENTRY = """[Desktop Entry]
 Type=Application
@@ -83,6 +85,7 @@ class KdeDesktop:
             shutil.copy(script, bindir)
         self.client = shutil.copy(client, bindir)
         self.typist = shutil.copy(typist, bindir)
+        self.shot = shutil.copy(SCREENSHOT, bindir)
         runtime = os.path.join(self.tmp, "run")
         os.makedirs(runtime, mode=0o700)
         home = os.path.join(self.tmp, "home")
@@ -112,8 +115,6 @@ class KdeDesktop:
             "XDG_SESSION_TYPE": "wayland",
             "LC_ALL": "C.UTF-8",
             "QT_QPA_PLATFORM": "wayland",
-            # Software OpenGL costs far more CPU than KWin's QPainter compositing.
-            "KWIN_COMPOSE": "Q",
         })
         self.env = env
 
@@ -167,8 +168,13 @@ class KdeDesktop:
         return b"boolean true" in result.stdout
 
     def _start_kwin(self):
+        # Screenshots (ScreenShot2) need OpenGL compositing (llvmpipe here) and, for the tests' own
+        # tool, no permission check.
         kwin = self.spawn(["kwin_wayland", "--virtual", "--width", "1280", "--height", "800", "--socket", SOCKET],
-                          "kwin", {"WAYLAND_DISPLAY": None})
+                          "kwin", {"WAYLAND_DISPLAY": None, "KWIN_SCREENSHOT_NO_PERMISSION_CHECKS": "1",
+                                   # print() of the tests' own KWin scripts (kwin_eval)
+                                   "QT_LOGGING_RULES": "kwin_scripting.debug=true;" +
+                                   self.env.get("QT_LOGGING_RULES", "")})
         self.env["WAYLAND_DISPLAY"] = SOCKET
         end = time.monotonic() + 20
         while time.monotonic() < end:
@@ -245,6 +251,84 @@ class KdeDesktop:
             except FileNotFoundError:
                 pass
         return "\n".join(parts)
+
+    # ---- KWin, asked directly ----
+
+    def kwin_eval(self, body):
+        """Runs a KWin script whose `body` may call `answer(value)` once; returns the value (JSON).
+        KWin 5.27 names (clientList, activeClient)."""
+        self._evals = getattr(self, "_evals", 0) + 1
+        marker = "tarry-eval-%d" % self._evals
+        path = os.path.join(self.tmp, marker + ".js")
+        with open(path, "w", encoding="utf-8") as f:
+            f.write("function answer(v) { print('%s ' + JSON.stringify(v)); }\n%s\n" % (marker, body))
+        self.chown(path)
+        loaded = self.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.KWin", "/Scripting",
+                           "org.kde.kwin.Scripting.loadScript", "string:" + path, "string:" + marker])
+        script_id = int(loaded.stdout.split()[-1])
+        self.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.KWin", "/%d" % script_id,
+                  "org.kde.kwin.Script.run"])
+        try:
+            def answered():
+                for line in self.output("kwin").splitlines():
+                    at = line.find(marker + " ")
+                    if at >= 0:
+                        return line[at + len(marker) + 1:]
+                return None
+            return json.loads(wait_for("KWin to run a script", answered, timeout=5))
+        finally:
+            self.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.KWin", "/Scripting",
+                      "org.kde.kwin.Scripting.unloadScript", "string:" + marker], check=False)
+
+    def windows(self):
+        """caption, pid, [x, y, w, h], minimized, active of every normal window."""
+        return self.kwin_eval("""
+            var out = [];
+            var all = workspace.clientList();
+            for (var i = 0; i < all.length; ++i) {
+              var w = all[i];
+              if (!w.normalWindow) continue;
+              var g = w.frameGeometry;
+              out.push({caption: String(w.caption), pid: w.pid, frame: [g.x, g.y, g.width, g.height],
+                        minimized: w.minimized, active: w === workspace.activeClient});
+            }
+            answer(out);""")
+
+    def set_window(self, caption, frame=None, minimized=None, activate=False):
+        """Moves and sizes, (un)minimizes or activates the window with this caption, as a user would."""
+        return self.kwin_eval("""
+            var all = workspace.clientList();
+            var done = false;
+            for (var i = 0; i < all.length; ++i) {
+              var w = all[i];
+              if (String(w.caption) !== %s) continue;
+              var frame = %s, minimized = %s;
+              if (frame) w.frameGeometry = {x: frame[0], y: frame[1], width: frame[2], height: frame[3]};
+              if (minimized !== null) w.minimized = minimized;
+              if (%s) workspace.activeClient = w;
+              done = true;
+            }
+            answer(done);""" % (json.dumps(caption), json.dumps(frame), json.dumps(minimized),
+                                "true" if activate else "false"))
+
+    # ---- the user's eyes ----
+
+    def screenshot(self, path, area=None):
+        """Saves the screen (or an area x, y, w, h) as a PPM."""
+        self.run(["/usr/bin/python3", self.shot, path] + [str(v) for v in (area or ())])
+
+    def pixel(self, x, y):
+        path = os.path.join(self.tmp, "pixel.ppm")
+        self.screenshot(path, (x, y, 1, 1))
+        with open(path, "rb") as f:
+            data = f.read()
+        return tuple(data.split(maxsplit=4)[4][:3])
+
+    def hud_visible(self):
+        """True while the HUD covers the middle of the screen (it is centred; just under its top
+        edge lies its light backdrop, and the test client's windows are dark blue)."""
+        r, g, b = self.pixel(640, 357)
+        return min(r, g, b) > 200
 
     # ---- the user's hands ----
 
