@@ -13,7 +13,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kde_harness import (CLIENT_ENTRY, CLIENT_ID, KEY_ALT, KEY_CTRL, KEY_Q, KEY_W, KEY_Z, SKIP, Failure,  # noqa: E402
+from kde_harness import (CLIENT_ENTRY, CLIENT_ID, KEY_ALT, KEY_CTRL, KEY_Q, KEY_SHIFT, KEY_W, KEY_Z, SKIP, Failure,  # noqa: E402
                          KdeDesktop, Skip, wait_for)
 
 QT_KEY_Q, QT_KEY_W = 0x51, 0x57
@@ -82,6 +82,70 @@ def press_twice_quits(d):
     wait_for("the client to quit on the second press", lambda: not client.alive(), timeout=10)
     check(client.close_requests() == [0], "not closed by KWin's request: %s" % client.lines())
     wait_for("the confirmation to be counted", lambda: d.counter("twice.confirmed") == 1)
+
+
+@case
+def instant_rule_passes_at_once(d):
+    d.defaults("write", "appModes", '{"%s": "instant"}' % CLIENT_ID)
+    client = d.start_client("app")
+    d.start_tarry()
+    d.type(KEY_Q, (KEY_CTRL,), 50)
+    wait_for("Ctrl+Q to reach the client", lambda: ctrl_q_presses(client), timeout=8)
+    wait_for("the client to quit", lambda: not client.alive(), timeout=10)
+    wait_for("the instant pass to be counted", lambda: d.counter("instant") == 1)
+
+
+@case
+def press_twice_logout_types_ctrl_shift_q(d):
+    # The second press is typed back from inside the shortcut's handler, while the keys are down.
+    d.defaults("write", "style", "1")
+    client = d.start_client("app", "--no-quit")
+    d.start_tarry()
+    d.type(KEY_Q, (KEY_CTRL, KEY_SHIFT))
+    wait_for("the first press to be taken", lambda: d.counter("twice.first") == 1)
+    settle()
+    check(not client.presses(QT_KEY_Q), "the first Ctrl+Shift+Q reached the client")
+    d.type(KEY_Q, (KEY_CTRL, KEY_SHIFT))
+    wait_for("Ctrl+Shift+Q to reach the client", lambda: client.presses(QT_KEY_Q), timeout=5)
+    presses = client.presses(QT_KEY_Q)
+    check(len(presses) == 1 and presses[0][2], "the client got %s, not one Ctrl+Shift+Q" % presses)
+    check(any(w[:2] == ["press", str(QT_KEY_Q)] and w[3] == "1" for _, w in client.lines()), "Shift was not held")
+    wait_for("the confirmation to be counted", lambda: d.counter("twice.confirmed") == 1)
+
+
+@case
+def copy_without_launcher_registers_itself(d):
+    # No desktop file names this copy of tarry: it writes its own, and KWin lets it type keys.
+    d.defaults("write", "appModes", '{"%s": "instant"}' % CLIENT_ID)
+    client = d.start_client("app", "--no-quit")
+    d.start_tarry()
+    entry = os.path.join(d.tmp, "data", "applications", "org.tarry.Tarry.FakeInput.desktop")
+    wait_for("tarry's own desktop file", lambda: os.path.exists(entry))
+    with open(entry, encoding="utf-8") as f:
+        text = f.read()
+    check("Exec=%s\n" % d.tarry in text, "the entry does not start this copy: " + text)
+    # KWin's service cache learns of it within a few seconds.
+    def passes():
+        d.type(KEY_Q, (KEY_CTRL,), 30)
+        time.sleep(0.3)
+        return ctrl_q_presses(client)
+    wait_for("a let-through Ctrl+Q to reach the client", passes, timeout=15, interval=0.5)
+
+
+@case
+def close_without_fake_input_closes_the_window(d):
+    # tarry cannot write its desktop file (the applications folder is not the user's): KWin never
+    # offers it fake input.
+    d.lock_applications()
+    d.defaults("write", "closeHold", "1")
+    client = d.start_client("app", "--windows", "2")
+    d.start_tarry()
+    d.hold(KEY_W, 1600).wait(timeout=10)
+    wait_for("the focused window to be closed by KWin", lambda: client.close_requests(), timeout=8)
+    check(len(client.close_requests()) == 1, "closed %s" % client.close_requests())
+    check(client.alive(), "the client ended; only one window should close")
+    check(not client.presses(QT_KEY_W), "Ctrl+W reached the client although nothing could type it")
+    wait_for("the guard state to say so", lambda: "closes the window instead" in d.events_log())
 
 
 @case
@@ -187,6 +251,10 @@ def taken_shortcut_is_named(d):
     check(client.alive(), "the client ended")
 
 
+# Cases that start tarry without a launcher that declares fake input for it.
+UNREGISTERED = ("copy_without_launcher_registers_itself", "close_without_fake_input_closes_the_window")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--tarry")
@@ -201,7 +269,8 @@ def main():
     if args.case not in CASES:
         parser.error("unknown case: %s" % args.case)
     try:
-        desktop = KdeDesktop(args.tarry, args.client, args.typist)
+        desktop = KdeDesktop(args.tarry, args.client, args.typist,
+                             register_tarry=args.case not in UNREGISTERED)
     except Skip as skip:
         print("SKIP: " + str(skip))
         return SKIP

@@ -40,7 +40,7 @@ KEY_Q, KEY_W, KEY_Z, KEY_A = 16, 17, 44, 30
 
 
 class KdeDesktop:
-    def __init__(self, tarry, client, typist):
+    def __init__(self, tarry, client, typist, register_tarry=True):
         if not os.path.exists(KWIN):
             raise Skip("kwin_wayland is not installed")
         self.account = ensure_user()
@@ -50,7 +50,7 @@ class KdeDesktop:
         self.tarry_proc = None
         signal.signal(signal.SIGTERM, self._on_signal)
         try:
-            self._prepare(tarry, client, typist)
+            self._prepare(tarry, client, typist, register_tarry)
             self._start_bus()
             self._start_kwin()
             os.makedirs(os.path.join(self.tmp, "logs"))
@@ -71,7 +71,7 @@ class KdeDesktop:
         if self.account:
             os.chown(path, self.account.pw_uid, self.account.pw_gid)
 
-    def _prepare(self, tarry, client, typist):
+    def _prepare(self, tarry, client, typist, register_tarry):
         self.chown(self.tmp)
         os.chmod(self.tmp, 0o700)
         bindir = os.path.join(self.tmp, "bin")
@@ -96,6 +96,11 @@ class KdeDesktop:
             f.write(CLIENT_ENTRY)
         with open(os.path.join(apps, "org.tarry.KdeTypist.desktop"), "w", encoding="utf-8") as f:
             f.write(TYPIST_ENTRY.format(exe=self.typist))
+        if register_tarry:
+            # As the installed launcher does; without it, tarry writes an entry of its own at its
+            # first start, which KWin's service cache learns only a moment later.
+            with open(os.path.join(apps, "org.tarry.Tarry.desktop"), "w", encoding="utf-8") as f:
+                f.write(TYPIST_ENTRY.format(exe=self.tarry).replace("Tarry KDE Typist", "Tarry"))
         for root, dirs, files in os.walk(self.tmp):
             for name in dirs + files:
                 self.chown(os.path.join(root, name))
@@ -225,6 +230,16 @@ class KdeDesktop:
         # offered once that is done.
         wait_for("the service cache to be refreshed", lambda: not self.running("kbuildsycoca5"), timeout=20)
         return self.tarry_proc
+
+    def lock_applications(self):
+        """Makes the user's applications folder read-only to tarry (owned by root when run as
+        root, else without write permission)."""
+        apps = os.path.join(self.tmp, "data", "applications")
+        if self.account:
+            os.chown(apps, 0, 0)
+            os.chmod(apps, 0o755)
+        else:
+            os.chmod(apps, 0o555)
 
     def running(self, name):
         argv = ["pgrep", "-x", name] + (["-u", str(self.account.pw_uid)] if self.account else [])

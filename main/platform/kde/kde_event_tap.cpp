@@ -30,6 +30,10 @@ constexpr char kComponentName[] = "Tarry";
 constexpr char kAccelService[] = "org.kde.kglobalaccel";
 constexpr char kAccelPath[] = "/kglobalaccel";
 constexpr char kAccelInterface[] = "org.kde.KGlobalAccel";
+// How long after the tap starts a missing fake input is not yet reported (the service cache may
+// still be learning this program's desktop file).
+constexpr double kFakeInputGraceSec = 10;
+constexpr int kFakeInputAttempts = 10;
 // KGlobalAccel's SetPresent | NoAutoloading: take these keys now, whatever the saved settings say.
 constexpr unsigned kSetPresentNoAutoloading = 6;
 
@@ -101,6 +105,7 @@ class KdeEventTap::Session final : public QObject {
   bool letThrough(const KdeShortcut& shortcut, bool keysDown);
   bool typeChord(std::uint32_t evdevCode, std::uint64_t flags, bool keysDown);
   bool openFakeInput();
+  void prepareFakeInput(int attempts);
   void startCleaner();
   void stopCleaner();
   [[nodiscard]] bool guarded(const KdeShortcut& shortcut) const {
@@ -116,9 +121,13 @@ class KdeEventTap::Session final : public QObject {
   std::set<std::string> down_;
   // Combinations another component owns, with what KGlobalAccel says about the owner.
   std::map<std::string, std::string> refused_;
-  std::unique_ptr<FakeInput> fakeInput_;
-  std::string fakeInputError_;
+  // Opened when first needed; `problem` tries too.
+  mutable std::unique_ptr<FakeInput> fakeInput_;
+  mutable std::string fakeInputError_;
   bool closedInstead_ = false;
+  double startedAt_ = 0;
+  Scheduled fakeInputRetry_;
+  mutable double probedAt_ = -1e9;
   pid_t cleaner_ = -1;
   int cleanerPipe_ = -1;
 };
@@ -182,6 +191,8 @@ bool KdeEventTap::Session::start(Callback callback, std::string& error) {
   }
   callback_ = std::make_shared<Callback>(std::move(callback));
   tapped_ = true;
+  startedAt_ = loop_.uptime();
+  prepareFakeInput(kFakeInputAttempts);
   enabled_ = false;
   down_.clear();
   startCleaner();
@@ -203,6 +214,7 @@ void KdeEventTap::Session::stop() {
                  SLOT(onReleased(QString, QString, qlonglong)));
   clearLeftovers();
   down_.clear();
+  fakeInputRetry_.cancel();
   stopCleaner();
 }
 
@@ -214,7 +226,16 @@ std::string KdeEventTap::Session::problem() const {
     out += (out.empty() ? "" : "; ") + shortcut.name + " is a global shortcut of " + it->second +
            " and is not guarded";
   }
-  if (closedInstead_) {
+  // Whether keys can be typed back is known once the service cache had time to learn this
+  // program's desktop file (written at the first start), or once a key had to be typed.
+  const double now = loop_.uptime();
+  if (tapped_ && !fakeInput_ && (closedInstead_ || now - startedAt_ > kFakeInputGraceSec) &&
+      now - probedAt_ > kFakeInputGraceSec) {
+    probedAt_ = now;
+    fakeInput_ = FakeInput::open(fakeInputError_);
+  }
+  if (fakeInput_) fakeInputError_.clear();
+  if (tapped_ && !fakeInput_ && !fakeInputError_.empty()) {
     out += (out.empty() ? "" : "; ") +
            std::string("a confirmed Ctrl+W or Ctrl+Shift+Q closes the window instead of reaching the app (") +
            fakeInputError_ + ")";
@@ -259,6 +280,16 @@ void KdeEventTap::Session::onReleased(const QString& component, const QString& a
     const std::shared_ptr<Callback> callback = callback_;
     if (enabled_ && callback && *callback) (*callback)(event);
   }
+}
+
+void KdeEventTap::Session::prepareFakeInput(int attempts) {
+  // KWin decides whether to offer the protocol when a connection is made, which reads its
+  // service cache and can keep KWin busy for half a second the first time: made now, not in the
+  // middle of a press. Tried again each second while the cache may still be learning this
+  // program's desktop file.
+  if (!tapped_ || openFakeInput() || attempts <= 1) return;
+  // The retry is cancelled with the session (`Scheduled`).
+  fakeInputRetry_ = loop_.after(1.0, [this, attempts] { prepareFakeInput(attempts - 1); });
 }
 
 bool KdeEventTap::Session::openFakeInput() {

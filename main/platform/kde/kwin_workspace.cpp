@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <set>
 
@@ -83,7 +84,11 @@ std::vector<std::string> KWinWorkspace::identifierEquivalents(IdentifierSet set)
 }
 
 std::string KWinWorkspace::problem() const {
-  return script_->reported() ? std::string() : "KWin's window helper has not reported the windows yet";
+  // The helper's first report comes within moments of loading it (KWin may be busy for a second
+  // when the program starts): only a lasting silence is a problem.
+  constexpr auto kFirstReportWithin = std::chrono::seconds(5);
+  if (script_->reported() || std::chrono::steady_clock::now() - opened_ < kFirstReportWithin) return {};
+  return "KWin's window helper has not reported the windows";
 }
 
 void KWinWorkspace::setOnActivated(std::function<void(std::int32_t pid)> onActivated) {

@@ -5,6 +5,7 @@
 #include "platform/window_list.h"
 #include "platform/workspace.h"
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -48,6 +49,7 @@ class KWinWorkspace final : public Workspace, public WindowList {
   [[nodiscard]] RunningApp resolve(const KWinWindow& window) const;
 
   std::unique_ptr<KWinScript> script_;
+  const std::chrono::steady_clock::time_point opened_ = std::chrono::steady_clock::now();
   DesktopEntries& entries_;
   const Icon ownIcon_;
 };
