@@ -5,6 +5,7 @@
 //    on the main thread: listing the apps and the candidate test of every one.
 #include "actions/ram_saver.h"
 #include "actions/undo.h"
+#include "common/counters.h"
 #include "platform/linux/desktop_entry_reader.h"
 #include "platform/linux/proc_process_info.h"
 #include "platform/sim/memory_defaults_store.h"
@@ -14,7 +15,6 @@
 #include "platform/x11/x11_workspace.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 #include "x_server.h"
 
 #include <benchmark/benchmark.h>
@@ -112,7 +112,7 @@ void BM_RamSaverScanOfHundredApps(benchmark::State& state) {
   platform::sim::MemoryDefaultsStore store;
   settings::Preferences prefs(store);
   settings::Tunables tunables;
-  stats::Counters counters(store, loop);
+  common::Counters counters(store, loop);
   NoHud hud;
   NoKeys keys;
   NoLauncher launcher;

@@ -2,6 +2,7 @@
 // not guarded, and a guarded Ctrl+Q that starts a hold with its counter adds. The preferences live in
 // the real SQLite store; the clock, workspace and tap are simulated so that only the guard's own work
 // (and the store's) is measured. Background checks are held, as they would run on another thread.
+#include "common/counters.h"
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
 #include "guard/basic_hold_policy.h"
@@ -12,7 +13,6 @@
 #include "platform/sim/sim_platform.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <benchmark/benchmark.h>
 
@@ -51,7 +51,7 @@ struct Rig {
   platform::sim::SimPlatform sim;
   settings::Preferences prefs{store};
   settings::Tunables tunables;
-  stats::Counters counters{store, sim.loop};
+  common::Counters counters{store, sim.loop};
   diagnostics::Log log{sim.loop, sim.files, store, tunables};
   diagnostics::BasicAppTelemetry telemetry{sim.workspace};
   guard::BasicHoldPolicy policy{prefs, tunables};

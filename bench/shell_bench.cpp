@@ -45,7 +45,7 @@ struct World {
   tarry::testing::TempDir dir;
   platform::qt::QtMainLoop loop;
   platform::os::SqliteDefaultsStore store;
-  stats::Counters counters;
+  common::Counters counters;
 };
 
 void BM_MenuOpeningRefresh(benchmark::State& state) {

@@ -10,7 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 source scripts/find-built.sh
-bin="${TARRY_BIN:-$(find_built main/app/tarry)}"
+bin="${TARRY_BIN:-$(find_built main/cli/tarry)}"
 client="${TARRY_TEST_CLIENT:-$(find_built tests/x11/tarry-test-client)}"
 if [ -z "$bin" ] || [ -z "$client" ]; then
   echo "e2e-screenshot: build tarry and tarry-test-client first (or set TARRY_BIN, TARRY_TEST_CLIENT)" >&2

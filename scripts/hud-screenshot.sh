@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 
 bin="${TARRY_BIN:-}"
 if [ -z "$bin" ]; then
-  for candidate in build/release/main/app/tarry build/debug/main/app/tarry build-*/main/app/tarry; do
+  for candidate in build/release/main/cli/tarry build/debug/main/cli/tarry build-*/main/cli/tarry; do
     if [ -x "$candidate" ]; then bin="$candidate"; break; fi
   done
 fi

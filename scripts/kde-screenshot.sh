@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 source scripts/find-built.sh
-bin="${TARRY_BIN:-$(find_built main/app/tarry)}"
+bin="${TARRY_BIN:-$(find_built main/cli/tarry)}"
 client="${TARRY_WAYLAND_CLIENT:-$(find_built tests/wayland/tarry-wayland-client)}"
 typist="${TARRY_KDE_TYPIST:-$(find_built tests/kde/tarry-kde-typist)}"
 if [ -z "$bin" ] || [ -z "$client" ] || [ -z "$typist" ]; then

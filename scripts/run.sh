@@ -6,4 +6,4 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake --preset release
 cmake --build --preset release --target tarry
-exec ./build/release/main/app/tarry "$@"
+exec ./build/release/main/cli/tarry "$@"

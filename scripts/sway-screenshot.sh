@@ -10,7 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 source scripts/find-built.sh
-bin="${TARRY_BIN:-$(find_built main/app/tarry)}"
+bin="${TARRY_BIN:-$(find_built main/cli/tarry)}"
 client="${TARRY_WAYLAND_CLIENT:-$(find_built tests/wayland/tarry-wayland-client)}"
 if [ -z "$bin" ] || [ -z "$client" ]; then
   echo "sway-screenshot: build tarry and tarry-wayland-client first (or set TARRY_BIN, TARRY_WAYLAND_CLIENT)" >&2

@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 source scripts/find-built.sh
-tarry="$(find_built main/app/tarry)"
+tarry="$(find_built main/cli/tarry)"
 client="$(find_built tests/x11/tarry-test-client)"
 probe="$(find_built tests/update_real/tarry-update-probe)"
 sign="$(find_built tests/update_real/tarry-sign)"

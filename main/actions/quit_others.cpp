@@ -1,10 +1,10 @@
 #include "actions/quit_others.h"
 
-#include "actions/app_lists.h"
+#include "common/app_lists.h"
+#include "common/counters.h"
 #include "guard/combo.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 namespace tarry::actions {
 namespace {
@@ -20,7 +20,7 @@ std::vector<platform::RunningApp> QuitOthers::targets() {
   std::vector<platform::RunningApp> out;
   for (const auto& app : deps_.workspace.runningApplications()) {
     if (app.pid == own || (front && app.pid == front->pid) || !app.regular) continue;
-    if (isNeverQuit(deps_.workspace, deps_.tunables, app.bundleID)) continue;
+    if (common::isNeverQuit(deps_.workspace, deps_.tunables, app.bundleID)) continue;
     if (!app.bundleID.empty() && deps_.prefs.appMode(app.bundleID) == "never") continue;
     out.push_back(app);
   }
@@ -35,10 +35,10 @@ void QuitOthers::run() {
   }
   const auto n = static_cast<std::int64_t>(apps.size());
   std::vector<std::string> names;
-  for (const auto& app : apps) names.push_back(displayName(app));
+  for (const auto& app : apps) names.push_back(common::displayName(app));
   platform::AlertSpec alert;
   alert.message = "Quit " + std::to_string(n) + " other " + actions::apps(n) + "?";
-  alert.informativeText = namesText(names);
+  alert.informativeText = common::namesText(names);
   alert.buttons = {"Quit Them", "Cancel"};
   if (deps_.alerts.runModal(alert) != 0) return;
 
@@ -49,7 +49,7 @@ void QuitOthers::run() {
     if (deps_.prefs.undoQuit()) deps_.undo.captureAndKeep(app);
     // A polite request: the app may ask about unsaved work and stay.
     (void)deps_.workspace.terminate(app);
-    entries.push_back({app, app.path, displayName(app)});
+    entries.push_back({app, app.path, common::displayName(app)});
   }
   guard::HudDisplay* hud = &deps_.hud;
   const platform::Icon icon = deps_.workspace.ownIcon();

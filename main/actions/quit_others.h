@@ -12,9 +12,9 @@ class Preferences;
 class Tunables;
 }  // namespace tarry::settings
 
-namespace tarry::stats {
+namespace tarry::common {
 class Counters;
-}  // namespace tarry::stats
+}  // namespace tarry::common
 
 namespace tarry::actions {
 
@@ -24,7 +24,7 @@ struct QuitOthersDeps {
   platform::Alerts& alerts;
   const settings::Preferences& prefs;
   const settings::Tunables& tunables;
-  stats::Counters& counters;
+  common::Counters& counters;
   guard::HudDisplay& hud;
 };
 

@@ -1,10 +1,10 @@
 #include "actions/ram_saver.h"
 
-#include "actions/app_lists.h"
+#include "common/app_lists.h"
+#include "common/counters.h"
 #include "guard/combo.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -78,14 +78,16 @@ std::optional<std::string> RamSaver::keepReason(const RunningApp& app, double li
   if (!app.regular) return "not a regular app";
   if (app.bundleID.empty()) return "no bundle id";
   if (app.pid == deps_.workspace.ownPid()) return "Tarry itself";
-  if (isFileManager(deps_.workspace, app.bundleID)) return "file manager";
-  if (isNeverQuit(deps_.workspace, deps_.tunables, app.bundleID)) return "never-quit list";
+  if (common::isFileManager(deps_.workspace, app.bundleID)) return "file manager";
+  if (common::isNeverQuit(deps_.workspace, deps_.tunables, app.bundleID)) return "never-quit list";
   if (deps_.prefs.appMode(app.bundleID) == "never") return "App Rules: never quit";
-  if (listed(builtInSkipList(), app.bundleID) ||
-      listed(deps_.workspace.identifierEquivalents(platform::IdentifierSet::ramSaverSkip), app.bundleID)) {
+  if (common::listed(builtInSkipList(), app.bundleID) ||
+      common::listed(deps_.workspace.identifierEquivalents(platform::IdentifierSet::ramSaverSkip),
+                     app.bundleID)) {
     return "built-in skip list (chat, music, mail, passwords)";
   }
-  if (listed(commaList(deps_.tunables.text(T::ramSaverSkipExtra)), app.bundleID)) return "extra skip list";
+  if (common::listed(common::commaList(deps_.tunables.text(T::ramSaverSkipExtra)), app.bundleID))
+    return "extra skip list";
   if (deps_.workspace.isTerminated(app.pid)) return "already quitting";
   if (frontPid != 0 && app.pid == frontPid) return "frontmost";
   const double idle = idleSeconds(app.pid, now);
@@ -159,7 +161,7 @@ void RamSaver::finish(std::vector<RunningApp> apps, std::vector<std::uint64_t> b
     bytesOf[app.pid] = bytes[i];
     if (deps_.prefs.undoQuit()) deps_.undo.captureAndKeep(app);
     (void)deps_.workspace.terminate(app);
-    entries.push_back({app, app.path, displayName(app)});
+    entries.push_back({app, app.path, common::displayName(app)});
   }
   std::weak_ptr<char> weak = alive_;
   deps_.undo.recordBatch(

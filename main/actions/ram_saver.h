@@ -18,9 +18,9 @@ class Preferences;
 class Tunables;
 }  // namespace tarry::settings
 
-namespace tarry::stats {
+namespace tarry::common {
 class Counters;
-}  // namespace tarry::stats
+}  // namespace tarry::common
 
 namespace tarry::actions {
 
@@ -31,7 +31,7 @@ struct RamSaverDeps {
   Undo& undo;
   const settings::Preferences& prefs;
   const settings::Tunables& tunables;
-  stats::Counters& counters;
+  common::Counters& counters;
   guard::HudDisplay& hud;
 };
 

@@ -1,9 +1,9 @@
 #include "actions/undo.h"
 
+#include "common/counters.h"
 #include "guard/combo.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <algorithm>
 #include <set>
@@ -47,7 +47,7 @@ std::string undoReport(const std::vector<std::string>& names, int broughtBack) {
 
 /// One app coming back: launched, then its windows paired and put in place as they appear.
 struct Undo::Restore {
-  Snap snap;
+  common::Snap snap;
   double deadline = 0;
   bool running = false;
   bool keysSent = false;
@@ -71,9 +71,9 @@ void Undo::log(const std::string& line) const {
 
 // MARK: - Capture and records
 
-std::optional<Snap> Undo::capture(const RunningApp& app) {
+std::optional<common::Snap> Undo::capture(const RunningApp& app) {
   if (app.pid == deps_.workspace.ownPid() || app.path.empty()) return std::nullopt;
-  Snap snap;
+  common::Snap snap;
   snap.bundleID = app.bundleID;
   snap.name = app.localizedName.empty() ? app.bundleID : app.localizedName;
   snap.path = app.path;
@@ -85,7 +85,7 @@ std::optional<Snap> Undo::capture(const RunningApp& app) {
   return snap;
 }
 
-void Undo::keep(Snap snap) {
+void Undo::keep(common::Snap snap) {
   const RecentApp entry{snap.name, snap.path};
   snaps_[snap.path] = std::move(snap);
 
@@ -104,7 +104,7 @@ void Undo::captureAndKeep(const RunningApp& app) {
   if (auto snap = capture(app)) keep(std::move(*snap));
 }
 
-void Undo::remember(const RunningApp& app, Snap snap, guard::HudDisplay& /*hud*/) {
+void Undo::remember(const RunningApp& app, common::Snap snap, guard::HudDisplay& /*hud*/) {
   const std::string path = snap.path;
   const std::string name = snap.name;
   keep(std::move(snap));
@@ -211,7 +211,7 @@ void Undo::recordBatch(std::vector<QuitEntry> entries,
            });
 }
 
-const Snap* Undo::snapshot(const std::string& path) const {
+const common::Snap* Undo::snapshot(const std::string& path) const {
   const auto it = snaps_.find(path);
   return it == snaps_.end() ? nullptr : &it->second;
 }
@@ -226,7 +226,7 @@ bool Undo::canUndo() {
 std::optional<std::string> Undo::undoTitle() {
   if (!canUndo()) return std::nullopt;
   if (record_->paths.size() == 1) {
-    const Snap* snap = snapshot(record_->paths.front());
+    const common::Snap* snap = snapshot(record_->paths.front());
     return "Undo Quit " + (snap ? snap->name : std::string("app"));
   }
   return "Undo Quit " + std::to_string(record_->paths.size()) + " Apps";
@@ -259,9 +259,9 @@ void Undo::restoreAll(const std::vector<std::string>& paths) {
     int back = 0;
   };
   auto tally = std::make_shared<Tally>();
-  std::vector<Snap> todo;
+  std::vector<common::Snap> todo;
   for (const auto& path : paths) {
-    const Snap* snap = snapshot(path);
+    const common::Snap* snap = snapshot(path);
     tally->names.push_back(snap ? snap->name : path);
     if (snap) todo.push_back(*snap);
   }
@@ -290,7 +290,7 @@ bool Undo::restoresOwnSession(const std::string& bundleID) const {
   return std::find(linux.begin(), linux.end(), bundleID) != linux.end();
 }
 
-void Undo::restore(const Snap& snap, Done done) {
+void Undo::restore(const common::Snap& snap, Done done) {
   auto job = std::make_shared<Restore>();
   job->snap = snap;
   // A window with neither document nor title can never be paired: it is left alone from the start.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "actions/snap.h"
+#include "common/snap.h"
 #include "guard/hud_display.h"
 #include "guard/undo_hooks.h"
 #include "platform/app_launcher.h"
@@ -22,9 +22,9 @@ class Preferences;
 class Tunables;
 }  // namespace tarry::settings
 
-namespace tarry::stats {
+namespace tarry::common {
 class Counters;
-}  // namespace tarry::stats
+}  // namespace tarry::common
 
 namespace tarry::actions {
 
@@ -39,7 +39,7 @@ struct UndoDeps {
   platform::EventTap& keys;
   const settings::Preferences& prefs;
   const settings::Tunables& tunables;
-  stats::Counters& counters;
+  common::Counters& counters;
   guard::HudDisplay& hud;
 };
 
@@ -72,14 +72,14 @@ class Undo final : public guard::UndoHooks {
   /// Ctrl+Alt+Z: the same as `undo`.
   void restoreLast() override { undo(); }
   /// Any thread: the app's windows now; nothing for this program itself or an app without a path.
-  [[nodiscard]] std::optional<Snap> capture(const platform::RunningApp& app) override;
+  [[nodiscard]] std::optional<common::Snap> capture(const platform::RunningApp& app) override;
   /// After a confirmed quit: keeps the snapshot and waits for the app to end.
-  void remember(const platform::RunningApp& app, Snap snap, guard::HudDisplay& hud) override;
+  void remember(const platform::RunningApp& app, common::Snap snap, guard::HudDisplay& hud) override;
 
   /// Captures the app now and keeps the snapshot (Quit All Others, RAM Saver).
   void captureAndKeep(const platform::RunningApp& app);
   /// Keeps a snapshot (replacing one of the same path) and puts the app first in `recents`.
-  void keep(Snap snap);
+  void keep(common::Snap snap);
   /// Waits (0.25 s polls, at most 8 s from `issuedAt`, an uptime) for the app to end, then makes
   /// the undo record and shows "Quit NAME. Ctrl+Alt+Z to undo."; gives up silently otherwise.
   void recordAfterQuit(const platform::RunningApp& app, const std::string& path, const std::string& name,
@@ -111,13 +111,13 @@ class Undo final : public guard::UndoHooks {
     double date = 0;
   };
   [[nodiscard]] const std::optional<Record>& record() const { return record_; }
-  [[nodiscard]] const Snap* snapshot(const std::string& path) const;
+  [[nodiscard]] const common::Snap* snapshot(const std::string& path) const;
 
  private:
   struct Restore;
   using Done = std::function<void(bool broughtBack)>;
 
-  void restore(const Snap& snap, Done done);
+  void restore(const common::Snap& snap, Done done);
   void pollRestore(const std::shared_ptr<Restore>& job, const Done& done);
   void stepRestore(const std::shared_ptr<Restore>& job, std::int32_t pid,
                    std::vector<platform::WindowInfo> live, const Done& done);
@@ -129,7 +129,7 @@ class Undo final : public guard::UndoHooks {
   void log(const std::string& line) const;
 
   UndoDeps deps_;
-  std::map<std::string, Snap> snaps_;  // by path
+  std::map<std::string, common::Snap> snaps_;  // by path
   std::optional<Record> record_;
   std::map<std::int64_t, platform::Scheduled> polls_;
   platform::Scheduled expiry_;

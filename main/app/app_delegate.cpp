@@ -1,9 +1,9 @@
 #include "app/app_delegate.h"
 
+#include "common/counters.h"
 #include "diagnostics/log.h"
 #include "diagnostics/telemetry_sender.h"
 #include "settings/announcement.h"
-#include "stats/counters.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -238,7 +238,8 @@ void AppDelegate::startGuard() {
 void AppDelegate::stopGuard() {
   guardian_->removeTap();
   const std::string why = deps_.tap.lastError();
-  deps_.log.log("keyboard guard off: " + (why.empty() ? std::string("the display is no longer reachable") : why));
+  deps_.log.log("keyboard guard off: " +
+                (why.empty() ? std::string("the display is no longer reachable") : why));
 }
 
 void AppDelegate::startPoll() {

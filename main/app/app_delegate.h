@@ -21,9 +21,9 @@
 #include <memory>
 #include <string>
 
-namespace tarry::stats {
+namespace tarry::common {
 class Counters;
-}  // namespace tarry::stats
+}  // namespace tarry::common
 
 namespace tarry::diagnostics {
 class Log;
@@ -104,7 +104,7 @@ struct AppDelegateDeps {
   settings::Preferences& prefs;
   settings::Tunables& tunables;
   settings::RemoteConfig& remoteConfig;
-  stats::Counters& counters;
+  common::Counters& counters;
   diagnostics::Log& log;
   diagnostics::TelemetrySender& telemetry;
   guard::HudDisplay& hud;

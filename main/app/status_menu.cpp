@@ -105,7 +105,7 @@ std::string shortRelativeTime(double until, const platform::MainLoop& loop) {
 }
 
 StatusMenu::StatusMenu(std::unique_ptr<platform::StatusItemView> view, platform::DefaultsStore& store,
-                       stats::Counters& counters, platform::MainLoop& loop, StatusMenuHooks hooks)
+                       common::Counters& counters, platform::MainLoop& loop, StatusMenuHooks hooks)
     : view_(std::move(view)), store_(store), counters_(counters), loop_(loop), hooks_(std::move(hooks)) {
   view_->setActions(this);
 }

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "common/counters.h"
 #include "platform/defaults_store.h"
 #include "platform/main_loop.h"
 #include "platform/status_item.h"
-#include "stats/counters.h"
 
 #include <array>
 #include <cstdint>
@@ -66,7 +66,7 @@ struct StatusMenuHooks {
 class StatusMenu final : public platform::StatusMenuActions {
  public:
   StatusMenu(std::unique_ptr<platform::StatusItemView> view, platform::DefaultsStore& store,
-             stats::Counters& counters, platform::MainLoop& loop, StatusMenuHooks hooks);
+             common::Counters& counters, platform::MainLoop& loop, StatusMenuHooks hooks);
   ~StatusMenu() override;
   StatusMenu(const StatusMenu&) = delete;
   StatusMenu& operator=(const StatusMenu&) = delete;
@@ -103,7 +103,7 @@ class StatusMenu final : public platform::StatusMenuActions {
 
   std::unique_ptr<platform::StatusItemView> view_;
   platform::DefaultsStore& store_;
-  stats::Counters& counters_;
+  common::Counters& counters_;
   platform::MainLoop& loop_;
   StatusMenuHooks hooks_;
   bool built_ = false;

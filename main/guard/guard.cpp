@@ -1,11 +1,11 @@
 #include "guard/guard.h"
 
-#include "actions/app_lists.h"
+#include "common/app_lists.h"
+#include "common/counters.h"
 #include "diagnostics/app_telemetry.h"
 #include "diagnostics/log.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <algorithm>
 #include <cmath>
@@ -232,15 +232,15 @@ std::optional<Combo> Guard::classify(const KeyEvent& event) {
 
 bool Guard::isDock(const std::string& bundleID) const {
   return bundleID == kDock ||
-         actions::listed(deps_.workspace.identifierEquivalents(platform::IdentifierSet::dock), bundleID);
+         common::listed(deps_.workspace.identifierEquivalents(platform::IdentifierSet::dock), bundleID);
 }
 
 bool Guard::isNeverTerminate(const std::string& bundleID) const {
-  return actions::isFileManager(deps_.workspace, bundleID);
+  return common::isFileManager(deps_.workspace, bundleID);
 }
 
 bool Guard::isNeverQuit(const std::string& bundleID) const {
-  return actions::isNeverQuit(deps_.workspace, deps_.tunables, bundleID);
+  return common::isNeverQuit(deps_.workspace, deps_.tunables, bundleID);
 }
 
 bool Guard::evaluate(Combo c, const KeyEvent& event) {
@@ -416,7 +416,7 @@ void Guard::extendHold(std::int64_t serial, double multiplier, const std::vector
   startTime = now - filled * longer;
   std::string added;
   for (const auto& reason : reasons) {
-    if (actions::listed(holdReasons, reason)) continue;
+    if (common::listed(holdReasons, reason)) continue;
     holdReasons.push_back(reason);
     added += (added.empty() ? "" : ", ") + reason;
   }
@@ -504,7 +504,7 @@ void Guard::quitApp(const RunningApp& app) {
   deps_.counters.add("cat.quit." + deps_.telemetry.category(app));
   deps_.log.log("quit confirmed: " + appLabel(app));
 
-  std::optional<actions::Snap> snap;
+  std::optional<common::Snap> snap;
   if (deps_.prefs.undoQuit()) {
     if (holdSnap && holdSnap->pid == app.pid) {
       snap = std::move(holdSnap);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "actions/snap.h"
+#include "common/snap.h"
 #include "guard/combo.h"
 #include "guard/hold_policy.h"
 #include "guard/hud_display.h"
@@ -23,9 +23,9 @@ class Preferences;
 class Tunables;
 }  // namespace tarry::settings
 
-namespace tarry::stats {
+namespace tarry::common {
 class Counters;
-}  // namespace tarry::stats
+}  // namespace tarry::common
 
 namespace tarry::diagnostics {
 class AppTelemetry;
@@ -44,7 +44,7 @@ struct GuardDeps {
   platform::Activity& power;
   const settings::Preferences& prefs;
   const settings::Tunables& tunables;
-  stats::Counters& counters;
+  common::Counters& counters;
   diagnostics::Log& log;
   HudDisplay& hud;
   HoldPolicy& policy;
@@ -145,7 +145,7 @@ class Guard final {
   bool lastCareful = false;
   std::string lastMode;
   std::vector<std::string> holdReasons;
-  std::optional<actions::Snap> holdSnap;
+  std::optional<common::Snap> holdSnap;
 
   GuardDeps deps_;
   /// The current problem (see `GuardState::problem`), the error of the last failed tap

@@ -9,10 +9,10 @@ class NoUndo final : public UndoHooks {
  public:
   [[nodiscard]] bool canUndo() override { return false; }
   void restoreLast() override {}
-  [[nodiscard]] std::optional<actions::Snap> capture(const platform::RunningApp& /*app*/) override {
+  [[nodiscard]] std::optional<common::Snap> capture(const platform::RunningApp& /*app*/) override {
     return std::nullopt;
   }
-  void remember(const platform::RunningApp& /*app*/, actions::Snap /*snap*/, HudDisplay& /*hud*/) override {}
+  void remember(const platform::RunningApp& /*app*/, common::Snap /*snap*/, HudDisplay& /*hud*/) override {}
 };
 
 }  // namespace tarry::guard

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "actions/snap.h"
+#include "common/snap.h"
 #include "guard/hud_display.h"
 #include "platform/workspace.h"
 
@@ -21,9 +21,9 @@ class UndoHooks {
   /// Brings the last quit app back (main thread).
   virtual void restoreLast() = 0;
   /// Background thread: snapshot of the app's windows; nothing when there is none.
-  [[nodiscard]] virtual std::optional<actions::Snap> capture(const platform::RunningApp& app) = 0;
+  [[nodiscard]] virtual std::optional<common::Snap> capture(const platform::RunningApp& app) = 0;
   /// Main thread, after a quit: keep the snapshot for Undo Quit (may show its hint on the HUD).
-  virtual void remember(const platform::RunningApp& app, actions::Snap snap, HudDisplay& hud) = 0;
+  virtual void remember(const platform::RunningApp& app, common::Snap snap, HudDisplay& hud) = 0;
 };
 
 }  // namespace tarry::guard

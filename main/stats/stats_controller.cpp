@@ -54,8 +54,9 @@ std::string dateText(double secondsSince1970, const platform::MainLoop& loop) {
 }
 
 StatsController::StatsController(std::unique_ptr<platform::StatsView> view, std::string name,
-                                 Counters& counters, platform::DefaultsStore& store, platform::MainLoop& loop,
-                                 platform::Alerts& alerts, platform::Clipboard& clipboard)
+                                 common::Counters& counters, platform::DefaultsStore& store,
+                                 platform::MainLoop& loop, platform::Alerts& alerts,
+                                 platform::Clipboard& clipboard)
     : appName(std::move(name)),
       metrics(shownMetrics()),
       view_(std::move(view)),

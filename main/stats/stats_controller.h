@@ -1,10 +1,10 @@
 #pragma once
 
+#include "common/counters.h"
 #include "platform/alerts.h"
 #include "platform/defaults_store.h"
 #include "platform/main_loop.h"
 #include "platform/stats_view.h"
-#include "stats/counters.h"
 
 #include <cstdint>
 #include <functional>
@@ -33,7 +33,7 @@ struct Metric {
 /// figures. It refreshes once a second only while the window is open.
 class StatsController final : public platform::StatsActions {
  public:
-  StatsController(std::unique_ptr<platform::StatsView> view, std::string appName, Counters& counters,
+  StatsController(std::unique_ptr<platform::StatsView> view, std::string appName, common::Counters& counters,
                   platform::DefaultsStore& store, platform::MainLoop& loop, platform::Alerts& alerts,
                   platform::Clipboard& clipboard);
   ~StatsController() override;
@@ -63,7 +63,7 @@ class StatsController final : public platform::StatsActions {
   [[nodiscard]] platform::StatsFigures read() const;
 
   std::unique_ptr<platform::StatsView> view_;
-  Counters& counters_;
+  common::Counters& counters_;
   platform::DefaultsStore& store_;
   platform::MainLoop& loop_;
   platform::Alerts& alerts_;

@@ -1,15 +1,15 @@
-#include "actions/app_lists.h"
 #include "actions/quit_others.h"
 #include "actions/ram_saver.h"
 #include "actions/undo.h"
+#include "common/app_lists.h"
 
+#include "common/counters.h"
 #include "platform/sim/sim_alerts.h"
 #include "platform/sim/sim_platform.h"
 #include "platform/sim/sim_process_info.h"
 #include "platform/sim/sim_windows.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <gtest/gtest.h>
 
@@ -64,7 +64,7 @@ class AppActionsTest : public ::testing::Test {
   platform::sim::SimPlatform p;
   settings::Preferences prefs{p.defaults};
   settings::Tunables tunables;
-  stats::Counters counters{p.defaults, p.loop};
+  common::Counters counters{p.defaults, p.loop};
   FakeHud hud;
   platform::sim::SimWindowList windows;
   platform::sim::SimLauncher launcher;
@@ -207,9 +207,9 @@ TEST(AppActionsTexts, SizesAndNames) {
   EXPECT_EQ(sizeText(1536), "1.5 GB");
   EXPECT_EQ(sizeText(1023), "1023 MB");
   EXPECT_EQ(sizeText(1024), "1.0 GB");
-  EXPECT_EQ(namesText({"A", "B"}), "A and B");
-  EXPECT_EQ(namesText({"A", "B", "C", "D", "E"}, 4), "A, B, C and 2 more");
-  EXPECT_EQ(commaList(" a, ,b ,"), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(common::namesText({"A", "B"}), "A and B");
+  EXPECT_EQ(common::namesText({"A", "B", "C", "D", "E"}, 4), "A, B, C and 2 more");
+  EXPECT_EQ(common::commaList(" a, ,b ,"), (std::vector<std::string>{"a", "b"}));
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #include "actions/undo.h"
 
+#include "common/counters.h"
 #include "platform/sim/sim_platform.h"
 #include "platform/sim/sim_windows.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <gtest/gtest.h>
 
@@ -89,7 +89,7 @@ class UndoTest : public ::testing::Test {
   platform::sim::SimPlatform p;
   settings::Preferences prefs{p.defaults};
   settings::Tunables tunables;
-  stats::Counters counters{p.defaults, p.loop};
+  common::Counters counters{p.defaults, p.loop};
   FakeHud hud;
   platform::sim::SimWindowList windows{&p.journal};
   platform::sim::SimLauncher launcher{&p.journal};

@@ -1,5 +1,6 @@
 #include "app/app_delegate.h"
 
+#include "common/counters.h"
 #include "diagnostics/log.h"
 #include "diagnostics/telemetry_sender.h"
 #include "guard/basic_hold_policy.h"
@@ -10,7 +11,6 @@
 #include "settings/preferences.h"
 #include "settings/remote_config.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <gtest/gtest.h>
 
@@ -97,7 +97,7 @@ class AppDelegateTest : public ::testing::Test {
   platform::NetworkStatus network;
   settings::Preferences prefs{p.defaults};
   settings::Tunables tunables;
-  stats::Counters counters{p.defaults, p.loop};
+  common::Counters counters{p.defaults, p.loop};
   diagnostics::Log log{p.loop, p.files, p.defaults, tunables};
   RecordingHud hud;
   guard::BasicHoldPolicy policy{prefs, tunables};

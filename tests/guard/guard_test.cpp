@@ -1,12 +1,12 @@
 #include "guard/guard.h"
 
+#include "common/counters.h"
 #include "diagnostics/basic_app_telemetry.h"
 #include "diagnostics/log.h"
 #include "guard/basic_hold_policy.h"
 #include "platform/sim/sim_platform.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
-#include "stats/counters.h"
 
 #include <gtest/gtest.h>
 
@@ -43,14 +43,14 @@ struct FakeHud final : HudDisplay {
 struct FakeUndo final : UndoHooks {
   bool canUndo() override { return false; }
   void restoreLast() override {}
-  std::optional<actions::Snap> capture(const platform::RunningApp& app) override {
+  std::optional<common::Snap> capture(const platform::RunningApp& app) override {
     ++captures;
-    actions::Snap snap;
+    common::Snap snap;
     snap.pid = app.pid;
     snap.name = "capture " + std::to_string(captures);
     return snap;
   }
-  void remember(const platform::RunningApp&, actions::Snap snap, HudDisplay&) override {
+  void remember(const platform::RunningApp&, common::Snap snap, HudDisplay&) override {
     remembered.push_back(snap.name);
   }
   int captures = 0;
@@ -96,7 +96,7 @@ class GuardTest : public ::testing::Test {
   platform::sim::SimPlatform p;
   settings::Preferences prefs{p.defaults};
   settings::Tunables tunables;
-  stats::Counters counters{p.defaults, p.loop};
+  common::Counters counters{p.defaults, p.loop};
   diagnostics::Log log{p.loop, p.files, p.defaults, tunables};
   diagnostics::BasicAppTelemetry telemetry{p.workspace};
   BasicHoldPolicy policy{prefs, tunables};

@@ -1,4 +1,4 @@
-#include "app/defaults_command.h"
+#include "cli/defaults_command.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include "platform/linux/sqlite_defaults_store.h"
 #include "temp_dir.h"
 
-namespace tarry::app {
+namespace tarry::cli {
 namespace {
 
 using platform::Value;
@@ -152,4 +152,4 @@ TEST(DefaultsCommand, ProgramEditsTheDomainOfARunningInstance) {
 }
 
 }  // namespace
-}  // namespace tarry::app
+}  // namespace tarry::cli

@@ -52,7 +52,7 @@ class StatsControllerTest : public ::testing::Test {
 
   platform::sim::SimMainLoop loop;
   platform::sim::MemoryDefaultsStore store;
-  Counters counters{store, loop};
+  common::Counters counters{store, loop};
   platform::sim::SimAlerts alerts;
   RecordingClipboard clipboard;
   RecordingStatsView* view = nullptr;

@@ -40,7 +40,7 @@ class StatusMenuTest : public ::testing::Test {
 
   platform::sim::SimMainLoop loop;
   platform::sim::MemoryDefaultsStore store;
-  stats::Counters counters{store, loop};
+  common::Counters counters{store, loop};
   platform::sim::SimStatusItem* view = nullptr;
   bool tap = true;
   std::optional<std::string> undoTitle;

@@ -1,7 +1,7 @@
 // tarry-shell-demo: the tray item and the windows of the desktop program over an in-memory
 // preferences domain, for the tray-host test and the screenshot script. It prints one "state"
 // line whenever what a tray host should see changes.
-#include "app/desktop_shell.h"
+#include "desktop/desktop_shell.h"
 #include "platform/qt/qt_alerts.h"
 #include "platform/qt/qt_main_loop.h"
 #include "platform/qt/qt_status_item.h"
@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
 
   platform::qt::QtMainLoop loop;
   platform::sim::MemoryDefaultsStore store;
-  stats::Counters counters(store, loop);
+  common::Counters counters(store, loop);
   counters.start();
   if (saved > 0) counters.add("saved", saved);
   settings::Tunables tunables;
@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
   platform::sim::SimLoginItems loginItems;
   platform::sim::SimAppearance appearance;
   settings::Preferences prefs(store);
-  app::DesktopShell* shellPtr = nullptr;
+  desktop::DesktopShell* shellPtr = nullptr;
   settings::SettingsController controller(
       store, loginItems, appearance, alerts,
       settings::SettingsHooks{{},
@@ -58,7 +58,7 @@ int main(int argc, char** argv) {
                               [&shellPtr] { shellPtr->refreshSettings(); },
                               [&shellPtr] { shellPtr->statusMenu().refreshStatus(); }});
 
-  app::ShellHooks hooks;
+  desktop::ShellHooks hooks;
   hooks.tapActive = [tap] { return tap; };
   hooks.tapProblem = [] { return std::string("Ctrl+Q is taken by another program"); };
   hooks.settingsController = [&controller] { return &controller; };
@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
     std::printf("log %s\n", line.c_str());
     std::fflush(stdout);
   };
-  app::DesktopShell shell(
+  desktop::DesktopShell shell(
       {loop, store, counters, tunables, alerts, workspace, entries, "https://tarry.example"}, hooks, waitMs);
   shellPtr = &shell;
   shell.statusMenu().refreshStatus();

@@ -58,7 +58,7 @@ struct Fixture {
   }
   sim::SimMainLoop loop;
   sim::MemoryDefaultsStore store;
-  stats::Counters counters{store, loop};
+  common::Counters counters{store, loop};
   sim::SimAlerts alerts;
 };
 

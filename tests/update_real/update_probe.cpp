@@ -3,7 +3,7 @@
 //                      [--qt-alerts] [--max-mb N] [--start-timeout S] [--dpkg-info DIR]
 // Runs one check; prints every alert as "ALERT <message> | <informative>" and "QUIT" when an
 // installed update runs, then exits (0 after QUIT, 1 otherwise).
-#include "app/update_wiring.h"
+#include "desktop/update_wiring.h"
 #include "platform/qt/qt_http.h"
 #include "platform/qt/qt_main_loop.h"
 #include "platform/sim/memory_defaults_store.h"
@@ -96,26 +96,26 @@ int main(int argc, char** argv) {
   ScriptedAlerts alerts(loop, qtAlerts ? &realAlerts : nullptr, answer);
   platform::os::LinuxUpdateTarget target(exe, startTimeout, dpkgInfo);
   platform::sim::MemoryDefaultsStore store;
-  app::DesktopUpdates updates({loop,
-                               http,
-                               store,
-                               tunables,
-                               hud,
-                               [](std::string_view, std::int64_t) {},
-                               [](std::string line) { std::cerr << "log: " << line << '\n'; },
-                               [&loop] {
-                                 std::printf("QUIT\n");
-                                 std::fflush(stdout);
-                                 loop.quit(0);
-                               },
-                               {},
-                               {},
-                               {},
-                               server,
-                               version,
-                               key,
-                               &alerts,
-                               &target});
+  desktop::DesktopUpdates updates({loop,
+                                   http,
+                                   store,
+                                   tunables,
+                                   hud,
+                                   [](std::string_view, std::int64_t) {},
+                                   [](std::string line) { std::cerr << "log: " << line << '\n'; },
+                                   [&loop] {
+                                     std::printf("QUIT\n");
+                                     std::fflush(stdout);
+                                     loop.quit(0);
+                                   },
+                                   {},
+                                   {},
+                                   {},
+                                   server,
+                                   version,
+                                   key,
+                                   &alerts,
+                                   &target});
   const platform::Scheduled start = loop.post([&] { updates.check(manual); });
   // Clicks the progress window's Cancel like a user would, then ends the run.
   platform::Scheduled cancel;

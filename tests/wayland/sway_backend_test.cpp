@@ -1,7 +1,7 @@
 // The sway backend's pieces that need no compositor: what its bindings stand for, how it reads
 // the compositor's tree, and what it asks over the IPC (against a small fake of the socket).
 
-#include "app/session_backends.h"
+#include "desktop/session.h"
 #include "guard/guard.h"
 #include "platform/sim/sim_desktop_entries.h"
 #include "platform/wayland/sway_event_tap.h"
@@ -387,9 +387,9 @@ TEST(SwayIpc, ACommandReportsTheFirstFailure) {
 }
 
 TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
-  using Kind = app::Session::Kind;
+  using Kind = desktop::Session::Kind;
   const auto detect = [](std::map<std::string, std::string> env) {
-    return app::detectSession([env](const char* name) -> const char* {
+    return desktop::detectSession([env](const char* name) -> const char* {
       const auto it = env.find(name);
       return it == env.end() ? nullptr : it->second.c_str();
     });
@@ -399,7 +399,7 @@ TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
   // Inside a Wayland session the X display is Xwayland's: its grabs would see only X clients.
   EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-1"}, {"SWAYSOCK", "/run/s.sock"}}).kind,
             Kind::sway);
-  const app::Session gnome =
+  const desktop::Session gnome =
       detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME"}});
   EXPECT_EQ(gnome.kind, Kind::otherWayland);
   EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind, Kind::kde);
@@ -408,7 +408,7 @@ TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
   // Plasma on X11 keeps the X11 backends.
   EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"XDG_SESSION_TYPE", "x11"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
             Kind::x11);
-  EXPECT_TRUE(app::unsupportedWaylandText(gnome.desktop)
+  EXPECT_TRUE(desktop::unsupportedWaylandText(gnome.desktop)
                   .starts_with("this Wayland desktop is not supported yet: GNOME"));
 }
 

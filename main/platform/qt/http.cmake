@@ -1,3 +1,0 @@
-target_sources(tarry_qt PRIVATE
-  qt_http.cpp
-)
