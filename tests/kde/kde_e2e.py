@@ -70,6 +70,21 @@ def long_hold_quits_politely(d):
 
 
 @case
+def ctrl_released_first_cancels(d):
+    client = d.start_client("app")
+    d.start_tarry()
+    # Ctrl goes up after 0.4 s while Q stays down for 3 s more, past the 2 s hold.
+    started = time.monotonic()
+    typing = d.keys("+%d" % KEY_CTRL, "+%d" % KEY_Q, 400, "-%d" % KEY_CTRL, 3000, "-%d" % KEY_Q, background=True)
+    wait_for("the hold to be cancelled", lambda: d.counter("saved") == 1, timeout=8)
+    check(time.monotonic() - started < 2.5, "the hold ended only with the release of Q")
+    typing.wait(timeout=10)
+    settle()
+    check(client.alive(), "the client was quit although Ctrl was released")
+    check(d.counter("quit") == 0, "a quit was counted")
+
+
+@case
 def press_twice_quits(d):
     d.defaults("write", "style", "1")
     client = d.start_client("app")
