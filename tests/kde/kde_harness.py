@@ -36,7 +36,7 @@ X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input
 
 # evdev key codes
 KEY_CTRL, KEY_SHIFT, KEY_ALT = 29, 42, 56
-KEY_Q, KEY_W, KEY_Z, KEY_A = 16, 17, 44, 30
+KEY_Q, KEY_W, KEY_Z, KEY_A, KEY_ENTER = 16, 17, 44, 30, 28
 
 
 class KdeDesktop:
@@ -217,10 +217,10 @@ class KdeDesktop:
         except FileNotFoundError:
             return ""
 
-    def start_tarry(self):
+    def start_tarry(self, extra_env=None):
         before = self.events_log().count("keyboard guard on")
         # As the session starts it at login: no window of its own takes the focus while the guard works.
-        self.tarry_proc = self.spawn([self.tarry, "--autostart"], "tarry")
+        self.tarry_proc = self.spawn([self.tarry, "--autostart"], "tarry", extra_env)
         wait_for("tarry to install its keyboard guard",
                  lambda: self.events_log().count("keyboard guard on") > before or self.tarry_proc.poll() is not None,
                  timeout=15)
