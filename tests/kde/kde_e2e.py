@@ -239,6 +239,23 @@ def quit_others_keeps_the_front_app(d):
 
 
 @case
+def relaunch_hands_the_guard_on(d):
+    # As an installed update does: the new copy starts while the old one runs, and the old one
+    # quits once the new one runs.
+    client = d.start_client("app", "--no-quit")
+    old = d.start_tarry({"TARRY_DEBUG_RELAUNCH_AFTER": "1"})
+    wait_for("the old copy to quit", lambda: old.poll() is not None, timeout=20)
+    wait_for("the new copy to guard", lambda: d.events_log().count("keyboard guard on") == 2, timeout=10)
+    settle(1.0)
+    d.type(KEY_Q, (KEY_CTRL,), 200)
+    wait_for("the new copy to block a short press", lambda: d.counter("saved") == 1)
+    check(not ctrl_q_presses(client), "Ctrl+Q reached the client past the new copy")
+    # The new copy's window helper answers: Ctrl+Q held long enough reaches... the quit of the app.
+    d.hold(KEY_Q, 2600).wait(timeout=10)
+    wait_for("the held Ctrl+Q to be confirmed", lambda: "quit confirmed" in d.events_log(), timeout=5)
+
+
+@case
 def killed_during_hold_leaves_ctrl_q_working(d):
     client = d.start_client("app", "--no-quit")
     tarry = d.start_tarry()

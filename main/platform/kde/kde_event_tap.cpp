@@ -15,6 +15,7 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusServiceWatcher>
 #include <QObject>
 
 #include <cstddef>
@@ -30,6 +31,9 @@ constexpr char kComponentName[] = "Tarry";
 constexpr char kAccelService[] = "org.kde.kglobalaccel";
 constexpr char kAccelPath[] = "/kglobalaccel";
 constexpr char kAccelInterface[] = "org.kde.KGlobalAccel";
+// The bus name of the copy that guards: a copy started by an update takes it over from the old
+// one, which then leaves the shortcuts (which are the same) to it.
+constexpr char kGuardName[] = "org.tarry.Tarry.Guard";
 // How long after the tap starts a missing fake input is not yet reported (the service cache may
 // still be learning this program's desktop file).
 constexpr double kFakeInputGraceSec = 10;
@@ -88,6 +92,8 @@ class KdeEventTap::Session final : public QObject {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
+  /// Takes the guard's bus name (from an older copy, too) and follows who holds it.
+  void own();
   bool start(Callback callback, std::string& error);
   void stop();
   void enable() { enabled_ = tapped_; }
@@ -107,7 +113,9 @@ class KdeEventTap::Session final : public QObject {
   bool openFakeInput();
   void prepareFakeInput(int attempts);
   void startCleaner();
-  void stopCleaner();
+  void stopCleaner(bool fire);
+  void standDown();
+  [[nodiscard]] bool owner() const;
   [[nodiscard]] bool guarded(const KdeShortcut& shortcut) const {
     return !refused_.contains(shortcut.action);
   }
@@ -130,7 +138,38 @@ class KdeEventTap::Session final : public QObject {
   mutable double probedAt_ = -1e9;
   pid_t cleaner_ = -1;
   int cleanerPipe_ = -1;
+  // A newer copy holds the guard's name: its shortcuts are not this copy's to touch.
+  bool handedOn_ = false;
+  QDBusServiceWatcher* nameWatch_ = nullptr;
 };
+
+void KdeEventTap::Session::own() {
+  QDBusConnection bus = QDBusConnection::sessionBus();
+  bus.interface()->registerService(QString::fromLatin1(kGuardName),
+                                   QDBusConnectionInterface::ReplaceExistingService,
+                                   QDBusConnectionInterface::AllowReplacement);
+  nameWatch_ = new QDBusServiceWatcher(QString::fromLatin1(kGuardName), bus,
+                                       QDBusServiceWatcher::WatchForOwnerChange, this);
+  QObject::connect(nameWatch_, &QDBusServiceWatcher::serviceOwnerChanged, this,
+                   [this](const QString&, const QString&, const QString& newOwner) {
+                     if (newOwner != QDBusConnection::sessionBus().baseService()) standDown();
+                   });
+}
+
+bool KdeEventTap::Session::owner() const {
+  QDBusConnection bus = QDBusConnection::sessionBus();
+  return !handedOn_ &&
+         bus.interface()->serviceOwner(QString::fromLatin1(kGuardName)).value() == bus.baseService();
+}
+
+void KdeEventTap::Session::standDown() {
+  const bool wasTapped = tapped_ && !handedOn_;
+  handedOn_ = true;
+  if (!wasTapped) return;
+  enabled_ = false;
+  down_.clear();
+  stopCleaner(false);
+}
 
 bool KdeEventTap::Session::arm(const KdeShortcut& shortcut) {
   const QDBusMessage reply =
@@ -212,10 +251,11 @@ void KdeEventTap::Session::stop() {
   bus.disconnect(QString::fromLatin1(kAccelService), path, interface,
                  QStringLiteral("globalShortcutReleased"), this,
                  SLOT(onReleased(QString, QString, qlonglong)));
-  clearLeftovers();
+  const bool mine = owner();
+  if (mine) clearLeftovers();
   down_.clear();
   fakeInputRetry_.cancel();
-  stopCleaner();
+  stopCleaner(mine);
 }
 
 std::string KdeEventTap::Session::problem() const {
@@ -245,7 +285,7 @@ std::string KdeEventTap::Session::problem() const {
 
 void KdeEventTap::Session::onPressed(const QString& component, const QString& action,
                                      qlonglong /*timestamp*/) {
-  if (component != QLatin1String(kComponent) || !tapped_) return;
+  if (component != QLatin1String(kComponent) || !tapped_ || handedOn_) return;
   const std::string name = action.toStdString();
   const KdeShortcut* shortcut = nullptr;
   for (const KdeShortcut& s : kdeShortcuts()) {
@@ -267,7 +307,7 @@ void KdeEventTap::Session::onPressed(const QString& component, const QString& ac
 
 void KdeEventTap::Session::onReleased(const QString& component, const QString& action,
                                       qlonglong /*timestamp*/) {
-  if (component != QLatin1String(kComponent) || !tapped_) return;
+  if (component != QLatin1String(kComponent) || !tapped_ || handedOn_) return;
   const std::string name = action.toStdString();
   // Setting a shortcut inactive releases it too; by then it is no longer counted as down.
   if (down_.erase(name) == 0) return;
@@ -382,9 +422,12 @@ void KdeEventTap::Session::startCleaner() {
     signal(SIGPIPE, SIG_IGN);
     dup2(fds[0], 3);
     close_range(4, ~0U, 0);
+    // The pipe closes when the program ends, however it ends; an 'x' first means that a newer
+    // copy guards now and nothing is to be done.
     char byte = 0;
     for (;;) {
       const ssize_t n = read(3, &byte, 1);
+      if (n == 1 && byte == 'x') _exit(0);
       if (n == 0 || (n < 0 && errno != EINTR)) break;
     }
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -409,8 +452,11 @@ void KdeEventTap::Session::startCleaner() {
   cleanerPipe_ = fds[1];
 }
 
-void KdeEventTap::Session::stopCleaner() {
+void KdeEventTap::Session::stopCleaner(bool fire) {
   if (cleaner_ < 0) return;
+  if (!fire) {
+    [[maybe_unused]] const ssize_t written = write(cleanerPipe_, "x", 1);
+  }
   close(cleanerPipe_);
   waitpid(cleaner_, nullptr, 0);
   cleaner_ = -1;
@@ -447,6 +493,7 @@ bool KdeEventTap::isTrusted() {
     return false;
   }
   session_ = std::make_shared<Session>(loop_, closeWindow_);
+  session_->own();
   session_->clearLeftovers();
   lastError_.clear();
   return true;

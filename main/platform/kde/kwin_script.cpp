@@ -3,6 +3,7 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusReply>
 #include <QDBusVirtualObject>
 #include <nlohmann/json.hpp>
 
@@ -188,7 +189,13 @@ std::unique_ptr<KWinScript> KWinScript::open(MainLoop& loop, const std::string& 
     error = "cannot offer the window helper's object on the session bus";
     return nullptr;
   }
-  if (!bus.registerService(QString::fromLatin1(kService))) {
+  // A copy started by an update runs next to the old one for a moment: it takes the name (and
+  // with it the script's reports) over, and the old one leaves the script alone when it ends.
+  const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> registered =
+      bus.interface()->registerService(QString::fromLatin1(kService),
+                                       QDBusConnectionInterface::ReplaceExistingService,
+                                       QDBusConnectionInterface::AllowReplacement);
+  if (!registered.isValid() || registered.value() != QDBusConnectionInterface::ServiceRegistered) {
     bus.unregisterObject(QString::fromLatin1(kPath));
     error = "another program holds " + std::string(kService) + " on the session bus";
     return nullptr;
@@ -232,9 +239,12 @@ KWinScript::~KWinScript() {
   idle_.cancel();
   QDBusConnection bus = QDBusConnection::sessionBus();
   endpoint_->setOnActivated(nullptr);
-  kwinCall(QStringLiteral("/Scripting"), QStringLiteral("org.kde.kwin.Scripting"),
-           QStringLiteral("unloadScript"), {QString::fromLatin1(kPluginName)});
-  bus.unregisterService(QString::fromLatin1(kService));
+  // The script is the newer copy's once that one holds the name.
+  if (bus.interface()->serviceOwner(QString::fromLatin1(kService)).value() == bus.baseService()) {
+    kwinCall(QStringLiteral("/Scripting"), QStringLiteral("org.kde.kwin.Scripting"),
+             QStringLiteral("unloadScript"), {QString::fromLatin1(kPluginName)});
+    bus.unregisterService(QString::fromLatin1(kService));
+  }
   bus.unregisterObject(QString::fromLatin1(kPath));
 }
 
