@@ -38,12 +38,52 @@ add_custom_target(tarry-icons ALL DEPENDS ${tarry_icon_pngs})
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/icons/scalable/${TARRY_APP_ID}.svg
         DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 
+# The manual page, the copyright file and the package's changelog, compressed as Debian wants them
+# (gzip -9n: no name or time stamp, so the same sources give the same bytes). The manual page is
+# drawn from the table `tarry --help` prints, with the sections around it from tarry.1.in.
+set(TARRY_DEB_RELEASE 1)
+set(TARRY_DEB_VERSION ${PROJECT_VERSION}-${TARRY_DEB_RELEASE})
+add_executable(tarry-man-page ${CMAKE_CURRENT_LIST_DIR}/man_page.cpp)
+target_link_libraries(tarry-man-page PRIVATE tarry_usage tarry_warnings)
+set(tarry_man ${CMAKE_BINARY_DIR}/packaging/tarry.1)
+add_custom_command(OUTPUT ${tarry_man} ${tarry_man}.gz
+  COMMAND tarry-man-page ${CMAKE_CURRENT_LIST_DIR}/tarry.1.in ${PROJECT_VERSION} ${tarry_man}
+  COMMAND gzip -9nf -k ${tarry_man}
+  DEPENDS tarry-man-page ${CMAKE_CURRENT_LIST_DIR}/tarry.1.in
+  COMMENT "Writing the manual page tarry(1)")
+configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog.Debian.in ${CMAKE_BINARY_DIR}/packaging/changelog.Debian @ONLY)
+set(tarry_changelog ${CMAKE_BINARY_DIR}/packaging/changelog.Debian.gz)
+add_custom_command(OUTPUT ${tarry_changelog}
+  COMMAND gzip -9nf -k ${CMAKE_BINARY_DIR}/packaging/changelog.Debian
+  DEPENDS ${CMAKE_BINARY_DIR}/packaging/changelog.Debian
+  COMMENT "Compressing the package's changelog")
+add_custom_target(tarry-docs ALL DEPENDS ${tarry_man}.gz ${tarry_changelog})
+install(FILES ${tarry_man}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright ${tarry_changelog}
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tarry)
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME tarry)
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tarry)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "Tarry")
 set(CPACK_PACKAGE_CONTACT "Tarry maintainers <maintainers@tarry.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Guard Ctrl+Q, Ctrl+W and Ctrl+Shift+Q against accidental presses")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION [[
+Tarry sits in the tray and guards the keyboard shortcuts that end work by
+accident: Ctrl+Q (quit the application in front), Ctrl+W (close its window)
+and Ctrl+Shift+Q. It swallows the press and lets it through only when the keys
+are held until a meter fills, or pressed twice.
+
+Per-application rules, a careful mode that asks for a longer hold while a
+terminal runs a command, the microphone is in use or a window has unsaved
+work, Undo Quit (Ctrl+Alt+Z brings a quit application back with its windows),
+Quit All Other Apps, a RAM Saver that quits applications left idle, and
+statistics of the shortcuts it caught are part of it.
+
+Tarry guards X11 desktops with an EWMH window manager and sway on Wayland.]])
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${TARRY_DEB_RELEASE})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)

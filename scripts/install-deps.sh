@@ -26,6 +26,7 @@ packages=(
   xterm  # a real terminal emulator from Debian for the careful-mode end-to-end case
   # packaging: cpack DEB (dpkg-shlibdeps), launcher and metainfo validation
   dpkg-dev desktop-file-utils appstream
+  lintian  # the package's check against Debian policy (its test fails on any error or warning)
   fonts-dejavu-core
   # updates: the test CA and https server for the installer test; unpacking release archives
   openssl tar

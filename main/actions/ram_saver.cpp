@@ -183,7 +183,7 @@ void RamSaver::finish(std::vector<RunningApp> apps, std::vector<std::uint64_t> b
           std::string text = "RAM Saver closed " + std::to_string(n) + " idle " + actions::apps(n) + " · " +
                              sizeText(mb) + " freed.";
           if (deps_.undo.canUndo())
-            text += " " + std::string(guard::keysText(guard::Shortcut::undo)) + " to undo.";
+            text.append(" ").append(guard::keysText(guard::Shortcut::undo)).append(" to undo.");
           deps_.hud.flash(text, deps_.workspace.ownIcon(), kBannerSec);
         }
         if (onRunDone) onRunDone(static_cast<int>(n), mb);

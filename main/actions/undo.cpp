@@ -19,7 +19,6 @@ using settings::T;
 constexpr double kPollSec = 0.25;
 constexpr double kQuitWaitSec = 8.0;
 constexpr double kQuitBannerSec = 2.4;
-constexpr double kBatchBannerSec = 3.0;
 constexpr double kReportBannerSec = 1.6;
 constexpr const char* kRecentsKey = "recents";
 

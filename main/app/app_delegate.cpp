@@ -402,15 +402,19 @@ std::string AppDelegate::handOver(const std::string& message) {
     return "ok";
   }
   if (!settings_) return "error: Tarry is waiting for consent";
+  // The answer waits until the change is on disk as well as in force, so that whoever asked can
+  // read it back at once (`tarry defaults read pauseUntil`).
   if (verb == "pause") {
     long minutes = -1;
     if (!(in >> minutes) || minutes < 0 || minutes > 24 * 60)
       return "error: pause needs minutes from 0 to 1440";
     pauseFor(static_cast<int>(minutes));
+    deps_.prefs.store().flush();
     return "ok";
   }
   if (verb == "resume") {
     resumeNow();
+    deps_.prefs.store().flush();
     return "ok";
   }
   return "error: unknown request " + verb;

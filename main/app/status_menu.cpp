@@ -192,7 +192,8 @@ void StatusMenu::refreshCounterTitle() {
   if (built_)
     setRow(MenuRow::counter, rowState(counterRowText(counters_.allTime("saved"), today), true, false));
   if (!shown_) return;
-  const std::string title = prefs.menuCounter() ? " " + std::to_string(today) : std::string();
+  const std::string title =
+      prefs.menuCounter() ? std::string(" ").append(std::to_string(today)) : std::string();
   if (lastCounterTitle && *lastCounterTitle == title) return;
   lastCounterTitle = title;
   platform::StatusBadge badge;

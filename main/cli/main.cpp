@@ -5,6 +5,7 @@
 #include "cli/hud_demo.h"
 #include "cli/remote_config_demo.h"
 #include "cli/telemetry_demo.h"
+#include "cli/usage.h"
 #include "desktop/desktop.h"
 #include "platform/linux/sqlite_defaults_store.h"
 
@@ -17,13 +18,6 @@
 #include <vector>
 
 namespace {
-
-constexpr const char* kUsage =
-    "Usage: tarry [--autostart] [--help] [--version]\n"
-    "       tarry --pause MINUTES | --resume\n"
-    "       tarry --telemetry-demo | --remote-config-demo | --hud-demo\n"
-    "       tarry defaults read [KEY] | write KEY JSON | delete KEY\n"
-    "       tarry apps            the running apps with their ids and Ctrl+Q rules\n";
 
 bool hasFlag(int argc, char** argv, std::string_view flag) {
   for (int i = 1; i < argc; ++i) {
@@ -55,7 +49,7 @@ int main(int argc, char** argv) {
   if (argc >= 2 && std::string_view(argv[1]) == "defaults") return runDefaults(argc, argv);
   if (argc >= 2 && std::string_view(argv[1]) == "apps") return tarry::cli::runApps(argc, argv);
   if (hasFlag(argc, argv, "--help") || hasFlag(argc, argv, "-h")) {
-    std::fputs(kUsage, stdout);
+    std::fputs(tarry::cli::helpText().c_str(), stdout);
     return 0;
   }
   if (hasFlag(argc, argv, "--version")) {
@@ -71,7 +65,8 @@ int main(int argc, char** argv) {
     char* end = nullptr;
     const long minutes = argc == 3 ? std::strtol(argv[2], &end, 10) : -1;
     if (argc != 3 || end == argv[2] || *end != '\0' || minutes < 0 || minutes > 1440) {
-      std::fprintf(stderr, "tarry: --pause needs minutes from 0 to 1440 (0 = until 06:00)\n%s", kUsage);
+      std::fprintf(stderr, "tarry: --pause needs minutes from 0 to 1440 (0 = until 06:00)\n%s",
+                   tarry::cli::shortUsage().c_str());
       return 2;
     }
     return tarry::desktop::sendToRunningCopy("pause " + std::to_string(minutes));
@@ -85,7 +80,7 @@ int main(int argc, char** argv) {
     if (std::string_view(argv[i]) == "--autostart") {
       options.loginLaunch = true;
     } else if (std::strncmp(argv[i], "--", 2) == 0) {
-      std::fprintf(stderr, "tarry: unknown option %s\n%s", argv[i], kUsage);
+      std::fprintf(stderr, "tarry: unknown option %s\n%s", argv[i], tarry::cli::shortUsage().c_str());
       return 2;
     }
   }

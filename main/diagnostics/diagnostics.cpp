@@ -115,7 +115,7 @@ void Diagnostics::upload(bool force) {
   for (const auto& [age, name] : byAge) {
     const std::string content =
         tail(reportsDir + "/" + name, tunables_.integer(settings::T::reportsTailBytes));
-    signature += "-" + std::to_string(content.size());
+    signature.append("-").append(std::to_string(content.size()));
     reports.push_back({{"name", redact(name)}, {"content", redact(content)}});
   }
   const auto stored = store_.get("logSig");

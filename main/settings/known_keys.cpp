@@ -58,7 +58,11 @@ std::optional<Kind> kindOf(std::string_view key) {
   return std::nullopt;
 }
 
-std::string inQuotes(std::string_view key) { return "\"" + std::string(key) + "\""; }
+std::string inQuotes(std::string_view key) {
+  std::string quoted(1, '"');
+  quoted.append(key).push_back('"');
+  return quoted;
+}
 
 }  // namespace
 

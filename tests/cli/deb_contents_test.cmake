@@ -44,3 +44,56 @@ foreach(package qt6-qpa-plugins libqt6svg6 libqt6widgets6 libsqlite3-0 libsodium
     message(FATAL_ERROR "the package does not depend on ${package}: ${depends}")
   endif()
 endforeach()
+
+# What a distribution asks of a package: lintian finds no error and no warning (overrides, each with
+# its reason, are in packaging/lintian-overrides).
+find_program(LINTIAN lintian)
+if(NOT LINTIAN)
+  message(FATAL_ERROR "lintian is missing (scripts/install-deps.sh installs it)")
+endif()
+execute_process(COMMAND ${LINTIAN} --display-info --fail-on none ${debs}
+  OUTPUT_VARIABLE lintian_output ERROR_VARIABLE lintian_output RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "lintian could not check the package (${status}):\n${lintian_output}")
+endif()
+if(lintian_output MATCHES "(^|\n)[EW]: ")
+  message(FATAL_ERROR "lintian finds errors or warnings in the package:\n${lintian_output}")
+endif()
+foreach(path ./usr/share/man/man1/tarry.1.gz ./usr/share/doc/tarry/copyright ./usr/share/doc/tarry/changelog.Debian.gz)
+  string(FIND "${contents}" " ${path}\n" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "the package lacks ${path}:\n${contents}")
+  endif()
+endforeach()
+
+# The program in the package is hardened as Debian's own are: position-independent, its relocations
+# read-only once bound at start (full RELRO), a stack protector, and checked string and memory
+# functions where the build is optimised.
+if(NOT HARDENED)
+  return()
+endif()
+set(root ${OUT_DIR}/root)
+execute_process(COMMAND dpkg-deb -x ${debs} ${root} RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "dpkg-deb cannot unpack ${debs}")
+endif()
+set(program ${root}/usr/bin/tarry)
+execute_process(COMMAND readelf -W --file-header --program-headers --dynamic --dyn-syms ${program}
+  OUTPUT_VARIABLE elf RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "readelf cannot read ${program}")
+endif()
+set(expectations
+  "Type: +DYN" "a position-independent executable"
+  "GNU_RELRO" "a RELRO segment"
+  "\\(FLAGS\\)[^\n]*BIND_NOW|\\(FLAGS_1\\)[^\n]*NOW" "binding at start (-z now)"
+  "UND __stack_chk_fail" "the stack protector")
+if(FORTIFIED)
+  list(APPEND expectations "UND __[a-z_]+_chk(@|$| )" "checked functions (_FORTIFY_SOURCE)")
+endif()
+while(expectations)
+  list(POP_FRONT expectations pattern what)
+  if(NOT elf MATCHES "${pattern}")
+    message(FATAL_ERROR "${program} lacks ${what} (readelf finds no ${pattern})")
+  endif()
+endwhile()

@@ -260,7 +260,9 @@ TEST(SqliteDefaultsStore, ReadOnlyFileIsReadAndKeptAsItIs) {
     store.flush();
     EXPECT_EQ(store.get("holdSeconds"), Value(5.0));
   }
-  if (root) std::system(("chattr -i '" + path + "'").c_str());
+  if (root) {
+    EXPECT_EQ(std::system(("chattr -i '" + path + "'").c_str()), 0) << "the file stays immutable";
+  }
   EXPECT_EQ(onDisk(path, "holdSeconds"), Value(3.5));
   EXPECT_TRUE(asideCopies(dir).empty()) << "a read-only database is never moved aside";
 }

@@ -1,6 +1,6 @@
 // The desktop update path against a real server, for the tests and screenshots:
 //   tarry-update-probe --server URL --version V --key HEX --exe PATH [--manual] [--answer N]
-//                      [--qt-alerts] [--max-mb N] [--start-timeout S] [--dpkg-info DIR]
+//                      [--qt-alerts] [--max-mb N] [--start-timeout S]
 // Runs one check; prints every alert as "ALERT <message> | <informative>" and "QUIT" when an
 // installed update runs, then exits (0 after QUIT, 1 otherwise).
 #include "desktop/update_wiring.h"
@@ -53,7 +53,7 @@ class ScriptedAlerts final : public platform::Alerts {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string server, version = "1.0", key, exe, dpkgInfo = "/var/lib/dpkg/info";
+  std::string server, version = "1.0", key, exe;
   bool manual = false, qtAlerts = false;
   int answer = 0;
   double maxMB = 0, startTimeout = 10, cancelAfter = 0;
@@ -78,8 +78,6 @@ int main(int argc, char** argv) {
       maxMB = std::stod(next());
     else if (a == "--start-timeout")
       startTimeout = std::stod(next());
-    else if (a == "--dpkg-info")
-      dpkgInfo = next();
     else if (a == "--cancel-after")
       cancelAfter = std::stod(next());
   }
@@ -94,7 +92,7 @@ int main(int argc, char** argv) {
   NoHud hud;
   platform::qt::QtAlerts realAlerts;
   ScriptedAlerts alerts(loop, qtAlerts ? &realAlerts : nullptr, answer);
-  platform::os::LinuxUpdateTarget target(exe, startTimeout, dpkgInfo);
+  platform::os::LinuxUpdateTarget target(exe, startTimeout);
   platform::sim::MemoryDefaultsStore store;
   desktop::DesktopUpdates updates({loop,
                                    http,

@@ -14,7 +14,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -55,10 +56,51 @@ int runAndWait(const std::vector<std::string>& argv) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-/// True when the file list of an installed package names `exe` (directly or through a link, as
-/// /bin → /usr/bin on a merged /usr).
-bool listedIn(const fs::path& list, const fs::path& exe) {
-  std::ifstream in(list);
+/// The standard output of argv (run with no input and its errors dropped), or nothing when it could
+/// not start or did not exit with status 0.
+std::optional<std::string> outputOf(const std::vector<std::string>& argv) {
+  std::vector<char*> args = execArgs(argv);
+  int out[2];
+  if (::pipe2(out, O_CLOEXEC) != 0) return std::nullopt;
+  const pid_t child = ::fork();
+  if (child < 0) {
+    ::close(out[0]);
+    ::close(out[1]);
+    return std::nullopt;
+  }
+  if (child == 0) {
+    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null < 0 || ::dup2(null, STDIN_FILENO) < 0 || ::dup2(out[1], STDOUT_FILENO) < 0 ||
+        ::dup2(null, STDERR_FILENO) < 0)
+      ::_exit(127);
+    ::execvp(args[0], args.data());
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  std::string text;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t got = ::read(out[0], buffer, sizeof buffer);
+    if (got > 0) {
+      text.append(buffer, static_cast<std::size_t>(got));
+    } else if (got == 0 || errno != EINTR) {
+      break;
+    }
+  }
+  ::close(out[0]);
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return std::nullopt;
+  return text;
+}
+
+/// True when the package `tarry` is installed and its files include `exe` (directly or through a
+/// link, as /bin → /usr/bin on a merged /usr). dpkg-query is asked: its database is its own.
+bool installedByPackage(const fs::path& exe) {
+  const auto files = outputOf({"dpkg-query", "--listfiles", "tarry"});
+  if (!files) return false;
+  std::istringstream in(*files);
   std::string line;
   std::error_code ec;
   while (std::getline(in, line)) {
@@ -85,8 +127,7 @@ bool inPath(const std::string& program) {
 
 }  // namespace
 
-LinuxUpdateTarget::LinuxUpdateTarget(std::string executable, double startTimeoutSec,
-                                     const std::string& dpkgInfo)
+LinuxUpdateTarget::LinuxUpdateTarget(std::string executable, double startTimeoutSec)
     : executable_(std::move(executable)), startTimeoutSec_(startTimeoutSec) {
   std::error_code ec;
   if (executable_.empty()) executable_ = fs::read_symlink("/proc/self/exe", ec).string();
@@ -100,11 +141,19 @@ LinuxUpdateTarget::LinuxUpdateTarget(std::string executable, double startTimeout
     kind_ = InstallKind::selfContained;
     base_ = base.string();
     previous_ = folder.filename().string();
-  } else if (listedIn(fs::path(dpkgInfo) / "tarry.list", exe)) {
-    // NOTE: the list, not the folder: a copy in /usr/local beside an installed package is not the
-    // package's, and installing the package would not update it.
-    kind_ = InstallKind::debianPackage;
   }
+}
+
+InstallKind LinuxUpdateTarget::kind() const {
+  // NOTE: the package's file list, not the folder: a copy in /usr/local beside an installed package
+  // is not the package's, and installing the package would not update it. Asked when an update is
+  // installed, not at every start.
+  if (!kind_) {
+    std::error_code ec;
+    kind_ = installedByPackage(fs::weakly_canonical(executable_, ec)) ? InstallKind::debianPackage
+                                                                      : InstallKind::other;
+  }
+  return *kind_;
 }
 
 std::string LinuxUpdateTarget::switchCurrent(const std::string& folderName) {

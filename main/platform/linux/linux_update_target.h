@@ -2,6 +2,7 @@
 
 #include "platform/update_target.h"
 
+#include <optional>
 #include <string>
 
 namespace tarry::platform::os {
@@ -15,17 +16,15 @@ namespace tarry::platform::os {
 /// in TARRY_UPDATE_READY_FD; until it writes "ready" there the old copy stays, and `current` goes
 /// back to it when the new one fails to start. The new copy also inherits the instance lock (see
 /// `handOnLock`).
-/// A copy installed from the Debian package (the package `tarry` lists the running program among
-/// its files) hands the verified package to `pkexec apt-get install`.
+/// A copy installed from the Debian package (`dpkg-query` lists the running program among the files
+/// of the package `tarry`) hands the verified package to `pkexec apt-get install`.
 class LinuxUpdateTarget final : public UpdateTarget {
  public:
   /// `executable`: the running program's real path (empty: /proc/self/exe). `startTimeoutSec`:
-  /// how long a new copy has to report that it started. `dpkgInfo`: where dpkg keeps the file
-  /// lists of installed packages.
-  explicit LinuxUpdateTarget(std::string executable = "", double startTimeoutSec = 20,
-                             const std::string& dpkgInfo = "/var/lib/dpkg/info");
+  /// how long a new copy has to report that it started.
+  explicit LinuxUpdateTarget(std::string executable = "", double startTimeoutSec = 20);
 
-  [[nodiscard]] InstallKind kind() const override { return kind_; }
+  [[nodiscard]] InstallKind kind() const override;
   std::string installArchive(const std::string& archive, const std::string& version) override;
   std::string relaunch() override;
   std::string installPackage(const std::string& package) override;
@@ -51,7 +50,8 @@ class LinuxUpdateTarget final : public UpdateTarget {
   std::string executable_;
   double startTimeoutSec_;
   int lock_ = -1;
-  InstallKind kind_ = InstallKind::other;
+  /// Known at once for a self-contained install; otherwise found out when first asked.
+  mutable std::optional<InstallKind> kind_;
   /// Self-contained installs: the folder holding `current`, and the folder names it pointed to
   /// before and after an update.
   std::string base_;
