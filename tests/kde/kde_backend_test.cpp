@@ -5,6 +5,7 @@
 #include "platform/kde/fake_input_entry.h"
 #include "platform/kde/kde_event_tap.h"
 #include "platform/kde/kwin_script.h"
+#include "platform/qt/qt_main_loop.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -15,13 +16,18 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 #include <QDBusVirtualObject>
 #include <QElapsedTimer>
+#include <QThread>
 
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <mutex>
 
 namespace tarry::platform::kde {
 namespace {
@@ -227,6 +233,116 @@ TEST(DBusWire, TheHelpersBytesReachTheBusAsCallsWithTheirArguments) {
     bus.unregisterObject(QStringLiteral("/kglobalaccel"));
   }
   QDBusConnection::disconnectFromBus(QStringLiteral("kglobalaccel"));
+}
+
+/// KWin's scripting interface as far as loading a script goes, answering as Plasma 6 does. It
+/// lives on a thread of its own: the program's calls to KWin block its main thread.
+class FakeScripting final : public QDBusVirtualObject {
+ public:
+  bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
+    {
+      std::lock_guard lock(mutex);
+      calls.push_back(message.path() + " " + message.member());
+    }
+    if (message.member() == QStringLiteral("loadScript")) {
+      connection.send(message.createReply(QVariant(7)));
+    } else if (message.member() == QStringLiteral("unloadScript")) {
+      connection.send(message.createReply(QVariant(true)));
+    } else {
+      connection.send(message.createReply());
+    }
+    return true;
+  }
+  [[nodiscard]] QString introspect(const QString&) const override { return {}; }
+  std::vector<QString> taken() {
+    std::lock_guard lock(mutex);
+    return calls;
+  }
+
+ private:
+  std::mutex mutex;
+  std::vector<QString> calls;
+};
+
+void spinUntil(const std::function<bool()>& done, int ms = 5000) {
+  QElapsedTimer timer;
+  timer.start();
+  while (!done() && timer.elapsed() < ms) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+}
+
+TEST(KWinScriptBridge, ReportsFillTheWindowsAndRequestsAnswerTheScriptsCall) {
+  BusDaemon daemon;
+  if (daemon.address.empty()) GTEST_SKIP() << "dbus-daemon cannot run here";
+  int argc = 1;
+  char name[] = "kde_backend_test";
+  char* argv[] = {name, nullptr};
+  QCoreApplication app(argc, argv);
+  const QString kwinName = QStringLiteral("kwin");
+  {
+    // KWin on a bus of its own; the program's side uses the session bus, which is this one.
+    setenv("DBUS_SESSION_BUS_ADDRESS", daemon.address.c_str(), 1);
+    QDBusConnection kwin = QDBusConnection::connectToBus(QString::fromStdString(daemon.address), kwinName);
+    ASSERT_TRUE(kwin.registerService(QStringLiteral("org.kde.KWin")));
+    QThread kwinThread;
+    FakeScripting scripting;
+    scripting.moveToThread(&kwinThread);
+    kwinThread.start();
+    ASSERT_TRUE(
+        kwin.registerVirtualObject(QStringLiteral("/Scripting"), &scripting, QDBusConnection::SubPath));
+
+    qt::QtMainLoop loop;
+    std::string error;
+    std::unique_ptr<KWinScript> script = KWinScript::open(loop, "/x/tarry-kwin.js", error);
+    ASSERT_TRUE(script) << error;
+    // An earlier copy unloaded, this one loaded and run under Plasma 6's object path.
+    const std::vector<QString> calls = scripting.taken();
+    ASSERT_GE(calls.size(), 3U);
+    EXPECT_EQ(calls[0], QStringLiteral("/Scripting unloadScript"));
+    EXPECT_EQ(calls[1], QStringLiteral("/Scripting loadScript"));
+    EXPECT_EQ(calls[2], QStringLiteral("/Scripting/Script7 run"));
+
+    std::vector<std::int32_t> activated;
+    script->setOnActivated([&activated](std::int32_t pid) { activated.push_back(pid); });
+    const auto call = [&kwin](const char* member, const QVariantList& arguments) {
+      QDBusMessage message =
+          QDBusMessage::createMethodCall(QStringLiteral("org.tarry.Tarry.KWin"), QStringLiteral("/KWin"),
+                                         QStringLiteral("org.tarry.KWin"), QString::fromLatin1(member));
+      message.setArguments(arguments);
+      return kwin.asyncCall(message, 20000);
+    };
+    const QString report = QStringLiteral(
+        R"({"active":"{a}","activePid":42,"windows":[{"id":"{a}","pid":42,"caption":"one","x":5,"y":6,"width":70,"height":80}]})");
+    QDBusPendingCall reported = call("report", {report});
+    spinUntil([&] { return reported.isFinished(); });
+    ASSERT_TRUE(script->reported());
+    ASSERT_EQ(script->windows().windows.size(), 1U);
+    EXPECT_EQ(script->windows().activeWindow()->caption, "one");
+    EXPECT_EQ(activated, (std::vector<std::int32_t>{42}));
+    // The same window reported again is no new activation.
+    reported = call("report", {report});
+    spinUntil([&] { return reported.isFinished(); });
+    EXPECT_EQ(activated.size(), 1U);
+
+    // The script's call for requests stays open until there is one.
+    QDBusPendingReply<QString> next = call("next", {});
+    spinUntil([&] { return next.isFinished(); }, 300);
+    EXPECT_FALSE(next.isFinished());
+    script->closeWindow(script->windows().windows[0].id);
+    spinUntil([&] { return next.isFinished(); });
+    ASSERT_TRUE(next.isValid()) << next.error().message().toStdString();
+    EXPECT_EQ(next.value().toStdString(), R"([{"id":"{a}","op":"close"}])");
+    // Requests made while no call is open wait for the next one.
+    EXPECT_FALSE(script->setFrame(999, 0, 0, 1, 1, false));
+    script->closeWindowsOf(42);
+    next = call("next", {});
+    spinUntil([&] { return next.isFinished(); });
+    EXPECT_EQ(next.value().toStdString(), R"([{"op":"closePid","pid":42}])");
+    script.reset();
+    kwin.unregisterObject(QStringLiteral("/Scripting"), QDBusConnection::UnregisterTree);
+    kwinThread.quit();
+    kwinThread.wait();
+  }
+  QDBusConnection::disconnectFromBus(kwinName);
 }
 
 }  // namespace
