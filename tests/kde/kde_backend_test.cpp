@@ -61,6 +61,14 @@ TEST(KWinReport, WindowsKeepTheirNumbersAndTheActiveOneIsFound) {
   EXPECT_NE(second->windows[0].id, kate);
   EXPECT_NE(second->windows[0].id, foot);
 
+  // An active dialog is described on its own: the frontmost app is still known.
+  const auto dialog = parseKWinReport(
+      R"({"active":"{d}","activePid":42,"activeWindow":{"id":"{d}","pid":42,"caption":"Save?"},"windows":[]})",
+      ids);
+  ASSERT_TRUE(dialog);
+  ASSERT_NE(dialog->activeWindow(), nullptr);
+  EXPECT_EQ(dialog->activeWindow()->pid, 42);
+
   EXPECT_FALSE(parseKWinReport("not json", ids));
   EXPECT_FALSE(parseKWinReport(R"({"active":""})", ids));
 }

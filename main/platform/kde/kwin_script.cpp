@@ -34,8 +34,33 @@ const KWinWindow* KWinWindows::activeWindow() const {
   for (const KWinWindow& window : windows) {
     if (window.uuid == active) return &window;
   }
-  return nullptr;
+  return activeAlone && activeAlone->uuid == active ? &*activeAlone : nullptr;
 }
+
+namespace {
+
+std::optional<KWinWindow> windowOf(const nlohmann::json& item, std::map<std::string, std::uint32_t>& ids) {
+  if (!item.is_object()) return std::nullopt;
+  KWinWindow window;
+  window.uuid = textOf(item, "id");
+  if (window.uuid.empty()) return std::nullopt;
+  auto [it, added] = ids.try_emplace(window.uuid, 0);
+  // Numbers are never reused while the program runs: a closed window's number stays unknown.
+  if (added) it->second = static_cast<std::uint32_t>(ids.size());
+  window.id = it->second;
+  window.pid = static_cast<std::int32_t>(numberOf(item, "pid"));
+  window.resourceClass = textOf(item, "resourceClass");
+  window.desktopFile = textOf(item, "desktopFile");
+  window.caption = textOf(item, "caption");
+  window.x = numberOf(item, "x");
+  window.y = numberOf(item, "y");
+  window.width = numberOf(item, "width");
+  window.height = numberOf(item, "height");
+  window.minimized = item.value("minimized", false);
+  return window;
+}
+
+}  // namespace
 
 std::optional<KWinWindows> parseKWinReport(const std::string& json,
                                            std::map<std::string, std::uint32_t>& ids) {
@@ -46,25 +71,10 @@ std::optional<KWinWindows> parseKWinReport(const std::string& json,
   out.active = textOf(report, "active");
   out.activePid = static_cast<std::int32_t>(numberOf(report, "activePid"));
   for (const nlohmann::json& item : report["windows"]) {
-    if (!item.is_object()) continue;
-    KWinWindow window;
-    window.uuid = textOf(item, "id");
-    if (window.uuid.empty()) continue;
-    auto [it, added] = ids.try_emplace(window.uuid, 0);
-    // Numbers are never reused while the program runs: a closed window's number stays unknown.
-    if (added) it->second = static_cast<std::uint32_t>(ids.size());
-    window.id = it->second;
-    window.pid = static_cast<std::int32_t>(numberOf(item, "pid"));
-    window.resourceClass = textOf(item, "resourceClass");
-    window.desktopFile = textOf(item, "desktopFile");
-    window.caption = textOf(item, "caption");
-    window.x = numberOf(item, "x");
-    window.y = numberOf(item, "y");
-    window.width = numberOf(item, "width");
-    window.height = numberOf(item, "height");
-    window.minimized = item.value("minimized", false);
-    out.windows.push_back(std::move(window));
+    if (std::optional<KWinWindow> window = windowOf(item, ids)) out.windows.push_back(std::move(*window));
   }
+  if (const auto alone = report.find("activeWindow"); alone != report.end())
+    out.activeAlone = windowOf(*alone, ids);
   return out;
 }
 

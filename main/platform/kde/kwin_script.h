@@ -37,6 +37,8 @@ struct KWinWindows {
   std::int32_t activePid = 0;
   /// Front to back.
   std::vector<KWinWindow> windows;
+  /// The active window as described on its own (a dialog is not among `windows`).
+  std::optional<KWinWindow> activeAlone;
 
   [[nodiscard]] const KWinWindow* activeWindow() const;
 };

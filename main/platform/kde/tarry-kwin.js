@@ -46,17 +46,21 @@ function describe(w) {
   };
 }
 
-function report() {
+// `gone`: a window being removed, which KWin may still list.
+function report(gone) {
   var list = [];
   var windows = frontToBack();
   for (var i = 0; i < windows.length; ++i) {
     var w = windows[i];
-    if (w && w.normalWindow && !w.skipTaskbar) list.push(describe(w));
+    if (w && w !== gone && w.normalWindow && !w.skipTaskbar) list.push(describe(w));
   }
   var active = activeWindow();
+  if (active === gone) active = null;
+  // The active window may be a dialog, which is not in the list: it is described on its own.
   callDBus(SERVICE, PATH, IFACE, "report", JSON.stringify({
     active: active ? idOf(active) : "",
     activePid: active ? active.pid : 0,
+    activeWindow: active ? describe(active) : null,
     windows: list
   }));
 }
@@ -102,20 +106,28 @@ function next() {
   });
 }
 
+function reportAll() {
+  report(null);
+}
+
 function follow(w) {
   if (!w) return;
-  w.captionChanged.connect(report);
-  w.minimizedChanged.connect(report);
-  w.frameGeometryChanged.connect(report);
+  w.captionChanged.connect(reportAll);
+  w.minimizedChanged.connect(reportAll);
+  w.frameGeometryChanged.connect(reportAll);
 }
 
 var existing = allWindows();
 for (var k = 0; k < existing.length; ++k) follow(existing[k]);
 (plasma6 ? workspace.windowAdded : workspace.clientAdded).connect(function (w) {
   follow(w);
-  report();
+  report(null);
 });
-(plasma6 ? workspace.windowRemoved : workspace.clientRemoved).connect(report);
-(plasma6 ? workspace.windowActivated : workspace.clientActivated).connect(report);
-report();
+(plasma6 ? workspace.windowRemoved : workspace.clientRemoved).connect(function (w) {
+  report(w);
+});
+(plasma6 ? workspace.windowActivated : workspace.clientActivated).connect(function () {
+  report(null);
+});
+report(null);
 next();
