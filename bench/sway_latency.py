@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Figures for tarry on a headless sway (run as an unprivileged user, like the sway e2e tests).
 
-    bench/sway_latency.py --build build/release [--presses 200]
+    bench/sway_latency.py --build build/release [--presses 200] [--tarry T --client C --typist Y]
 
 1. The delay tarry adds to a Ctrl+Q it lets through: tarry-sway-typist presses Ctrl+Q through its
    own virtual keyboard and notes when; the Wayland test client logs when each press arrived (both
@@ -57,10 +57,13 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", default="build/release")
     parser.add_argument("--presses", type=int, default=200)
+    parser.add_argument("--tarry", help="the program (default: found under --build)")
+    parser.add_argument("--client", help="tarry-wayland-client (default: found under --build)")
+    parser.add_argument("--typist", help="tarry-sway-typist (default: found under --build)")
     args = parser.parse_args()
-    tarry = os.path.join(args.build, "main", "app", "tarry")
-    client = os.path.join(args.build, "tests", "wayland", "tarry-wayland-client")
-    typist_built = os.path.join(args.build, "tests", "wayland", "tarry-sway-typist")
+    tarry = args.tarry or os.path.join(args.build, "main", "cli", "tarry")
+    client = args.client or os.path.join(args.build, "tests", "wayland", "tarry-wayland-client")
+    typist_built = args.typist or os.path.join(args.build, "tests", "wayland", "tarry-sway-typist")
     try:
         d = SwayDesktop(tarry, client, typist_built)
     except Skip as skip:
@@ -92,7 +95,8 @@ def main():
         hud = d.spawn([d.tarry], "tarry-hud", {"TARRY_DEBUG_HUD_TIMES": "1"})
         wait_for("tarry", lambda: d.events_log().count("keyboard guard on") >= 2)
         time.sleep(0.5)
-        sent = typed(d, typist, 40, 150, 900)
+        hud_presses = min(40, max(5, args.presses // 4))
+        sent = typed(d, typist, hud_presses, 150, 900)
         time.sleep(0.5)
         hud.terminate()
         hud.wait(timeout=10)
@@ -107,7 +111,7 @@ def main():
             percentile(through, 99) - percentile(direct, 99)))
         print(describe("key press -> HUD buffer committed", to_hud))
         print("(%d/%d, %d/%d and %d/%d presses matched)" % (
-            len(direct), args.presses, len(through), args.presses, len(to_hud), 40))
+            len(direct), args.presses, len(through), args.presses, len(to_hud), hud_presses))
     finally:
         d.close()
     return 0

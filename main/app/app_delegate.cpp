@@ -104,7 +104,14 @@ void AppDelegate::runLaunchSequence() {
   if (hooks_.logUploaderTurn) {    // 6
     hooks_.logUploaderTurn(false);
   }
-  fetchRemoteConfig();                                                              // 7
+  // 7: a fetched document may change the RAM Saver's period; its timer is rebuilt after every
+  // document applied (never after a failed fetch). The ping runs whether or not the fetch ever
+  // answers; its completion re-arms it with the fetched interval.
+  deps_.remoteConfig.setAppliedHook(weakly([this] {
+    if (hooks_.rescheduleRamSaver) hooks_.rescheduleRamSaver();
+  }));
+  fetchRemoteConfig();
+  armPing();
   updateCheckTimer_ = deps_.loop.after(deps_.tunables.real(T::firstCheckDelaySec),  // 8
                                        weakly([this] { automaticUpdateCheck(); }));
   if (settings::applyLoginItemDefault(deps_.prefs, deps_.loginItems)) {  // 9
@@ -179,6 +186,10 @@ void AppDelegate::fetchRemoteConfig() {
 
 void AppDelegate::remoteConfigDone() {
   settings::showAnnouncement(deps_.tunables, deps_.prefs, deps_.hud, deps_.workspace.ownIcon());
+  armPing();
+}
+
+void AppDelegate::armPing() {
   pingTimer_ = deps_.loop.every(deps_.tunables.real(T::pingMinutes) * 60, weakly([this] { ping(); }));
 }
 
@@ -264,6 +275,7 @@ void AppDelegate::pollTick() {
   }
   // A tap the system disabled is re-enabled by the guard itself when it hears of it.
   const bool hasTap = tapActive();
+  if (hasTap) guardian_->checkProblem();
 
   const double now = deps_.loop.uptime();
   const double sinceBump = now - lastRunBump_;

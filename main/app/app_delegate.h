@@ -204,6 +204,8 @@ class AppDelegate final {
   void startNetworkMonitor();
   void fetchRemoteConfig();
   void remoteConfigDone();
+  /// (Re)creates the ping timer from `pingMinutes`.
+  void armPing();
   void versionBookkeeping();
   void bringForward();
   void refreshSettingsWindow();

@@ -1,8 +1,8 @@
 #include "cli/apps_main.h"
 
 #include "cli/apps_command.h"
+#include "cli/command_store.h"
 #include "platform/linux/desktop_entry_reader.h"
-#include "platform/linux/sqlite_defaults_store.h"
 #include "platform/x11/x11_display.h"
 #include "platform/x11/x11_workspace.h"
 #include "settings/preferences.h"
@@ -30,10 +30,8 @@ int runApps(int argc, char** /*argv*/) {
     std::fprintf(stderr, "tarry apps: %s\n", error.c_str());
     return 1;
   }
-  platform::os::SqliteDefaultsStore store(
-      platform::os::SqliteDefaultsStore::defaultPath(),
-      [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
-  settings::Preferences prefs(store);
+  CommandStore opened;
+  settings::Preferences prefs(opened.store());
   platform::os::DesktopEntryReader entries;
   platform::x11::X11Workspace workspace(*display, entries);
   std::cout << appsTable(workspace.runningApplications(), prefs, workspace);

@@ -1,6 +1,7 @@
 // Process entry: picks what this run of the program is (a command-line tool, a demo, or the
 // desktop program) before anything else starts.
 #include "cli/apps_main.h"
+#include "cli/command_store.h"
 #include "cli/defaults_command.h"
 #include "cli/hud_demo.h"
 #include "cli/remote_config_demo.h"
@@ -27,9 +28,8 @@ bool hasFlag(int argc, char** argv, std::string_view flag) {
 }
 
 int runDefaults(int argc, char** argv) {
-  tarry::platform::os::SqliteDefaultsStore store(
-      tarry::platform::os::SqliteDefaultsStore::defaultPath(),
-      [](const std::string& line) { std::cerr << "tarry: " << line << '\n'; });
+  tarry::cli::CommandStore opened;
+  tarry::platform::os::SqliteDefaultsStore& store = opened.store();
   // The note above said why; reading or writing a domain that lives only in this process would
   // mislead.
   if (!store.persistent() && !store.readOnly()) return 1;

@@ -253,7 +253,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   platform::os::SodiumDigest digest;
   platform::NetworkStatus networkStatus;
   platform::qt::QtNetworkMonitor networkMonitor;
-  platform::qt::QtHttp http;
+  platform::qt::QtHttp http([&log](const std::string& line) { log.log("network: " + line); });
   const std::string server = settings::serverBaseURL();
   diagnostics::TelemetrySender telemetry(
       {http, prefs, tunables, digest, workspace, networkStatus, server, TARRY_VERSION});

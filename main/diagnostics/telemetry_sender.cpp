@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <random>
 #include <utility>
@@ -13,7 +14,8 @@ namespace {
 using settings::T;
 
 constexpr const char* kInstallIDKey = "installID";
-constexpr double kSendTimeoutSec = 15;
+/// What the server says back to an event is a status; its body is never read.
+constexpr std::uint64_t kAnswerMaxBytes = 64 * 1024;
 
 /// A random version-4 UUID ("0f8fad5b-d9cb-469f-a165-70867728950e").
 std::string randomUUID() {
@@ -79,7 +81,8 @@ bool TelemetrySender::send(const std::string& event, const nlohmann::json& paylo
   request.url = deps_.serverBase + std::string(kTelemetryPath);
   request.headers = {{"Content-Type", "application/json"}};
   request.cachePolicy = platform::CachePolicy::ignoreLocalCache;
-  request.timeoutSec = kSendTimeoutSec;
+  request.timeoutSec = deps_.tunables.real(T::networkTimeoutSec);
+  request.maxBytes = kAnswerMaxBytes;
   request.body = std::move(body);
   {
     const std::lock_guard lock(inFlight_->mutex);
@@ -87,16 +90,17 @@ bool TelemetrySender::send(const std::string& event, const nlohmann::json& paylo
   }
   // NOTE: the completion runs on the networking thread and may outlive this sender; it holds
   // only the shared counter.
-  deps_.http.post(request, [inFlight = inFlight_, done = std::move(done)](const platform::HttpResponse& response) {
-    if (done) {
-      constexpr int kOkFirst = 200;
-      constexpr int kOkLast = 299;
-      done(response.received && response.status >= kOkFirst && response.status <= kOkLast);
-    }
-    const std::lock_guard lock(inFlight->mutex);
-    if (inFlight->count > 0) --inFlight->count;
-    if (inFlight->count == 0) inFlight->idle.notify_all();
-  });
+  deps_.http.post(request,
+                  [inFlight = inFlight_, done = std::move(done)](const platform::HttpResponse& response) {
+                    if (done) {
+                      constexpr int kOkFirst = 200;
+                      constexpr int kOkLast = 299;
+                      done(response.received && response.status >= kOkFirst && response.status <= kOkLast);
+                    }
+                    const std::lock_guard lock(inFlight->mutex);
+                    if (inFlight->count > 0) --inFlight->count;
+                    if (inFlight->count == 0) inFlight->idle.notify_all();
+                  });
   return true;
 }
 

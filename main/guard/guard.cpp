@@ -26,10 +26,6 @@ constexpr std::uint64_t kModifierMask =
 
 constexpr std::string_view kDock = "com.apple.dock";
 constexpr const char* kTapFailedMessage = "event tap creation failed (the keyboard grabs were refused)";
-// How often a tap in place is checked for a problem that came up later (a window manager that went
-// away, a lost display).
-constexpr double kProblemCheckSec = 2.0;
-
 /// Whole milliseconds of a duration in seconds.
 std::int64_t wholeMs(double seconds) { return std::llround(std::max(seconds, 0.0) * 1000); }
 
@@ -100,16 +96,12 @@ bool Guard::installTap() {
   tapError_.clear();
   tap->enable();
   checkProblem();
-  problemCheck_ = deps_.loop.every(kProblemCheckSec, [alive, this] {
-    if (!alive.expired()) checkProblem();
-  });
   return true;
 }
 
 void Guard::removeTap() {
   stopHold();
   clearPending();
-  problemCheck_.cancel();
   tap.reset();
 }
 

@@ -89,8 +89,9 @@ class Guard final {
   bool installTap();
   /// Stops any hold and any pending press and removes the tap (trust was withdrawn).
   void removeTap();
-  /// Reads the state of the tap and the workspace again and logs a problem that is new (once);
-  /// runs by itself every few seconds while the tap is in place.
+  /// Reads the state of the tap and the workspace again and logs a problem that is new (once).
+  /// NOTE: the owner's periodic poll calls it; the guard keeps no timer of its own, so an idle
+  /// program wakes once per poll.
   void checkProblem();
   /// The tap callback: pass the event on, or swallow it.
   platform::TapVerdict handleEvent(const platform::KeyEvent& event);
@@ -153,7 +154,6 @@ class Guard final {
   [[nodiscard]] std::string currentProblem() const;
   std::string tapError_;
   std::string loggedProblem_;
-  platform::Scheduled problemCheck_;
   /// Press-twice mode: the app of the waiting first press (names it in the log when it lapses).
   std::optional<platform::RunningApp> pendingApp_;
   /// NOTE: there is one guard per process, so this is the once-per-process flag of the tap failure line.

@@ -44,7 +44,8 @@ class Downloader {
   virtual ~Downloader() = default;
 
   /// Streams `url` (https only; a redirect to another scheme fails) into the file `path`,
-  /// failing with `tooLarge` as soon as it is known to exceed `maxBytes`. `progress` and `done`
+  /// failing with `tooLarge` as soon as it is known to exceed `maxBytes`, and as stalled when a
+  /// span of `timeoutSec` passes with less than a few kilobytes received. `progress` and `done`
   /// run on the networking thread; `done` runs once. A failed download leaves no file at `path`.
   [[nodiscard]] virtual std::shared_ptr<Download> download(const std::string& url, const std::string& path,
                                                            std::uint64_t maxBytes, double timeoutSec,

@@ -100,6 +100,7 @@ platform::HttpRequest remoteConfigRequest(const std::string& base, const Tunable
   request.headers = {{"User-Agent", std::string("Tarry/") + TARRY_VERSION}};
   request.cachePolicy = platform::CachePolicy::ignoreLocalCache;
   request.timeoutSec = tunables.real(T::networkTimeoutSec);
+  request.maxBytes = kRemoteConfigMaxBytes;
   return request;
 }
 

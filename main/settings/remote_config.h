@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,6 +17,8 @@ namespace tarry::settings {
 
 /// Path of the configuration document on the maker's server.
 inline constexpr std::string_view kRemoteConfigPath = "/api/tarry-config";
+/// The largest configuration document read (the whole table is a few kilobytes).
+inline constexpr std::uint64_t kRemoteConfigMaxBytes = 1'000'000;
 
 /// Applies a fetched configuration document to the tunables. Only a 200 response whose body is a
 /// JSON object is used; each tunable it names with a value of the right type is set (numbers

@@ -57,6 +57,8 @@ bool isArchive(const std::string& path) {
 }
 
 constexpr const char* kNotInstalled = "The update was not installed";
+/// A detached Ed25519 signature is 64 bytes (its text forms a little more); anything much larger is not one.
+constexpr std::uint64_t kSignatureMaxBytes = 64 * 1024;
 
 }  // namespace
 
@@ -277,6 +279,7 @@ void Installer::checkSignature(const std::shared_ptr<Attempt>& attempt) {
   request.url = attempt->release.url + ".sig";
   request.cachePolicy = platform::CachePolicy::ignoreLocalCache;
   request.timeoutSec = deps_.tunables.real(settings::T::networkTimeoutSec);
+  request.maxBytes = kSignatureMaxBytes;
   std::weak_ptr<Installer*> weak = self_;
   platform::MainLoop& loop = deps_.loop;
   deps_.http.get(request, [weak, attempt, &loop](const platform::HttpResponse& response) {

@@ -2,12 +2,18 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <utility>
 
 namespace tarry::update {
 
 using settings::T;
+
+namespace {
+/// The largest release feed read: four fields and release notes.
+constexpr std::uint64_t kFeedMaxBytes = 1'000'000;
+}  // namespace
 
 void UpdateChecker::fetch(FetchDone done) {
   if (deps_.serverURL.empty()) {
@@ -19,6 +25,7 @@ void UpdateChecker::fetch(FetchDone done) {
   request.headers = {{"User-Agent", "Tarry/" + deps_.runningVersion}};
   request.cachePolicy = platform::CachePolicy::ignoreLocalCache;
   request.timeoutSec = deps_.tunables.real(T::networkTimeoutSec);
+  request.maxBytes = kFeedMaxBytes;
   deps_.http.get(request, [done = std::move(done)](const platform::HttpResponse& response) {
     if (!response.received) {
       done(std::nullopt, response.error.empty() ? std::string("no response") : response.error);

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -225,6 +226,47 @@ TEST_F(AppDelegateTest, OneAutomaticUpdateCheckAndAPingTimerThatFollowsTheFetche
   EXPECT_EQ(posted(), (std::vector<std::string>{"launch", "ping", "ping"}));
   EXPECT_EQ(count("updateCheck"), 1) << "at most one automatic check per process";
   EXPECT_EQ(counters.allTime("update.auto"), 1);
+}
+
+TEST_F(AppDelegateTest, RamSaverTimerIsRebuiltOnTheMainThreadAfterEachAppliedDocumentOnly) {
+  // Each configuration fetch is answered in turn by the next of these; events are accepted.
+  std::vector<platform::HttpResponse> answers{{true, 200, R"({"ramSaverCheckMin": 7})", ""},
+                                              {true, 404, "", ""},
+                                              {false, 0, "", "timed out"},
+                                              {true, 200, R"({"ramSaverCheckMin": 12})", ""}};
+  std::size_t next = 0;
+  p.http.responder = [&](const platform::HttpRequest& r) {
+    if (r.url.ends_with("/api/t")) return platform::HttpResponse{true, 200, "", ""};
+    return answers.at(next++);
+  };
+  std::vector<double> rebuiltWith;
+  make("https://tarry.test");
+  delegate->hooks().rescheduleRamSaver = [&] { rebuiltWith.push_back(tunables.real(T::ramSaverCheckMin)); };
+  delegate->applicationDidFinishLaunching(true);
+  EXPECT_TRUE(rebuiltWith.empty()) << "the rebuild waits for the main loop";
+  p.loop.runDue();
+  EXPECT_EQ(rebuiltWith, std::vector<double>{7});
+  const double ping = tunables.real(T::pingMinutes) * 60;
+  for (int i = 0; i < 3; ++i) {
+    p.loop.advance(ping);
+    p.loop.runDue();
+  }
+  EXPECT_EQ(next, 4U);
+  EXPECT_EQ(rebuiltWith, (std::vector<double>{7, 12})) << "a failed fetch rebuilds nothing";
+}
+
+TEST_F(AppDelegateTest, PingsGoOnWhileAConfigurationFetchNeverAnswers) {
+  // No responder: the configuration requests wait for ever (the telemetry posts too).
+  make("https://tarry.test");
+  delegate->applicationDidFinishLaunching(true);
+  p.loop.runDue();
+  p.loop.advance(tunables.real(T::pingMinutes) * 60 * 2);
+  p.loop.runDue();
+  EXPECT_EQ(posted(), (std::vector<std::string>{"launch", "ping", "ping"}));
+  const auto fetches = std::count_if(p.http.requests.begin(), p.http.requests.end(), [](const auto& r) {
+    return r.url.ends_with(settings::kRemoteConfigPath);
+  });
+  EXPECT_EQ(fetches, 3) << "the launch fetch and one per ping";
 }
 
 TEST_F(AppDelegateTest, PollIntervalsTrustChangesAndRunTime) {

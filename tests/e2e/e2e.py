@@ -355,6 +355,37 @@ def events_log_names_apps_and_the_damaged_database(h):
     check(client.alive(), "the client ended")
 
 
+@case
+def damaged_database_met_by_a_command_is_in_the_event_log(h):
+    database = os.path.join(h.tmp, "config", "tarry", "defaults.sqlite3")
+    with open(database, "wb") as f:
+        f.write(b"this is not a database" * 200)
+    h.env["XDG_STATE_HOME"] = os.path.join(h.tmp, "state")
+    # A user looking for the log is the first to open the damaged file.
+    found = subprocess.run([h.tarry, "defaults", "read", "logDir"], env=h.env, capture_output=True, text=True,
+                           timeout=20)
+    check(found.returncode == 0 and "moved it to" in found.stderr, "no word on stderr: %r" % (found,))
+    folder = json.loads(found.stdout)
+    check(folder.startswith(h.env["XDG_STATE_HOME"]), "the log folder is not a new one: " + folder)
+
+    def logged():
+        try:
+            with open(os.path.join(folder, "events.log"), encoding="utf-8") as f:
+                return f.read()
+        except OSError:
+            return ""
+    check("moved it to " + database + ".corrupt-" in logged(), "the event log lacks the line:\n" + logged())
+    # The program, started next, logs into that same folder (after asking for consent again).
+    h.tarry_proc = h.spawn([h.tarry, "--autostart"], "tarry")
+
+    def consent_window():
+        found = h.search("--onlyvisible", "--name", "^Welcome to Tarry$")
+        return found[0] if found else None
+    h.activate(wait_for("the consent window", consent_window, timeout=10))
+    h.key("Return")
+    wait_for("tarry to log into the folder the command made", lambda: "keyboard guard on" in logged())
+
+
 TK_APP = """
 import tkinter
 root = tkinter.Tk()
@@ -519,6 +550,67 @@ def quit_others_and_undo(h):
     for wm_class, log in logs.items():
         wait_for(wm_class + " to come back", lambda log=log: ready_windows(log), timeout=12)
     wait_for("two reopened apps to be counted", lambda: h.counter("reopened") == 2, timeout=12)
+
+
+TK_TWO_WINDOWS = """
+import sys
+import tkinter
+root = tkinter.Tk(className="tkclient")
+root.title("Tk Notes")
+root.geometry("320x200+80+80")
+tools = tkinter.Toplevel(root)  # Tk names it "!toplevel", class "Toplevel"
+tools.title("Tk Notes tools")
+tools.geometry("200x120+700+80")
+with open(sys.argv[1], "a") as log:
+    log.write("started\\n")
+root.mainloop()
+"""
+
+
+@case
+def tk_app_with_two_windows_is_one_app_and_comes_back(h):
+    script = os.path.join(h.tmp, "tk_notes.py")
+    with open(script, "w", encoding="utf-8") as f:
+        f.write(TK_TWO_WINDOWS)
+    starts = os.path.join(h.tmp, "tk_notes.log")
+    with open(os.path.join(h.tmp, "data", "applications", "org.tarry.TkNotes.desktop"), "w",
+              encoding="utf-8") as f:
+        f.write("[Desktop Entry]\nType=Application\nName=Tk Notes\nExec=%s %s %s\nStartupWMClass=tkclient\n"
+                % (sys.executable, script, starts))
+    h.spawn([sys.executable, script, starts], "tk_notes")
+
+    def windows():
+        main = h.search("--onlyvisible", "--name", "^Tk Notes$")
+        tools = h.search("--onlyvisible", "--name", "^Tk Notes tools$")
+        return (main[0], tools[0]) if main and tools else None
+    main, tools = wait_for("both Tk windows", windows, timeout=15)
+
+    listing = subprocess.run([h.tarry, "apps"], env=h.env, capture_output=True, text=True, timeout=20)
+    rows = [line for line in listing.stdout.splitlines() if "Tk Notes" in line or "toplevel" in line]
+    check(len(rows) == 1 and rows[0].split()[0] == "org.tarry.TkNotes",
+          "the Tk app is not one app named by its desktop entry:\n" + listing.stdout)
+
+    # The user moves the main window; then quits the app from its secondary window.
+    h.x("xdotool", "windowmove", "--sync", str(main), "500", "420")
+    settle()
+    before = frame_of(h, main)
+    h.start_guard()
+    h.activate(tools)
+    h.key("ctrl+q")
+    wait_for("the blocked quit to name the app",
+             lambda: "accidental quit blocked total=1: Tk Notes (org.tarry.TkNotes)" in h.events_log())
+    h.activate(tools)
+    h.keydown("ctrl+q")
+    wait_for("the Tk app to end", lambda: not windows(), timeout=8)
+    h.keyup("ctrl+q")
+    wait_for("the undo record", lambda: "undo: Tk Notes quit" in h.events_log(), timeout=10)
+    settle(0.6)
+    h.key("ctrl+alt+z")
+    again = wait_for("the Tk app to come back", windows, timeout=15)
+    wait_for("the main window back where the user had put it (was %s)" % (before,),
+             lambda: close_enough(frame_of(h, again[0]), before), timeout=12)
+    wait_for("the undo to count it back", lambda: "undo: brought back 1 of 1" in h.events_log(), timeout=12)
+    check("did not come back in time" not in h.events_log(), "undo missed the relaunched app:\n" + h.events_log())
 
 
 def main():

@@ -7,6 +7,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QThread>
+#include <QTimer>
 
 #include <gtest/gtest.h>
 
@@ -42,6 +43,10 @@ class TinyServer final {
   int status = 200;
   std::string body;
   bool hang = false;
+  /// Announces a 100 kB body and sends one byte of it every 50 ms.
+  bool drip = false;
+  /// Sends the body without a Content-Length (it ends when the connection closes).
+  bool unannounced = false;
   std::vector<std::string> heads;
 
  private:
@@ -53,6 +58,20 @@ class TinyServer final {
     heads.push_back(pending.left(end).toStdString());
     pending.clear();
     if (hang) return;
+    if (drip) {
+      const std::string head = "HTTP/1.1 200 X\r\nContent-Length: 100000\r\n\r\n";
+      socket->write(head.data(), static_cast<qint64>(head.size()));
+      auto* timer = new QTimer(socket);
+      QObject::connect(timer, &QTimer::timeout, socket, [socket] { socket->write("x", 1); });
+      timer->start(50);
+      return;
+    }
+    if (unannounced) {
+      const std::string reply = "HTTP/1.1 200 X\r\nConnection: close\r\n\r\n" + body;
+      socket->write(reply.data(), static_cast<qint64>(reply.size()));
+      socket->disconnectFromHost();
+      return;
+    }
     const std::string reply =
         "HTTP/1.1 " + std::to_string(status) + " X\r\nContent-Type: application/json\r\n" +
         "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
@@ -171,6 +190,59 @@ TEST(QtHttpTest, RefusedAndSilentServersEndInAnError) {
   EXPECT_FALSE(timedOut.response->received);
   EXPECT_FALSE(timedOut.response->error.empty());
   EXPECT_EQ(timedOut.calls.load(), 1);
+}
+
+TEST(QtHttpTest, ADripFedAnswerEndsAtTheDeadlineOfTheWholeRequestAndIsNotedOnce) {
+  TinyServer server;
+  server.drip = true;
+  std::vector<std::string> notes;
+  std::mutex notesMutex;
+  QtHttp http([&](const std::string& line) {
+    const std::lock_guard lock(notesMutex);
+    notes.push_back(line);
+  });
+  Outcome outcome;
+  HttpRequest r = requestTo(server.base() + "/api/tarry-config");
+  r.timeoutSec = 1;
+  QElapsedTimer timer;
+  timer.start();
+  http.get(r, outcome.completion());
+  ASSERT_TRUE(outcome.wait(8)) << "still waiting, though bytes kept coming";
+  EXPECT_GE(timer.elapsed(), 900);
+  EXPECT_LT(timer.elapsed(), 4000);
+  EXPECT_FALSE(outcome.response->received);
+  EXPECT_NE(outcome.response->error.find("within 1 s"), std::string::npos) << outcome.response->error;
+  const std::lock_guard lock(notesMutex);
+  ASSERT_EQ(notes.size(), 1u);
+  EXPECT_EQ(notes[0], "GET " + server.base() + "/api/tarry-config: no complete answer within 1 s");
+}
+
+TEST(QtHttpTest, AnswersOverTheSizeLimitFailWhetherAnnouncedOrNot) {
+  TinyServer server;
+  server.body = std::string(3'000'000, '7');
+  QtHttp http;
+  for (const bool announced : {true, false}) {
+    server.unannounced = !announced;
+    Outcome outcome;
+    HttpRequest r = requestTo(server.base() + "/dl/tarry/latest.json");
+    r.maxBytes = 1'000'000;
+    http.get(r, outcome.completion());
+    ASSERT_TRUE(outcome.wait()) << announced;
+    EXPECT_FALSE(outcome.response->received) << announced;
+    EXPECT_TRUE(outcome.response->body.empty()) << announced;
+    EXPECT_NE(outcome.response->error.find("larger than the 1000000 bytes allowed"), std::string::npos)
+        << outcome.response->error;
+  }
+  // At the limit is fine.
+  server.unannounced = false;
+  server.body = std::string(1'000'000, '7');
+  Outcome fits;
+  HttpRequest r = requestTo(server.base() + "/dl/tarry/latest.json");
+  r.maxBytes = 1'000'000;
+  http.get(r, fits.completion());
+  ASSERT_TRUE(fits.wait());
+  EXPECT_TRUE(fits.response->received);
+  EXPECT_EQ(fits.response->body.size(), 1'000'000u);
 }
 
 TEST(QtHttpTest, RequestsInFlightAtDestructionNeverComplete) {

@@ -22,7 +22,7 @@ import time
 PROBE, SIGN = sys.argv[1], sys.argv[2]
 WORK = tempfile.mkdtemp(prefix="tarry-update-test-")
 FILES = {}          # path -> bytes served
-SLOW = {"delay": 0.0}
+SLOW = {"delay": 0.0, "drip": False}
 
 
 def run(*cmd, **kw):
@@ -52,14 +52,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.send_response(200)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
-        step = 64 * 1024
+        # A dripping server sends the archive a byte at a time, every 0.2 s.
+        step = 1 if SLOW["drip"] and self.path.endswith(".tar.gz") else 64 * 1024
         for i in range(0, len(body), step):
             try:
                 self.wfile.write(body[i:i + step])
             except (BrokenPipeError, ConnectionResetError, ssl.SSLError):
                 return
-            if SLOW["delay"]:
-                time.sleep(SLOW["delay"])
+            if SLOW["delay"] or step == 1:
+                time.sleep(SLOW["delay"] or 0.2)
 
     def log_message(self, *args):
         pass
@@ -213,6 +214,19 @@ def main():
         expect(unchanged(root), name + ": the installed copy is unchanged", done)
         if name != "a new copy that does not start":
             expect(not downloads, name + ": no downloaded file is left", done)
+
+    # A download that hardly moves is given up once a networkTimeoutSec (here 2 s) brings less than
+    # a few kilobytes, however long each byte keeps the connection alive.
+    root = fresh_install()
+    publish(good, sign(good, secret), port)
+    SLOW["drip"] = True
+    started = time.monotonic()
+    done, downloads = probe(root, port, pk, ca, "--timeout-sec", "2")
+    took = time.monotonic() - started
+    SLOW["drip"] = False
+    expect(refused + "The download failed: the download stalled" in done.stdout and took < 30,
+           "a stalled download: refused as stalled (after %.0f s)" % took, done)
+    expect(unchanged(root) and not downloads, "a stalled download: nothing installed, no partial file left", done)
 
     # Cancel in the progress window stops the download quietly and keeps nothing.
     root = fresh_install()

@@ -1,6 +1,6 @@
 // The desktop update path against a real server, for the tests and screenshots:
 //   tarry-update-probe --server URL --version V --key HEX --exe PATH [--manual] [--answer N]
-//                      [--qt-alerts] [--max-mb N] [--start-timeout S]
+//                      [--qt-alerts] [--max-mb N] [--timeout-sec S] [--start-timeout S]
 // Runs one check; prints every alert as "ALERT <message> | <informative>" and "QUIT" when an
 // installed update runs, then exits (0 after QUIT, 1 otherwise).
 #include "desktop/update_wiring.h"
@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
   std::string server, version = "1.0", key, exe;
   bool manual = false, qtAlerts = false;
   int answer = 0;
-  double maxMB = 0, startTimeout = 10, cancelAfter = 0;
+  double maxMB = 0, timeoutSec = 0, startTimeout = 10, cancelAfter = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     const auto next = [&] { return i + 1 < argc ? std::string(argv[++i]) : std::string(); };
@@ -76,6 +76,8 @@ int main(int argc, char** argv) {
       answer = std::stoi(next());
     else if (a == "--max-mb")
       maxMB = std::stod(next());
+    else if (a == "--timeout-sec")
+      timeoutSec = std::stod(next());
     else if (a == "--start-timeout")
       startTimeout = std::stod(next());
     else if (a == "--cancel-after")
@@ -88,6 +90,7 @@ int main(int argc, char** argv) {
   platform::qt::QtHttp http;
   settings::Tunables tunables;
   if (maxMB > 0) tunables.setNumber(settings::T::updateMaxDownloadMB, maxMB);
+  if (timeoutSec > 0) tunables.setNumber(settings::T::networkTimeoutSec, timeoutSec);
   tunables.setNumber(settings::T::updatePrefetch, 0);
   NoHud hud;
   platform::qt::QtAlerts realAlerts;

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -249,6 +250,39 @@ TEST(PickWindowIcon, TakesTheLargestThatFitsElseTheSmallestAndSurvivesBadData) {
   EXPECT_EQ(pickWindowIcon(truncated).width, 16);
   EXPECT_TRUE(pickWindowIcon({}).empty());
   EXPECT_TRUE(pickWindowIcon({0, 0}).empty());
+}
+
+TEST(X11WorkspaceProblemTest, TheWindowManagerIsFollowedFromMemoryAndItsEndIsNoticed) {
+  // A desktop of its own: the window manager goes away here.
+  test::XServer server(true);
+  ASSERT_TRUE(server.ok());
+  std::string error;
+  const auto display = X11Display::open(server.display(), error);
+  ASSERT_NE(display, nullptr) << error;
+  os::DesktopEntryReader entries(std::vector<std::string>{});
+  X11Workspace workspace(*display, entries);
+  ASSERT_TRUE(eventually([&] { return workspace.problem().empty(); }));
+
+  // Asked on every poll, so it must not cost requests to the server once the watcher has read
+  // it: the sequence numbers of two requests around many questions are one apart.
+  xcb_connection_t* c = display->connection();
+  const auto request = [c] {
+    const xcb_get_input_focus_cookie_t cookie = xcb_get_input_focus(c);
+    std::free(xcb_get_input_focus_reply(c, cookie, nullptr));
+    return cookie.sequence;
+  };
+  EXPECT_TRUE(eventually([&] {
+    const unsigned before = request();
+    for (int i = 0; i < 20; ++i) (void)workspace.problem();
+    return request() - before == 1;
+  }));
+  EXPECT_EQ(workspace.problem(), "");
+
+  // Its root properties stay behind; the end of its check window tells.
+  server.stopWindowManager();
+  EXPECT_TRUE(eventually([&] {
+    return workspace.problem().starts_with("no EWMH window manager is running");
+  })) << workspace.problem();
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 #include <xcb/xcb.h>
 
 #include <chrono>
-#include <random>
 #include <cstdlib>
+#include <random>
 #include <thread>
 
 namespace tarry::test {
@@ -85,8 +85,9 @@ XServer::XServer(bool windowManager) {
     }
     int fds[2];
     if (pipe(fds) != 0) return;
-    const pid_t server = spawn({}, {"Xvfb", ":" + name, "-displayfd", std::to_string(fds[1]), "-screen", "0",
-                                    "1280x800x24", "-nolisten", "tcp", "-noreset"},
+    const pid_t server = spawn({},
+                               {"Xvfb", ":" + name, "-displayfd", std::to_string(fds[1]), "-screen", "0",
+                                "1280x800x24", "-nolisten", "tcp", "-noreset"},
                                fds[1]);
     close(fds[1]);
     std::string written;
@@ -118,8 +119,8 @@ XServer::XServer(bool windowManager) {
     for (int attempt = 0; attempt < 100; ++attempt) {
       const xcb_window_t w = xcb_generate_id(c);
       const std::uint32_t mask = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
-      xcb_create_window(c, XCB_COPY_FROM_PARENT, w, screen->root, 0, 0, 10, 10, 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
-                        screen->root_visual, XCB_CW_EVENT_MASK, &mask);
+      xcb_create_window(c, XCB_COPY_FROM_PARENT, w, screen->root, 0, 0, 10, 10, 0,
+                        XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual, XCB_CW_EVENT_MASK, &mask);
       xcb_map_window(c, w);
       xcb_flush(c);
       bool reparented = false;
@@ -144,6 +145,11 @@ XServer::~XServer() {
   if (probe_) xcb_disconnect(probe_);
   stop(windowManager_);
   stop(server_);
+}
+
+void XServer::stopWindowManager() {
+  stop(windowManager_);
+  windowManager_ = -1;
 }
 
 int XServer::run(const std::vector<std::string>& argv) const {

@@ -39,6 +39,8 @@ class XServer final {
   [[nodiscard]] const std::string& display() const { return display_; }
   /// Runs a program against this display and waits for it; its exit status.
   int run(const std::vector<std::string>& argv) const;
+  /// Ends the window manager (as a crash or a switch to another one would).
+  void stopWindowManager();
 
  private:
   pid_t start(const std::vector<std::string>& argv, int keepFd = -1) const;

@@ -9,6 +9,7 @@
 #include <pulse/thread-mainloop.h>
 #include <pulse/timeval.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <condition_variable>
@@ -90,6 +91,7 @@ struct PulseAudio::Impl {
   // The fields below change only on the loop thread or under the loop's lock.
   pa_context* context = nullptr;
   pa_time_event* retry = nullptr;
+  std::chrono::seconds retryDelay = kReconnect;
   bool stopping = false;
   std::atomic<bool> ready{false};
   std::atomic<bool> microphone{false};
@@ -140,7 +142,8 @@ struct PulseAudio::Impl {
     if (stopping || retry != nullptr) return;
     timeval when{};
     pa_gettimeofday(&when);
-    pa_timeval_add(&when, static_cast<pa_usec_t>(std::chrono::microseconds(kReconnect).count()));
+    pa_timeval_add(&when, static_cast<pa_usec_t>(std::chrono::microseconds(retryDelay).count()));
+    retryDelay = std::min<std::chrono::seconds>(retryDelay * 2, kReconnectMax);
     retry = api->time_new(api, &when, &Impl::onRetry, this);
   }
 
@@ -158,6 +161,7 @@ struct PulseAudio::Impl {
     switch (pa_context_get_state(c)) {
       case PA_CONTEXT_READY: {
         self->ready = true;
+        self->retryDelay = kReconnect;
         pa_context_set_subscribe_callback(c, &Impl::onEvent, self);
         const auto mask =
             static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SOURCE);

@@ -18,10 +18,14 @@ namespace tarry::platform::os {
 /// (non-monitor) source record; each stream names its owner by its `application.process.id`
 /// property.
 /// NOTE: with no server (or when it goes away) every answer is "not in use"; the connection is
-/// retried every `kReconnect` and nothing ever blocks for longer than the query timeout.
+/// retried after `kReconnect`, then less and less often and nothing ever blocks for longer than the query
+/// timeout.
 class PulseAudio final : public Audio {
  public:
   static constexpr std::chrono::seconds kReconnect{5};
+  /// Each failed attempt doubles the wait before the next, up to this: a desktop without a sound
+  /// server should not wake the program every few seconds all day.
+  static constexpr std::chrono::seconds kReconnectMax{120};
 
   /// `server` as libpulse spells it ("unix:/run/user/1000/pulse/native"); empty = the user's
   /// default (PULSE_SERVER, the client configuration, the runtime directory). Never spawns a

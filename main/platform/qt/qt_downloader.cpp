@@ -9,16 +9,21 @@
 #include <QPointer>
 #include <QSslCertificate>
 #include <QSslConfiguration>
+#include <QTimer>
 #include <QUrl>
 
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 
 namespace tarry::platform::qt {
 namespace {
+
+/// Less than this much received in one stall interval ends a download.
+constexpr std::uint64_t kStallBytes = 4096;
 
 /// One transfer, living on the networking thread.
 class Transfer final : public Download, public std::enable_shared_from_this<Transfer> {
@@ -94,8 +99,6 @@ std::shared_ptr<Download> QtDownloader::download(const std::string& url, const s
     QNetworkRequest request(qurl);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
-    const double ms = std::isfinite(timeoutSec) ? std::max(1.0, timeoutSec * 1000) : 1.0;
-    request.setTransferTimeout(static_cast<int>(std::min(ms, 2'000'000'000.0)));
     QNetworkReply* reply = manager->get(request);
     reply->setParent(context);
     transfer->reply = reply;
@@ -103,11 +106,27 @@ std::shared_ptr<Download> QtDownloader::download(const std::string& url, const s
 
     struct State {
       std::uint64_t received = 0;
+      std::uint64_t receivedAtLastCheck = 0;
       bool tooLarge = false;
+      bool stalled = false;
       std::string writeError;
     };
     auto state = std::make_shared<State>();
     const auto stopWith = [reply](const std::shared_ptr<State>&) { reply->abort(); };
+    // The stall deadline: every `timeoutSec` the download must have moved on by a few kilobytes.
+    // NOTE: Qt's transfer timeout restarts with every byte, so a server that sends one now and
+    // then would keep the download (and the update) waiting for ever.
+    const double checkMs = std::isfinite(timeoutSec) ? std::max(1.0, timeoutSec * 1000) : 1.0;
+    auto* stallCheck = new QTimer(reply);
+    stallCheck->setInterval(static_cast<int>(std::min(checkMs, 2'000'000'000.0)));
+    QObject::connect(stallCheck, &QTimer::timeout, reply, [state, stopWith] {
+      if (state->received - state->receivedAtLastCheck < kStallBytes) {
+        state->stalled = true;
+        return stopWith(state);
+      }
+      state->receivedAtLastCheck = state->received;
+    });
+    stallCheck->start();
     QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, state, maxBytes, stopWith] {
       const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
       if (length.isValid() && length.toULongLong() > maxBytes) {
@@ -133,7 +152,8 @@ std::shared_ptr<Download> QtDownloader::download(const std::string& url, const s
                        if (progress) progress(state->received, total);
                      });
     QObject::connect(
-        reply, &QNetworkReply::finished, reply, [reply, file, state, transfer, done, path = toQString(path)] {
+        reply, &QNetworkReply::finished, reply,
+        [reply, file, state, transfer, done, timeoutSec, path = toQString(path)] {
           reply->deleteLater();
           DownloadResult result;
           result.bytes = state->received;
@@ -151,6 +171,11 @@ std::shared_ptr<Download> QtDownloader::download(const std::string& url, const s
             result.tooLarge = state->tooLarge;
             if (!state->writeError.empty()) {
               result.error = "cannot write the file: " + state->writeError;
+            } else if (state->stalled) {
+              char text[96];
+              std::snprintf(text, sizeof text, "the download stalled (less than %llu bytes in %g s)",
+                            static_cast<unsigned long long>(kStallBytes), timeoutSec);
+              result.error = text;
             } else if (!secure) {
               result.error = "the download was redirected away from https";
             } else {

@@ -7,12 +7,16 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QTimer>
 #include <QUrl>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <string>
 #include <utility>
 
 namespace tarry::platform::qt {
@@ -23,6 +27,7 @@ struct QtHttp::Worker {
   QNetworkAccessManager* manager = nullptr;
   /// Set when the client is being destroyed: finished replies no longer report.
   std::atomic<bool> stopping{false};
+  std::function<void(const std::string&)> note;
 };
 
 namespace {
@@ -35,15 +40,28 @@ QNetworkRequest toQRequest(const HttpRequest& request) {
   q.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
                  request.cachePolicy == CachePolicy::ignoreLocalCache ? QNetworkRequest::AlwaysNetwork
                                                                       : QNetworkRequest::PreferNetwork);
-  // Like the timeout of most HTTP stacks, Qt's transfer timeout counts the time without progress;
-  // 0 would mean no timeout at all.
-  const double ms = std::isfinite(request.timeoutSec) ? std::max(1.0, request.timeoutSec * 1000) : 1.0;
-  q.setTransferTimeout(static_cast<int>(std::min(ms, 2'000'000'000.0)));
+  // NOTE: Qt's own transfer timeout restarts with every byte, so a server that sends one now and
+  // then would hold the request for ever; the deadline is a timer of the whole exchange (send).
   return q;
 }
 
-HttpResponse toResponse(QNetworkReply& reply) {
+/// Milliseconds of a deadline in seconds, at least 1 (Qt reads 0 as "no timeout").
+int deadlineMs(double seconds) {
+  const double ms = std::isfinite(seconds) ? std::max(1.0, seconds * 1000) : 1.0;
+  return static_cast<int>(std::min(ms, 2'000'000'000.0));
+}
+
+/// Why a request was cut off by this client; empty while it was not.
+struct Cutoff {
+  std::string why;
+};
+
+HttpResponse toResponse(QNetworkReply& reply, const Cutoff& cutoff) {
   HttpResponse response;
+  if (!cutoff.why.empty()) {
+    response.error = cutoff.why;
+    return response;
+  }
   const QVariant status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute);
   if (status.isValid()) {
     // Any status, 404 included, is an answer of the server, not a transport error.
@@ -60,7 +78,8 @@ HttpResponse toResponse(QNetworkReply& reply) {
 
 }  // namespace
 
-QtHttp::QtHttp() : worker_(std::make_shared<Worker>()) {
+QtHttp::QtHttp(std::function<void(const std::string&)> note) : worker_(std::make_shared<Worker>()) {
+  worker_->note = std::move(note);
   thread_.setObjectName(QStringLiteral("tarry-network"));
   context_ = new QObject;
   context_->moveToThread(&thread_);
@@ -102,11 +121,39 @@ void QtHttp::send(const HttpRequest& request, bool isPost, Completion done) {
         QNetworkReply* reply =
             isPost ? worker->manager->post(toQRequest(request), QByteArray::fromStdString(request.body))
                    : worker->manager->get(toQRequest(request));
-        QObject::connect(reply, &QNetworkReply::finished, reply, [worker, reply, done = std::move(done)] {
-          reply->deleteLater();
-          if (worker->stopping.load()) return;
-          if (done) done(toResponse(*reply));
+        auto cutoff = std::make_shared<Cutoff>();
+        const std::uint64_t maxBytes = request.maxBytes;
+        const double timeoutSec = request.timeoutSec;
+        const auto cut = [reply, cutoff](std::string why) {
+          if (!cutoff->why.empty()) return;
+          cutoff->why = std::move(why);
+          reply->abort();
+        };
+        QTimer::singleShot(deadlineMs(timeoutSec), reply, [cut, timeoutSec] {
+          char text[64];
+          std::snprintf(text, sizeof text, "no complete answer within %g s", timeoutSec);
+          cut(text);
         });
+        const auto tooLarge = [cut, maxBytes] {
+          cut("the answer is larger than the " + std::to_string(maxBytes) + " bytes allowed");
+        };
+        QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, maxBytes, tooLarge] {
+          const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+          if (length.isValid() && length.toULongLong() > maxBytes) tooLarge();
+        });
+        // The body is buffered by the reply until it has finished; what is there is checked as it
+        // comes, so a server that announces nothing cannot fill the memory either.
+        QObject::connect(reply, &QNetworkReply::readyRead, reply, [reply, maxBytes, tooLarge] {
+          if (static_cast<std::uint64_t>(reply->bytesAvailable()) > maxBytes) tooLarge();
+        });
+        QObject::connect(reply, &QNetworkReply::finished, reply,
+                         [worker, reply, cutoff, url = request.url, isPost, done = std::move(done)] {
+                           reply->deleteLater();
+                           if (worker->stopping.load()) return;
+                           if (!cutoff->why.empty() && worker->note)
+                             worker->note(std::string(isPost ? "POST " : "GET ") + url + ": " + cutoff->why);
+                           if (done) done(toResponse(*reply, *cutoff));
+                         });
       },
       Qt::QueuedConnection);
 }

@@ -4,7 +4,9 @@
 
 #include <QThread>
 
+#include <functional>
 #include <memory>
+#include <string>
 
 class QObject;
 
@@ -16,7 +18,9 @@ namespace tarry::platform::qt {
 /// destroyed are aborted and their completions never run.
 class QtHttp final : public Http {
  public:
-  QtHttp();
+  /// `note` hears one line for each request cut off by its deadline or size limit (on the
+  /// networking thread); other failures are the callers' to report.
+  explicit QtHttp(std::function<void(const std::string&)> note = {});
   ~QtHttp() override;
 
   void get(const HttpRequest& request, Completion done) override;

@@ -62,6 +62,7 @@ std::unique_ptr<X11Display> X11Display::open(const std::string& display, std::st
       {&a.wmDeleteWindow, "WM_DELETE_WINDOW"},
       {&a.wmChangeState, "WM_CHANGE_STATE"},
       {&a.wmState, "WM_STATE"},
+      {&a.wmClientLeader, "WM_CLIENT_LEADER"},
   };
   std::vector<xcb_intern_atom_cookie_t> cookies;
   for (const auto& [slot, name] : names) {

@@ -42,6 +42,7 @@ struct Atoms {
   xcb_atom_t wmDeleteWindow = 0;
   xcb_atom_t wmChangeState = 0;
   xcb_atom_t wmState = 0;
+  xcb_atom_t wmClientLeader = 0;
 };
 
 /// One connection to the X display shared by the workspace and the window list, with the atoms

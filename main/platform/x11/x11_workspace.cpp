@@ -45,11 +45,19 @@ std::vector<std::string> commandLineOf(std::int32_t pid) {
   return args;
 }
 
+/// A widget path that Tk (and Tk-based toolkits) gives a secondary top-level window as its
+/// WM_CLASS instance ("!toplevel", ".dialog"): it names a window, not the program.
+bool isWidgetPath(const std::string& name) { return !name.empty() && (name[0] == '!' || name[0] == '.'); }
+
 /// A window class that a toolkit gives every program built with it, so it names none of them.
 bool isGenericClass(const std::string& name) {
   const std::string l = lower(name);
-  return l.empty() || l == "tk" || l == "toplevel" || l == "wish";
+  return l.empty() || l == "tk" || l == "toplevel" || l == "wish" || isWidgetPath(name);
 }
+
+// ICCCM WM_HINTS: the flag word comes first, the window group ninth.
+constexpr std::uint32_t kWindowGroupHint = 1U << 6;
+constexpr std::size_t kWmHintsGroupIndex = 8;
 
 }  // namespace
 
@@ -156,6 +164,8 @@ X11Workspace::Resolved X11Workspace::resolve(xcb_window_t window) const {
     }
     if (entry) app.bundleID = entry->id;
   }
+  out.fromEntry = entry.has_value();
+  out.named = !app.bundleID.empty() || !isGenericClass(wmClass) || !isGenericClass(instance);
   const std::string exe = executableOf(app.pid);
   if (app.bundleID.empty()) {
     // No desktop entry: the window class the program gave itself names it better than the
@@ -192,10 +202,89 @@ X11Workspace::Resolved X11Workspace::resolve(xcb_window_t window) const {
     const auto shells = os::linuxIdentifierEquivalents(IdentifierSet::dock);
     if (std::find(shells.begin(), shells.end(), app.bundleID) == shells.end()) app.bundleID = kDesktopShellId;
   }
+  out.shell = shell;
   out.regular = !shell && display_.hasType(window, atoms.netWmWindowTypeNormal) &&
                 !display_.hasState(window, atoms.netWmStateSkipTaskbar);
   app.regular = out.regular;
+
+  const auto transientFor = display_.cardinals(window, XCB_ATOM_WM_TRANSIENT_FOR, 1);
+  out.secondary =
+      (transientFor && !transientFor->empty() && (*transientFor)[0] != 0) || isWidgetPath(instance);
+  if (const auto leader = display_.cardinals(window, atoms.wmClientLeader, 1); leader && !leader->empty()) {
+    out.leader = (*leader)[0];
+  } else if (const auto hints = display_.cardinals(window, XCB_ATOM_WM_HINTS, kWmHintsGroupIndex + 1);
+             hints && hints->size() > kWmHintsGroupIndex && ((*hints)[0] & kWindowGroupHint) != 0) {
+    out.leader = (*hints)[kWmHintsGroupIndex];
+  }
+  if (out.leader == window) out.leader = 0;
   return out;
+}
+
+X11Workspace::Resolved X11Workspace::appOf(xcb_window_t window, const std::vector<xcb_window_t>& clients) {
+  const Resolved own = cached(window);
+  // A desktop or panel window stands for the desktop shell even when its process also shows
+  // ordinary windows (file managers draw the desktop); a window without a known process stands alone.
+  if (own.shell || own.app.pid <= 0) return own;
+  std::vector<Resolved> mine;
+  for (const xcb_window_t w : clients) {
+    Resolved r = w == window ? own : cached(w);
+    if (r.app.pid == own.app.pid && !r.shell) mine.push_back(std::move(r));
+  }
+  if (mine.empty()) mine.push_back(own);
+
+  // NOTE: one process is one app, whichever of its windows is asked about. Its id comes from the
+  // window whose hints lead to a desktop entry, else from its client or group leader, else from
+  // its first plain top-level window; never from a transient window or a widget path.
+  std::optional<Resolved> chosen;
+  for (const Resolved& r : mine) {
+    if (r.fromEntry) {
+      chosen = r;
+      break;
+    }
+  }
+  if (!chosen) {
+    for (const Resolved& r : mine) {
+      if (r.leader == 0) continue;
+      Resolved leader = cached(r.leader);
+      if ((leader.app.pid == own.app.pid || leader.app.pid <= 0) && leader.named && !leader.secondary) {
+        leader.app.pid = own.app.pid;
+        chosen = std::move(leader);
+      }
+      break;
+    }
+  }
+  if (!chosen) {
+    for (const Resolved& r : mine) {
+      if (!r.secondary && r.regular) {
+        chosen = r;
+        break;
+      }
+    }
+  }
+  if (!chosen) {
+    const auto plain = std::find_if(mine.begin(), mine.end(), [](const Resolved& r) { return !r.secondary; });
+    chosen = plain != mine.end() ? *plain : mine.front();
+  }
+  Resolved out = std::move(*chosen);
+  out.regular = std::any_of(mine.begin(), mine.end(), [](const Resolved& r) { return r.regular; });
+  out.app.regular = out.regular;
+  if (out.app.icon.empty()) {
+    for (const Resolved& r : mine) {
+      if (!r.app.icon.empty()) {
+        out.app.icon = r.app.icon;
+        break;
+      }
+    }
+  }
+  return out;
+}
+
+std::vector<xcb_window_t> X11Workspace::knownClients() {
+  {
+    std::lock_guard lock(mutex_);
+    if (clientsKnown_) return clients_;
+  }
+  return display_.clients();
 }
 
 X11Workspace::Resolved X11Workspace::cached(xcb_window_t window) {
@@ -252,11 +341,32 @@ void X11Workspace::readClients() {
   for (const xcb_window_t w : added)
     xcb_change_window_attributes(display_.connection(), w, XCB_CW_EVENT_MASK, &mask);
   xcb_flush(display_.connection());
+  // Learnt here, on this thread, so that the frontmost app (asked on every guarded key press)
+  // is found among its process's windows from memory.
+  for (const xcb_window_t w : added) (void)cached(w);
+}
+
+void X11Workspace::followProblem() {
+  xcb_window_t check = 0;
+  std::string problem = readProblem(&check);
+  if (check != 0 && check != checkWindow_) {
+    // EWMH: the check window lives as long as the window manager; its end is the one sign of a
+    // window manager that went away (its root properties stay behind).
+    const std::uint32_t mask = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+    xcb_change_window_attributes(display_.connection(), check, XCB_CW_EVENT_MASK, &mask);
+    // It may have gone between the read and the selection: read once more.
+    problem = readProblem(&check);
+  }
+  std::lock_guard lock(mutex_);
+  checkWindow_ = check;
+  problem_ = std::move(problem);
+  problemKnown_ = true;
 }
 
 void X11Workspace::watch() {
   readClients();
   readActive();
+  followProblem();
   const Atoms& atoms = display_.atoms();
   for (;;) {
     xcb_generic_event_t* event = xcb_wait_for_event(display_.connection());
@@ -266,6 +376,17 @@ void X11Workspace::watch() {
       std::free(event);
       std::lock_guard lock(mutex_);
       if (stopping_) return;
+      continue;
+    }
+    if (type == XCB_DESTROY_NOTIFY) {
+      const xcb_window_t gone = reinterpret_cast<const xcb_destroy_notify_event_t*>(event)->window;
+      std::free(event);
+      bool wasCheck = false;
+      {
+        std::lock_guard lock(mutex_);
+        wasCheck = gone == checkWindow_;
+      }
+      if (wasCheck) followProblem();
       continue;
     }
     if (type != XCB_PROPERTY_NOTIFY) {
@@ -279,6 +400,7 @@ void X11Workspace::watch() {
     if (window == display_.root()) {
       if (atom == atoms.netClientList) readClients();
       if (atom == atoms.netActiveWindow) readActive();
+      if (atom == atoms.netSupportingWmCheck || atom == atoms.netSupported) followProblem();
       continue;
     }
     if (atom == XCB_ATOM_WM_CLASS || atom == atoms.netWmIcon || atom == atoms.gtkApplicationId ||
@@ -297,11 +419,21 @@ void X11Workspace::watch() {
 
 std::string X11Workspace::problem() const {
   if (xcb_connection_has_error(display_.connection())) return "lost the connection to the X display";
+  {
+    std::lock_guard lock(mutex_);
+    if (problemKnown_) return problem_;
+  }
+  return readProblem(nullptr);
+}
+
+std::string X11Workspace::readProblem(xcb_window_t* checkWindow) const {
   const Atoms& atoms = display_.atoms();
   // EWMH: the window manager's check window names itself in the same property while it runs.
   const auto check = display_.cardinals(display_.root(), atoms.netSupportingWmCheck, 1);
-  const auto self =
-      check && !check->empty() ? display_.cardinals((*check)[0], atoms.netSupportingWmCheck, 1) : std::nullopt;
+  const auto self = check && !check->empty() ? display_.cardinals((*check)[0], atoms.netSupportingWmCheck, 1)
+                                             : std::nullopt;
+  if (checkWindow != nullptr)
+    *checkWindow = self && !self->empty() && (*self)[0] == (*check)[0] ? (*check)[0] : 0;
   if (!self || self->empty() || (*self)[0] != (*check)[0]) {
     return "no EWMH window manager is running, so the active window is unknown and Ctrl+Q, Ctrl+W and "
            "Ctrl+Shift+Q pass unguarded";
@@ -326,27 +458,24 @@ std::optional<RunningApp> X11Workspace::frontmostApplication() {
     window = active && !active->empty() ? (*active)[0] : 0;
   }
   if (window == 0) return std::nullopt;
-  return cached(window).app;
+  return appOf(window, knownClients()).app;
 }
 
 std::vector<RunningApp> X11Workspace::runningApplications() {
-  std::vector<xcb_window_t> clients;
-  {
-    std::lock_guard lock(mutex_);
-    if (clientsKnown_) clients = clients_;
-  }
+  std::vector<xcb_window_t> clients = knownClients();
   if (clients.empty()) clients = display_.clients();
   std::vector<RunningApp> apps;
+  std::set<std::int32_t> seen;
   for (const xcb_window_t w : clients) {
     const Resolved r = cached(w);
-    if (r.app.pid <= 0) continue;
-    auto same =
-        std::find_if(apps.begin(), apps.end(), [&](const RunningApp& a) { return a.pid == r.app.pid; });
-    if (same == apps.end()) {
-      apps.push_back(r.app);
-    } else if (r.regular && !same->regular) {
-      *same = r.app;  // a normal window describes the app better than a panel or dialog
-    }
+    if (r.app.pid <= 0 || r.shell || !seen.insert(r.app.pid).second) continue;
+    apps.push_back(appOf(w, clients).app);
+  }
+  // Desktop and panel windows count once per process too, after the apps.
+  for (const xcb_window_t w : clients) {
+    const Resolved r = cached(w);
+    if (r.app.pid <= 0 || !r.shell || !seen.insert(r.app.pid).second) continue;
+    apps.push_back(r.app);
   }
   return apps;
 }
@@ -383,9 +512,7 @@ bool X11Workspace::terminate(const RunningApp& app) {
   return sent;
 }
 
-bool X11Workspace::isTerminated(std::int32_t pid) {
-  return os::processEnded(pid);
-}
+bool X11Workspace::isTerminated(std::int32_t pid) { return os::processEnded(pid); }
 
 std::int32_t X11Workspace::ownPid() const { return static_cast<std::int32_t>(getpid()); }
 

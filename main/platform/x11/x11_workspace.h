@@ -18,7 +18,10 @@ namespace tarry::platform::x11 {
 /// owns `_NET_ACTIVE_WINDOW`. Its identifier is the desktop-file id (`_GTK_APPLICATION_ID`,
 /// `_KDE_NET_WM_DESKTOP_FILE`, then WM_CLASS matched against the installed entries), else the
 /// window's class (WM_CLASS; for the generic "Tk" the instance or the script an interpreter runs),
-/// else the executable's name; its icon the window's `_NET_WM_ICON`, else the entry's theme icon. A
+/// else the executable's name; its icon the window's `_NET_WM_ICON`, else the entry's theme icon.
+/// All windows of a process give one app: the one that leads to a desktop entry names it, else its
+/// client or group leader, else its first plain top-level window (never a transient window or a
+/// Tk widget path such as "!toplevel"). A
 /// backend thread follows the root window's properties, so the tap
 /// callback's question "who is frontmost" is answered from memory.
 class X11Workspace final : public Workspace {
@@ -40,9 +43,9 @@ class X11Workspace final : public Workspace {
   [[nodiscard]] Icon ownIcon() const override { return ownIcon_; }
   [[nodiscard]] std::vector<std::string> identifierEquivalents(IdentifierSet set) const override;
   /// No EWMH window manager announces itself (`_NET_SUPPORTING_WM_CHECK`) or the active window
-  /// (`_NET_ACTIVE_WINDOW` in `_NET_SUPPORTED`), or the display was lost. NOTE: a few quick
-  /// requests to the server, not from memory: a window manager that went away leaves its root
-  /// properties behind and sends nothing.
+  /// (`_NET_ACTIVE_WINDOW` in `_NET_SUPPORTED`), or the display was lost. From memory: the
+  /// watcher reads it again when those root properties change or the window manager's check
+  /// window is destroyed (a window manager that went away leaves its root properties behind).
   [[nodiscard]] std::string problem() const override;
 
   /// Called on the backend's watcher thread.
@@ -52,17 +55,38 @@ class X11Workspace final : public Workspace {
   }
 
  private:
+  /// What one window says about its app.
   struct Resolved {
     RunningApp app;
     /// The window is a normal, taskbar-visible one.
     bool regular = false;
+    /// Its hints led to an installed desktop entry.
+    bool fromEntry = false;
+    /// The id came from a desktop entry or a window class, not from the executable's name.
+    bool named = false;
+    /// A transient window, or one whose WM_CLASS instance is a toolkit's widget path (Tk's
+    /// "!toplevel"): it never names its app.
+    bool secondary = false;
+    /// A desktop or panel window.
+    bool shell = false;
+    /// WM_CLIENT_LEADER, else the WM_HINTS window group, when that is another window; else 0.
+    xcb_window_t leader = 0;
   };
 
   [[nodiscard]] Resolved resolve(xcb_window_t window) const;
   [[nodiscard]] Resolved cached(xcb_window_t window);
+  /// The app of the process owning `window`, chosen among that process's windows in `clients`.
+  [[nodiscard]] Resolved appOf(xcb_window_t window, const std::vector<xcb_window_t>& clients);
+  /// The managed windows, from memory once the watcher has read them.
+  [[nodiscard]] std::vector<xcb_window_t> knownClients();
   void watch();
   void readActive();
   void readClients();
+  /// Reads the window manager's state from the server (a few requests); the check window it
+  /// found, or 0, into `checkWindow` when given.
+  [[nodiscard]] std::string readProblem(xcb_window_t* checkWindow) const;
+  /// Reads it on the watcher thread and follows the check window's end.
+  void followProblem();
 
   /// Installed terminal emulators (desktop entries in the TerminalEmulator category), re-read
   /// at most once a minute.
@@ -76,8 +100,11 @@ class X11Workspace final : public Workspace {
   const Icon ownIcon_;
   xcb_window_t wakeWindow_ = 0;
 
-  std::mutex mutex_;  // everything below
+  mutable std::mutex mutex_;  // everything below
   bool stopping_ = false;
+  bool problemKnown_ = false;
+  std::string problem_;
+  xcb_window_t checkWindow_ = 0;
   bool activeKnown_ = false;
   xcb_window_t active_ = 0;
   std::vector<xcb_window_t> clients_;
