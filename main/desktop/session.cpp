@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <sstream>
 
 namespace tarry::desktop {
 namespace {
@@ -78,7 +79,9 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
   if (!wayland.empty() || type == "wayland") {
     session.display = wayland;
     session.desktop = get("XDG_CURRENT_DESKTOP");
-    session.kind = !get("SWAYSOCK").empty() ? Session::Kind::sway : Session::Kind::otherWayland;
+    session.kind = !get("SWAYSOCK").empty()    ? Session::Kind::sway
+                   : namesKde(session.desktop) ? Session::Kind::kde
+                                               : Session::Kind::otherWayland;
     if (session.desktop.empty() && session.kind == Session::Kind::sway) session.desktop = "sway";
     return session;
   }
@@ -87,10 +90,23 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
   return session;
 }
 
+bool namesKde(const std::string& currentDesktop) {
+  std::istringstream names(currentDesktop);
+  std::string name;
+  while (std::getline(names, name, ':')) {
+    if (lower(name) == "kde") return true;
+  }
+  return false;
+}
+
+std::unique_ptr<SessionBackends> unsupportedBackends(std::string why, std::string display) {
+  return std::make_unique<UnsupportedBackends>(std::move(why), std::move(display));
+}
+
 std::string unsupportedWaylandText(const std::string& desktop) {
   return "this Wayland desktop is not supported yet: " +
          (desktop.empty() ? std::string("unknown") : desktop) +
-         " (Tarry guards keys on X11 and on sway; GNOME and KDE need their own backends)";
+         " (Tarry guards keys on X11, on sway and on KDE Plasma; GNOME needs its own backend)";
 }
 
 void prepareQt(const Session& session) {
@@ -109,6 +125,8 @@ std::unique_ptr<SessionBackends> openSessionBackends(const Session& session, pla
       return openX11Session(session, loop, entries, error);
     case Session::Kind::sway:
       return openSwaySession(session, loop, entries, error);
+    case Session::Kind::kde:
+      return openKdeSession(session, loop, entries, error);
     case Session::Kind::otherWayland:
       return std::make_unique<UnsupportedBackends>(unsupportedWaylandText(session.desktop), session.display);
   }

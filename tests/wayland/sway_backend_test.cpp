@@ -402,8 +402,12 @@ TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
   const desktop::Session gnome =
       detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME"}});
   EXPECT_EQ(gnome.kind, Kind::otherWayland);
-  EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
-            Kind::otherWayland);
+  EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind, Kind::kde);
+  EXPECT_EQ(detect({{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "ubuntu:KDE"}}).kind,
+            Kind::kde);
+  // Plasma on X11 keeps the X11 backends.
+  EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"XDG_SESSION_TYPE", "x11"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
+            Kind::x11);
   EXPECT_TRUE(desktop::unsupportedWaylandText(gnome.desktop)
                   .starts_with("this Wayland desktop is not supported yet: GNOME"));
 }
