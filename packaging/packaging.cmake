@@ -4,8 +4,17 @@ include(GNUInstallDirs)
 set(TARRY_APP_ID org.tarry.Tarry)
 
 install(TARGETS tarry RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${CMAKE_CURRENT_LIST_DIR}/${TARRY_APP_ID}.desktop
+# The launcher starts the program by its absolute path, known only at install time (cpack installs
+# under its own prefix): KWin offers its fake input only to a program whose desktop file does.
+install(CODE "
+  file(READ \"${CMAKE_CURRENT_LIST_DIR}/${TARRY_APP_ID}.desktop\" entry)
+  string(REPLACE \"\nExec=tarry\n\" \"\nExec=\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/tarry\n\" entry \"\${entry}\")
+  file(WRITE \"${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.desktop\" \"\${entry}\")
+")
+install(FILES ${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.desktop
         DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+# KWin's window helper (see main/platform/kde).
+install(FILES ${TARRY_KWIN_SCRIPT} DESTINATION ${CMAKE_INSTALL_DATADIR}/tarry)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/${TARRY_APP_ID}.metainfo.xml
                ${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.metainfo.xml @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/packaging/${TARRY_APP_ID}.metainfo.xml

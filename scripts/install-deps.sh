@@ -41,6 +41,9 @@ packages=(
   # headless sway: wtype types, foot is the terminal, grim takes screenshots, Qt's Wayland plugin
   # runs the test client
   libwayland-dev sway wtype foot grim qt6-wayland
+  # KDE Plasma backend (KWin's fake-input protocol) and its end-to-end tests on a headless KWin;
+  # kbuildsycoca5 refreshes the service cache KWin reads desktop files from
+  plasma-wayland-protocols kwin-wayland libkf5service-bin
   # GNOME on Wayland: the Shell extension's end-to-end tests on a headless GNOME Shell, with a GTK 4
   # test app (PyGObject) and keys typed through Mutter's RemoteDesktop (python3-dbus, above);
   # gdbus (libglib2.0-bin) runs the Shell's Eval and Screenshot methods

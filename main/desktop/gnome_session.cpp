@@ -14,9 +14,7 @@
 #include <QIcon>
 #include <QPixmap>
 
-#include <algorithm>
 #include <cstdio>
-#include <sstream>
 
 namespace tarry::desktop {
 namespace {
@@ -69,16 +67,6 @@ class GnomeBackends final : public SessionBackends {
 };
 
 }  // namespace
-
-bool isGnomeDesktop(const std::string& desktop) {
-  std::istringstream parts(desktop);
-  std::string part;
-  while (std::getline(parts, part, ':')) {
-    std::transform(part.begin(), part.end(), part.begin(), [](unsigned char c) { return std::tolower(c); });
-    if (part == "gnome") return true;
-  }
-  return false;
-}
 
 std::unique_ptr<SessionBackends> openGnomeSession(const Session& session, platform::DesktopEntries& entries,
                                                   std::string& error) {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <sstream>
 
 namespace tarry::desktop {
 namespace {
@@ -78,9 +79,10 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
   if (!wayland.empty() || type == "wayland") {
     session.display = wayland;
     session.desktop = get("XDG_CURRENT_DESKTOP");
-    session.kind = !get("SWAYSOCK").empty()          ? Session::Kind::sway
-                   : isGnomeDesktop(session.desktop) ? Session::Kind::gnome
-                                                     : Session::Kind::otherWayland;
+    session.kind = !get("SWAYSOCK").empty()      ? Session::Kind::sway
+                   : namesGnome(session.desktop) ? Session::Kind::gnome
+                   : namesKde(session.desktop)   ? Session::Kind::kde
+                                                 : Session::Kind::otherWayland;
     if (session.desktop.empty() && session.kind == Session::Kind::sway) session.desktop = "sway";
     return session;
   }
@@ -89,10 +91,32 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
   return session;
 }
 
+bool namesGnome(const std::string& currentDesktop) {
+  std::istringstream names(currentDesktop);
+  std::string name;
+  while (std::getline(names, name, ':')) {
+    if (lower(name) == "gnome") return true;
+  }
+  return false;
+}
+
+bool namesKde(const std::string& currentDesktop) {
+  std::istringstream names(currentDesktop);
+  std::string name;
+  while (std::getline(names, name, ':')) {
+    if (lower(name) == "kde") return true;
+  }
+  return false;
+}
+
+std::unique_ptr<SessionBackends> unsupportedBackends(std::string why, std::string display) {
+  return std::make_unique<UnsupportedBackends>(std::move(why), std::move(display));
+}
+
 std::string unsupportedWaylandText(const std::string& desktop) {
   return "this Wayland desktop is not supported yet: " +
          (desktop.empty() ? std::string("unknown") : desktop) +
-         " (Tarry guards keys on X11, on sway and on GNOME; KDE needs its own backend)";
+         " (Tarry guards keys on X11, on sway, on GNOME and on KDE Plasma)";
 }
 
 void prepareQt(const Session& session) {
@@ -114,8 +138,10 @@ std::unique_ptr<SessionBackends> openSessionBackends(const Session& session, pla
     case Session::Kind::gnome: {
       std::string why;
       if (auto gnome = openGnomeSession(session, entries, why)) return gnome;
-      return std::make_unique<UnsupportedBackends>("cannot reach GNOME Shell: " + why, session.display);
+      return unsupportedBackends("cannot reach GNOME Shell: " + why, session.display);
     }
+    case Session::Kind::kde:
+      return openKdeSession(session, loop, entries, error);
     case Session::Kind::otherWayland:
       return std::make_unique<UnsupportedBackends>(unsupportedWaylandText(session.desktop), session.display);
   }

@@ -22,7 +22,8 @@ struct Session {
     x11,           // an X server: the X11 backends
     sway,          // sway or another compositor speaking its IPC ($SWAYSOCK)
     gnome,         // GNOME Shell on Wayland: Tarry's Shell extension
-    otherWayland,  // a Wayland compositor without a backend yet (GNOME, KDE, ...)
+    kde,           // KDE Plasma on Wayland: KWin (when it is on the session bus)
+    otherWayland,  // a Wayland compositor without a backend yet
   };
   Kind kind = Kind::none;
   /// The display ($DISPLAY / $WAYLAND_DISPLAY) and, for Wayland, the desktop's name.
@@ -33,6 +34,11 @@ struct Session {
 /// Reads the session from `env` (getenv by default). A Wayland session wins over the X display
 /// that its Xwayland offers: the X11 route would see only X clients' keys.
 [[nodiscard]] Session detectSession(const std::function<const char*(const char*)>& env = {});
+
+/// True when an `XDG_CURRENT_DESKTOP` list names GNOME ("GNOME", "ubuntu:GNOME", ...).
+[[nodiscard]] bool namesGnome(const std::string& currentDesktop);
+/// True when an `XDG_CURRENT_DESKTOP` list names KDE ("KDE", "ubuntu:KDE", ...).
+[[nodiscard]] bool namesKde(const std::string& currentDesktop);
 
 /// The guard's state text for a Wayland desktop without a backend.
 [[nodiscard]] std::string unsupportedWaylandText(const std::string& desktop);
@@ -96,13 +102,16 @@ void prepareQt(const Session& session);
                                                                platform::MainLoop& loop,
                                                                platform::DesktopEntries& entries,
                                                                std::string& error);
+[[nodiscard]] std::unique_ptr<SessionBackends> openKdeSession(const Session& session,
+                                                              platform::MainLoop& loop,
+                                                              platform::DesktopEntries& entries,
+                                                              std::string& error);
+/// Backends whose tap is never trusted and says `why`: the guard stays off with that reason.
+[[nodiscard]] std::unique_ptr<SessionBackends> unsupportedBackends(std::string why, std::string display);
 /// GNOME on Wayland, through Tarry's Shell extension (installed and switched on for the user here
 /// when needed); nothing when there is no session bus or another program owns Tarry's bus name.
 [[nodiscard]] std::unique_ptr<SessionBackends> openGnomeSession(const Session& session,
                                                                 platform::DesktopEntries& entries,
                                                                 std::string& error);
-
-/// True when `desktop` ($XDG_CURRENT_DESKTOP, a colon-separated list) names GNOME.
-[[nodiscard]] bool isGnomeDesktop(const std::string& desktop);
 
 }  // namespace tarry::desktop

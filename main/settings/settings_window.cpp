@@ -80,8 +80,8 @@ platform::GuardStatus guardStatus(bool working, const std::string& problem, cons
             "Plasma, Xfce and openbox do. It starts working by itself as soon as one runs."};
   }
   return {false, problem.empty() ? "Keyboard guard off" : "Keyboard guard off: " + problem,
-          "Tarry keeps trying by itself. It works on X11, sway and GNOME; if another program uses one "
-          "of the shortcuts, free it there or in your desktop's keyboard settings."};
+          "Tarry keeps trying by itself. It works on X11, sway, KDE Plasma and GNOME; if another program "
+          "uses one of the shortcuts, free it there or in your desktop's keyboard settings."};
 }
 
 std::string holdValueText(double seconds) {

@@ -18,6 +18,7 @@ if(NOT status EQUAL 0)
 endif()
 set(wanted ./usr/bin/tarry ./usr/share/applications/org.tarry.Tarry.desktop
   ./usr/share/metainfo/org.tarry.Tarry.metainfo.xml ./usr/share/icons/hicolor/scalable/apps/org.tarry.Tarry.svg
+  ./usr/share/tarry/tarry-kwin.js
   # The GNOME Shell extension: in the Shell's folder, and both builds for a copy of the user's own.
   ./usr/share/gnome-shell/extensions/tarry@tarry.org/extension.js
   ./usr/share/gnome-shell/extensions/tarry@tarry.org/metadata.json
@@ -30,6 +31,15 @@ foreach(path IN LISTS wanted)
   string(FIND "${contents}" " ${path}\n" at)
   if(at EQUAL -1)
     message(FATAL_ERROR "the package lacks ${path}:\n${contents}")
+  endif()
+endforeach()
+# KWin offers its fake input only to a launcher that starts the program by its absolute path.
+execute_process(COMMAND dpkg-deb -x ${debs} ${OUT_DIR}/root RESULT_VARIABLE status)
+file(READ ${OUT_DIR}/root/usr/share/applications/org.tarry.Tarry.desktop entry)
+foreach(line "Exec=/usr/bin/tarry\n" "X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n")
+  string(FIND "${entry}" "${line}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "the launcher lacks ${line}:\n${entry}")
   endif()
 endforeach()
 execute_process(COMMAND dpkg-deb -f ${debs} Depends OUTPUT_VARIABLE depends)

@@ -407,12 +407,17 @@ TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
             Kind::gnome);
   EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"XDG_SESSION_TYPE", "x11"}, {"XDG_CURRENT_DESKTOP", "GNOME"}}).kind,
             Kind::x11);
-  EXPECT_EQ(detect({{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME-Flashback:Unity"}}).kind,
-            Kind::otherWayland);
-  const desktop::Session kde = detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}});
-  EXPECT_EQ(kde.kind, Kind::otherWayland);
-  EXPECT_TRUE(desktop::unsupportedWaylandText(kde.desktop)
-                  .starts_with("this Wayland desktop is not supported yet: KDE"));
+  EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind, Kind::kde);
+  EXPECT_EQ(detect({{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "ubuntu:KDE"}}).kind,
+            Kind::kde);
+  // Plasma on X11 keeps the X11 backends.
+  EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"XDG_SESSION_TYPE", "x11"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
+            Kind::x11);
+  const desktop::Session other =
+      detect({{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME-Flashback:Unity"}});
+  EXPECT_EQ(other.kind, Kind::otherWayland);
+  EXPECT_TRUE(desktop::unsupportedWaylandText(other.desktop)
+                  .starts_with("this Wayland desktop is not supported yet: GNOME-Flashback:Unity"));
 }
 
 }  // namespace

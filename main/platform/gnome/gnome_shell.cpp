@@ -2,6 +2,7 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusReply>
 #include <QDBusServiceWatcher>
 #include <QDBusVariant>
 
@@ -13,10 +14,19 @@ std::unique_ptr<GnomeShell> GnomeShell::connect(std::string& error) {
     error = "no session bus: " + bus.lastError().message().toStdString();
     return nullptr;
   }
+  // A copy started by an update takes the name over from the running one (which lets it go): the
+  // extension then listens to the new copy alone.
   const QString name = QString::fromLatin1(kTarryBusName);
-  if (!bus.registerService(name)) {
-    error = "another program owns the bus name " + name.toStdString() + " (" +
-            bus.lastError().message().toStdString() + ")";
+  QDBusConnectionInterface* names = bus.interface();
+  const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
+      names ? names->registerService(name, QDBusConnectionInterface::ReplaceExistingService,
+                                     QDBusConnectionInterface::AllowReplacement)
+            : QDBusReply<QDBusConnectionInterface::RegisterServiceReply>();
+  if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
+    error =
+        "another program owns the bus name " + name.toStdString() + " (" +
+        (reply.isValid() ? std::string("it refused to let it go") : reply.error().message().toStdString()) +
+        ")";
     return nullptr;
   }
   return std::unique_ptr<GnomeShell>(new GnomeShell(bus));

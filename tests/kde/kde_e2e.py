@@ -1,0 +1,340 @@
+#!/usr/bin/env python3
+"""End-to-end cases of tarry on a headless KWin (see kde_harness.py).
+
+    kde_e2e.py --tarry PATH --client PATH --typist PATH CASE   runs one case; 0 when it holds, 77
+                                                               when KWin cannot run here
+    kde_e2e.py --list                                          names the cases
+"""
+
+import argparse
+import os
+import signal
+import sys
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from kde_harness import (CLIENT_ENTRY, CLIENT_ID, KEY_ALT, KEY_CTRL, KEY_Q, KEY_SHIFT, KEY_W, KEY_Z, SKIP, Failure,  # noqa: E402
+                         KdeDesktop, Skip, wait_for)
+from kde_harness import KEY_ENTER  # noqa: E402
+
+QT_KEY_Q, QT_KEY_W = 0x51, 0x57
+
+CASES = {}
+
+
+def case(fn):
+    CASES[fn.__name__] = fn
+    return fn
+
+
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def settle(seconds=0.4):
+    """Time for events to travel between the processes; never a measured quantity."""
+    time.sleep(seconds)
+
+
+def ctrl_q_presses(client):
+    return [p for p in client.presses(QT_KEY_Q) if p[2]]
+
+
+@case
+def short_press_is_blocked_with_hud(d):
+    client = d.start_client("app")
+    d.start_tarry()
+    typing = d.hold(KEY_Q, 1200)
+    wait_for("the HUD to show", d.hud_visible, timeout=1.1, interval=0.05)
+    typing.wait(timeout=10)
+    wait_for("one blocked quit to be counted", lambda: d.counter("saved") == 1)
+    wait_for("the HUD to hide", lambda: not d.hud_visible(), timeout=5)
+    settle()
+    check(client.alive(), "the client ended")
+    check(not ctrl_q_presses(client), "Ctrl+Q reached the client: %s" % ctrl_q_presses(client))
+
+
+@case
+def long_hold_quits_politely(d):
+    # A client still busy starting up could earn a longer hold ("Working hard") on a loaded machine.
+    d.defaults("write", "busyGuard", "false")
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold(KEY_Q, 3000)
+    # The default hold is 2 s: KWin's close request must come well before the keys go up.
+    wait_for("the client to leave its event loop", lambda: any(w == ["exit"] for _, w in client.lines()), timeout=2.9)
+    wait_for("the client to end", lambda: not client.alive(), timeout=15)
+    check(client.close_requests() == [0], "not closed by KWin's request: %s" % client.lines())
+    check(not ctrl_q_presses(client), "the held Ctrl+Q itself reached the client")
+    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+
+
+@case
+def ctrl_released_first_cancels(d):
+    client = d.start_client("app")
+    d.start_tarry()
+    # Ctrl goes up after 0.4 s while Q stays down for 3 s more, past the 2 s hold.
+    started = time.monotonic()
+    typing = d.keys("+%d" % KEY_CTRL, "+%d" % KEY_Q, 400, "-%d" % KEY_CTRL, 3000, "-%d" % KEY_Q, background=True)
+    wait_for("the hold to be cancelled", lambda: d.counter("saved") == 1, timeout=8)
+    check(time.monotonic() - started < 2.5, "the hold ended only with the release of Q")
+    typing.wait(timeout=10)
+    settle()
+    check(client.alive(), "the client was quit although Ctrl was released")
+    check(d.counter("quit") == 0, "a quit was counted")
+
+
+@case
+def press_twice_quits(d):
+    d.defaults("write", "style", "1")
+    client = d.start_client("app")
+    d.start_tarry()
+    # Held past the start of KWin's key repeat (660 ms), which presses the shortcut again: still
+    # one press.
+    d.type(KEY_Q, (KEY_CTRL,), 900)
+    wait_for("the first press to be taken", lambda: d.counter("twice.first") == 1)
+    check(client.alive(), "one held press quit the client")
+    # Within the 1.6 s that the second press has.
+    d.type(KEY_Q, (KEY_CTRL,))
+    wait_for("the client to quit on the second press", lambda: not client.alive(), timeout=10)
+    check(client.close_requests() == [0], "not closed by KWin's request: %s" % client.lines())
+    wait_for("the confirmation to be counted", lambda: d.counter("twice.confirmed") == 1)
+
+
+@case
+def instant_rule_passes_at_once(d):
+    d.defaults("write", "appModes", '{"%s": "instant"}' % CLIENT_ID)
+    client = d.start_client("app")
+    d.start_tarry()
+    d.type(KEY_Q, (KEY_CTRL,), 50)
+    wait_for("Ctrl+Q to reach the client", lambda: ctrl_q_presses(client), timeout=8)
+    wait_for("the client to quit", lambda: not client.alive(), timeout=10)
+    wait_for("the instant pass to be counted", lambda: d.counter("instant") == 1)
+
+
+@case
+def press_twice_logout_types_ctrl_shift_q(d):
+    # The second press is typed back from inside the shortcut's handler, while the keys are down.
+    d.defaults("write", "style", "1")
+    client = d.start_client("app", "--no-quit")
+    d.start_tarry()
+    d.type(KEY_Q, (KEY_CTRL, KEY_SHIFT))
+    wait_for("the first press to be taken", lambda: d.counter("twice.first") == 1)
+    settle()
+    check(not client.presses(QT_KEY_Q), "the first Ctrl+Shift+Q reached the client")
+    d.type(KEY_Q, (KEY_CTRL, KEY_SHIFT))
+    wait_for("Ctrl+Shift+Q to reach the client", lambda: client.presses(QT_KEY_Q), timeout=5)
+    presses = client.presses(QT_KEY_Q)
+    check(len(presses) == 1 and presses[0][2], "the client got %s, not one Ctrl+Shift+Q" % presses)
+    check(any(w[:2] == ["press", str(QT_KEY_Q)] and w[3] == "1" for _, w in client.lines()), "Shift was not held")
+    wait_for("the confirmation to be counted", lambda: d.counter("twice.confirmed") == 1)
+
+
+@case
+def copy_without_launcher_registers_itself(d):
+    # No desktop file names this copy of tarry: it writes its own, and KWin lets it type keys.
+    d.defaults("write", "appModes", '{"%s": "instant"}' % CLIENT_ID)
+    client = d.start_client("app", "--no-quit")
+    d.start_tarry()
+    entry = os.path.join(d.tmp, "data", "applications", "org.tarry.Tarry.FakeInput.desktop")
+    wait_for("tarry's own desktop file", lambda: os.path.exists(entry))
+    with open(entry, encoding="utf-8") as f:
+        text = f.read()
+    check("Exec=%s\n" % d.tarry in text, "the entry does not start this copy: " + text)
+    # KWin's service cache learns of it within a few seconds.
+    def passes():
+        d.type(KEY_Q, (KEY_CTRL,), 30)
+        time.sleep(0.3)
+        return ctrl_q_presses(client)
+    wait_for("a let-through Ctrl+Q to reach the client", passes, timeout=15, interval=0.5)
+
+
+@case
+def close_without_fake_input_closes_the_window(d):
+    # tarry cannot write its desktop file (the applications folder is not the user's): KWin never
+    # offers it fake input.
+    d.lock_applications()
+    d.defaults("write", "closeHold", "1")
+    client = d.start_client("app", "--windows", "2")
+    d.start_tarry()
+    d.hold(KEY_W, 1600).wait(timeout=10)
+    wait_for("the focused window to be closed by KWin", lambda: client.close_requests(), timeout=8)
+    check(len(client.close_requests()) == 1, "closed %s" % client.close_requests())
+    check(client.alive(), "the client ended; only one window should close")
+    check(not client.presses(QT_KEY_W), "Ctrl+W reached the client although nothing could type it")
+    wait_for("the guard state to say so", lambda: "closes the window instead" in d.events_log())
+
+
+@case
+def close_hold_types_ctrl_w(d):
+    d.defaults("write", "closeHold", "1")
+    client = d.start_client("app", "--windows", "2")
+    d.start_tarry()
+    # A short press is held back.
+    d.type(KEY_W, (KEY_CTRL,), 200)
+    settle()
+    check(not client.closed(), "a short Ctrl+W closed a window")
+    check(not client.presses(QT_KEY_W), "a short Ctrl+W reached the client")
+    d.hold(KEY_W, 1600).wait(timeout=10)
+    wait_for("the focused window to close", lambda: client.closed(), timeout=8)
+    check(len(client.closed()) == 1, "closed %s instead of the focused window alone" % client.closed())
+    check(client.alive(), "the client ended; only one window should close")
+    check([p for p in client.presses(QT_KEY_W) if p[2]], "Ctrl+W did not reach the client as a key press")
+    check("Ctrl+W confirmed" in d.events_log(), "no confirmation in the log")
+    check("closes the window instead" not in d.events_log(), "fake input was not used")
+
+
+def close_enough(a, b, slack=4):
+    return all(abs(x - y) <= slack for x, y in zip(a, b))
+
+
+@case
+def undo_brings_the_app_back_in_place(d):
+    d.defaults("write", "busyGuard", "false")
+    relaunch_log = os.path.join(d.tmp, "relaunched.log")
+    with open(os.path.join(d.tmp, "data", "applications", CLIENT_ID + ".desktop"), "w", encoding="utf-8") as f:
+        f.write(CLIENT_ENTRY.replace("Exec=tarry-wayland-client",
+                                     "Exec=%s --log %s --windows 2" % (d.client, relaunch_log)))
+    client = d.start_client("app", "--windows", "2")
+    first, second = "Tarry Wayland Client 0", "Tarry Wayland Client 1"
+    # The user moved and sized the second window and minimized the first.
+    moved = [600, 350, 400, 260]
+    check(d.set_window(second, frame=moved, activate=True), "no window %r: %s" % (second, d.windows()))
+    d.set_window(first, minimized=True)
+    frames = lambda: {w["caption"]: w for w in d.windows() if w["pid"] == client.process.pid}  # noqa: E731
+    wait_for("the second window in its new place", lambda: close_enough(frames()[second]["frame"], moved))
+    before = frames()[second]["frame"]
+    d.start_tarry()
+    typing = d.hold(KEY_Q, 3000)
+    wait_for("the client to end", lambda: not client.alive(), timeout=15)
+    typing.wait(timeout=10)
+    wait_for("the quit in the log", lambda: "quit confirmed" in d.events_log(), timeout=5)
+    settle(0.6)
+    d.type(KEY_Z, (KEY_CTRL, KEY_ALT))
+    wait_for("the app to come back", lambda: os.path.exists(relaunch_log) and "ready" in open(relaunch_log).read(),
+             timeout=10)
+    again = lambda: {w["caption"]: w for w in d.windows() if w["pid"] != client.process.pid}  # noqa: E731
+    wait_for("the moved window back in its place (was %s)" % (before,),
+             lambda: second in again() and close_enough(again()[second]["frame"], before), timeout=10)
+    wait_for("the first window minimized again", lambda: again().get(first, {}).get("minimized"), timeout=10)
+    check(not again()[second]["minimized"], "the second window came back minimized")
+    wait_for("the reopened app to be counted", lambda: d.counter("reopened") == 1, timeout=10)
+
+
+@case
+def quit_others_keeps_the_front_app(d):
+    other = d.start_client("other", "--app-id", "org.tarry.Other")
+    front = d.start_client("front")
+    d.start_tarry({"TARRY_DEBUG_QUIT_OTHERS_AFTER": "1"})
+    # The confirmation is tarry's own window.
+    wait_for("the confirmation", lambda: any(w["caption"] == "Tarry" for w in d.windows()), timeout=10)
+    d.set_window("Tarry", activate=True)
+    settle()
+    d.type(KEY_ENTER)
+    wait_for("the other app to be asked to quit", lambda: other.close_requests(), timeout=8)
+    wait_for("the other app to end", lambda: not other.alive(), timeout=10)
+    check(front.alive(), "the front app ended")
+    wait_for("the run to be counted", lambda: d.counter("bulkRuns") == 1)
+
+
+@case
+def relaunch_hands_the_guard_on(d):
+    # As an installed update does: the new copy starts while the old one runs, and the old one
+    # quits once the new one runs.
+    client = d.start_client("app", "--no-quit")
+    old = d.start_tarry({"TARRY_DEBUG_RELAUNCH_AFTER": "1"})
+    wait_for("the old copy to quit", lambda: old.poll() is not None, timeout=20)
+    wait_for("the new copy to guard", lambda: d.events_log().count("keyboard guard on") == 2, timeout=10)
+    settle(1.0)
+    d.type(KEY_Q, (KEY_CTRL,), 200)
+    wait_for("the new copy to block a short press", lambda: d.counter("saved") == 1)
+    check(not ctrl_q_presses(client), "Ctrl+Q reached the client past the new copy")
+    # The new copy's window helper answers: Ctrl+Q held long enough reaches... the quit of the app.
+    d.hold(KEY_Q, 2600).wait(timeout=10)
+    wait_for("the held Ctrl+Q to be confirmed", lambda: "quit confirmed" in d.events_log(), timeout=5)
+
+
+@case
+def killed_during_hold_leaves_ctrl_q_working(d):
+    client = d.start_client("app", "--no-quit")
+    tarry = d.start_tarry()
+    typing = d.hold(KEY_Q, 800)
+    settle(0.4)
+    tarry.send_signal(signal.SIGKILL)
+    killed = time.monotonic()
+    tarry.wait()
+    typing.wait(timeout=10)
+    check(not ctrl_q_presses(client), "the held Ctrl+Q reached the client while tarry ran")
+    # Within a second of the kill, Ctrl+Q reaches the app again.
+    time.sleep(max(0.0, 1.0 - (time.monotonic() - killed)))
+    d.type(KEY_Q, (KEY_CTRL,))
+    wait_for("Ctrl+Q to reach the client", lambda: ctrl_q_presses(client), timeout=2)
+
+    # The next run guards again, and a normal exit leaves Ctrl+Q working too.
+    tarry = d.start_tarry()
+    before = len(ctrl_q_presses(client))
+    d.type(KEY_Q, (KEY_CTRL,), 200)
+    wait_for("the new guard to block a short press", lambda: d.counter("saved") >= 1)
+    check(len(ctrl_q_presses(client)) == before, "Ctrl+Q reached the client past the new guard")
+    tarry.terminate()
+    tarry.wait(timeout=10)
+    d.type(KEY_Q, (KEY_CTRL,))
+    wait_for("Ctrl+Q to reach the client after a normal exit",
+             lambda: len(ctrl_q_presses(client)) > before, timeout=3)
+
+
+@case
+def taken_shortcut_is_named(d):
+    # Another program owns Ctrl+W before tarry starts.
+    other = "array:string:other,close,Other,Close Window"
+    d.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.kglobalaccel", "/kglobalaccel",
+           "org.kde.KGlobalAccel.doRegister", other])
+    d.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.kglobalaccel", "/kglobalaccel",
+           "org.kde.KGlobalAccel.setShortcut", other, "array:int32:%d" % 0x04000057, "uint32:6"])
+    client = d.start_client("app")
+    d.start_tarry()
+    wait_for("the taken combination in the log",
+             lambda: "Ctrl+W is a global shortcut of Other (Close Window) and is not guarded" in d.events_log())
+    # Ctrl+Q is still guarded.
+    d.type(KEY_Q, (KEY_CTRL,), 200)
+    wait_for("a short Ctrl+Q to be blocked", lambda: d.counter("saved") == 1)
+    check(client.alive(), "the client ended")
+
+
+# Cases that start tarry without a launcher that declares fake input for it.
+UNREGISTERED = ("copy_without_launcher_registers_itself", "close_without_fake_input_closes_the_window")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tarry")
+    parser.add_argument("--client")
+    parser.add_argument("--typist")
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("case", nargs="?")
+    args = parser.parse_args()
+    if args.list:
+        print("\n".join(CASES))
+        return 0
+    if args.case not in CASES:
+        parser.error("unknown case: %s" % args.case)
+    try:
+        desktop = KdeDesktop(args.tarry, args.client, args.typist,
+                             register_tarry=args.case not in UNREGISTERED)
+    except Skip as skip:
+        print("SKIP: " + str(skip))
+        return SKIP
+    try:
+        CASES[args.case](desktop)
+    except Failure as failure:
+        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
+        return 1
+    finally:
+        desktop.close()
+    print("ok " + args.case)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
