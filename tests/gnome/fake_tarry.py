@@ -76,6 +76,7 @@ def main():
 
     bus.add_signal_receiver(key, "Key", INTERFACE)
     bus.add_signal_receiver(lambda mask: note("mods", int(mask)), "Modifiers", INTERFACE)
+    bus.add_signal_receiver(lambda pid: note("activated", int(pid)), "Activated", INTERFACE)
     GLib.MainLoop().run()
 
 
