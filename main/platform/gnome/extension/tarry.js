@@ -568,8 +568,14 @@ var TarryGuard = class TarryGuard {
         panel.set_size(Math.round(layout.width), Math.round(height));
         parts.background.set_position(0, 0);
         parts.background.set_size(Math.round(layout.width), Math.round(height));
-        parts.background.style = `background-color: ${rgba(layout.background)}; border-radius: ${layout.cornerRadius}px;` +
-            (layout.shadow ? ' box-shadow: 0 2px 12px rgba(0,0,0,0.35);' : '');
+        // A style set anew is parsed and laid out anew: only changed ones are set (the meter's fill
+        // changes at every tick, the rest seldom).
+        const style = (actor, text) => {
+            if (actor.style !== text)
+                actor.style = text;
+        };
+        style(parts.background, `background-color: ${rgba(layout.background)}; border-radius: ${layout.cornerRadius}px;` +
+            (layout.shadow ? ' box-shadow: 0 2px 12px rgba(0,0,0,0.35);' : ''));
 
         parts.icon.visible = !!layout.icon.name;
         if (layout.icon.name) {
@@ -585,12 +591,13 @@ var TarryGuard = class TarryGuard {
             actor.visible = t.visible;
             if (!t.visible)
                 return;
-            actor.text = t.text;
+            if (actor.text !== t.text)
+                actor.text = t.text;
             place(actor, t.frame);
             const weight = {regular: 'normal', semibold: '600', bold: 'bold'}[t.font.weight] || 'normal';
-            actor.style = `color: ${rgba(t.color)}; font-size: ${t.font.size}pt; font-weight: ${weight};` +
+            style(actor, `color: ${rgba(t.color)}; font-size: ${t.font.size}pt; font-weight: ${weight};` +
                 ` padding: 0 2px; text-align: ${t.alignment};` +
-                (t.font.monospacedDigits ? ' font-feature-settings: "tnum";' : '');
+                (t.font.monospacedDigits ? ' font-feature-settings: "tnum";' : ''));
             actor.clutter_text.line_wrap = t.maxLines > 1;
             actor.clutter_text.ellipsize = 3; // Pango.EllipsizeMode.END
         };
@@ -604,7 +611,7 @@ var TarryGuard = class TarryGuard {
         if (bar.visible) {
             const rect = (actor, r) => {
                 place(actor, r.rect, bar.frame.x, height - bar.frame.y - bar.frame.height, bar.frame.height);
-                actor.style = `background-color: ${rgba(r.color)}; border-radius: ${r.radius}px;`;
+                style(actor, `background-color: ${rgba(r.color)}; border-radius: ${r.radius}px;`);
             };
             rect(parts.track, bar.track);
             if (bar.fill)
