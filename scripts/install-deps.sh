@@ -44,6 +44,10 @@ packages=(
   # KDE Plasma backend (KWin's fake-input protocol) and its end-to-end tests on a headless KWin;
   # kbuildsycoca5 refreshes the service cache KWin reads desktop files from
   plasma-wayland-protocols kwin-wayland libkf5service-bin
+  # GNOME on Wayland: the Shell extension's end-to-end tests on a headless GNOME Shell, with a GTK 4
+  # test app (PyGObject) and keys typed through Mutter's RemoteDesktop (python3-dbus, above);
+  # gdbus (libglib2.0-bin) runs the Shell's Eval and Screenshot methods
+  gnome-shell gjs gir1.2-gtk-4.0 libglib2.0-bin
 )
 
 missing=()

@@ -15,6 +15,7 @@
 #include "guard/careful_hold_policy.h"
 #include "guard/guard.h"
 #include "guard/hud.h"
+#include "platform/gnome/gnome_event_tap.h"
 #include "platform/linux/desktop_entry_reader.h"
 #include "platform/linux/instance_lock.h"
 #include "platform/linux/linux_file_system.h"
@@ -242,6 +243,11 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
       backends->makeHudPanel([&log](const std::string& line) { log.log(line); });
   guard::HUD hud(*panel, screens, loop, tunables);
 
+  // On GNOME the Shell keeps the keyboard while a combination is held: for the longest hold at
+  // most, and a margin.
+  if (auto* gnome = dynamic_cast<platform::gnome::GnomeEventTap*>(&backends->tap()))
+    gnome->setHoldLimit(tunables.real(settings::T::maxHoldSec) + 2);
+
   std::unique_ptr<StallingTap> stalling;
   platform::EventTap* tap = &backends->tap();
   if (const char* stall = std::getenv("TARRY_DEBUG_STALL_ON_PRESS"); stall && std::atof(stall) > 0) {
@@ -302,8 +308,15 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
                    });
 
   // The tray item and the windows (their own file; one call here).
-  DesktopShell shell({loop, store, counters, tunables, alerts, workspace, entries, server}, {});
+  StatusItemPlacement placement;
+  placement.wrap = [&backends](std::unique_ptr<platform::StatusItemView> tray) {
+    return backends->wrapStatusItem(std::move(tray));
+  };
+  placement.shownElsewhere = [&backends] { return backends->statusItemShownElsewhere(); };
+  DesktopShell shell({loop, store, counters, tunables, alerts, workspace, entries, server}, {}, 5000,
+                     std::move(placement));
   wireDesktopShell(delegate, shell, *tap, loop, tunables, [&log](const std::string& line) { log.log(line); });
+  shell.hooks().guardRoute = [&backends] { return backends->guardRoute(); };
   // The menu's Undo Quit, Recently Quit and Quit All Other Apps rows, and the RAM Saver's timer.
   ShellHooks& menu = shell.hooks();
   menu.undoTitle = [&actions] { return actions.currentUndoTitle(); };

@@ -20,10 +20,16 @@
 
 namespace tarry::desktop {
 
-DesktopShell::DesktopShell(ShellDeps deps, ShellHooks hooks, int waitForTrayHostMs)
-    : deps_(std::move(deps)), hooks_(std::move(hooks)), waitForTrayHostMs_(waitForTrayHostMs) {
-  auto item = std::make_unique<platform::qt::QtStatusItem>(waitForTrayHostMs);
-  item_ = item.get();
+DesktopShell::DesktopShell(ShellDeps deps, ShellHooks hooks, int waitForTrayHostMs,
+                           StatusItemPlacement placement)
+    : deps_(std::move(deps)),
+      hooks_(std::move(hooks)),
+      waitForTrayHostMs_(waitForTrayHostMs),
+      placement_(std::move(placement)) {
+  auto tray = std::make_unique<platform::qt::QtStatusItem>(waitForTrayHostMs);
+  item_ = tray.get();
+  std::unique_ptr<platform::StatusItemView> item = std::move(tray);
+  if (placement_.wrap) item = placement_.wrap(std::move(item));
   app::StatusMenuHooks m;
   m.tapInstalled = [this] { return hooks_.tapActive && hooks_.tapActive(); };
   m.tapProblem = [this] { return hooks_.tapProblem ? hooks_.tapProblem() : std::string(); };
@@ -103,6 +109,7 @@ void DesktopShell::showSettings() {
     h.tapActive = [this] { return hooks_.tapActive && hooks_.tapActive(); };
     h.tapProblem = [this] { return hooks_.tapProblem ? hooks_.tapProblem() : std::string(); };
     h.guardProblem = [this] { return hooks_.guardProblem ? hooks_.guardProblem() : std::string(); };
+    h.guardRoute = [this] { return hooks_.guardRoute ? hooks_.guardRoute() : std::string(); };
     h.openRules = [this] { menu_->chose(platform::MenuRow::rules); };
     h.openStats = [this] { menu_->chose(platform::MenuRow::stats); };
     h.checkNow = [this] { menu_->chose(platform::MenuRow::checkUpdates); };
@@ -167,6 +174,7 @@ void DesktopShell::whenNoTray(std::function<void()> fallback) {
   // A little after the item's own wait, so that it has had its chance.
   trayCheck_ = deps_.loop.after(waitForTrayHostMs_ / 1000.0 + 1.0, [this, fallback = std::move(fallback)] {
     if (!settings::Preferences(deps_.store).showMenuBar()) return;  // hidden on purpose
+    if (placement_.shownElsewhere && placement_.shownElsewhere()) return;
     QSystemTrayIcon* tray = item_->trayIcon();
     if (tray != nullptr && tray->isVisible() && QSystemTrayIcon::isSystemTrayAvailable()) return;
     if (fallback) fallback();

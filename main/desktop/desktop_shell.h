@@ -52,6 +52,8 @@ struct ShellDeps {
 /// What the shell asks of the application around it. Every member may be left empty: the window
 /// actions then open their window directly and the others write a log line.
 struct ShellHooks {
+  /// How the guard gets the keys on this desktop, for Settings; may be left empty.
+  std::function<std::string()> guardRoute;
   /// The keyboard guard has its grabs in place, and why not.
   std::function<bool()> tapActive;
   std::function<std::string()> tapProblem;
@@ -82,9 +84,20 @@ struct ShellHooks {
 
 /// The program's visible parts on the desktop: the tray item and its menu, and the Settings,
 /// Statistics, App Rules and About windows, each made on first use and kept.
+/// Where the status item shows besides the tray, on desktops that have a place of their own for it
+/// (GNOME's top bar, through Tarry's Shell extension). Both may be left empty.
+struct StatusItemPlacement {
+  /// Wraps the tray item into one that also shows elsewhere.
+  std::function<std::unique_ptr<platform::StatusItemView>(std::unique_ptr<platform::StatusItemView> tray)>
+      wrap;
+  /// True while the item shows elsewhere: no Settings window then stands in for a missing tray.
+  std::function<bool()> shownElsewhere;
+};
+
 class DesktopShell final {
  public:
-  DesktopShell(ShellDeps deps, ShellHooks hooks, int waitForTrayHostMs = 5000);
+  DesktopShell(ShellDeps deps, ShellHooks hooks, int waitForTrayHostMs = 5000,
+               StatusItemPlacement placement = {});
   ~DesktopShell();
   DesktopShell(const DesktopShell&) = delete;
   DesktopShell& operator=(const DesktopShell&) = delete;
@@ -125,6 +138,7 @@ class DesktopShell final {
   std::unique_ptr<platform::qt::QtAboutWindow> about_;
   std::unique_ptr<platform::qt::QtWindowShortcuts> shortcuts_;
   int waitForTrayHostMs_;
+  StatusItemPlacement placement_;
   platform::Scheduled trayCheck_;
 };
 

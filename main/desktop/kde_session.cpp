@@ -31,6 +31,7 @@ class KdeBackends final : public SessionBackends {
   platform::EventTap& tap() override { return tap_; }
   platform::Activity& activity() override { return activity_; }
   [[nodiscard]] std::string description() const override { return "KWin on Wayland display " + display_; }
+  [[nodiscard]] std::string guardRoute() const override { return "KWin's global shortcuts"; }
   /// A layer-shell overlay, as on sway: KWin speaks the protocol.
   [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(const Log& log) override {
     std::string error;

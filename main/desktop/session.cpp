@@ -79,15 +79,25 @@ Session detectSession(const std::function<const char*(const char*)>& env) {
   if (!wayland.empty() || type == "wayland") {
     session.display = wayland;
     session.desktop = get("XDG_CURRENT_DESKTOP");
-    session.kind = !get("SWAYSOCK").empty()    ? Session::Kind::sway
-                   : namesKde(session.desktop) ? Session::Kind::kde
-                                               : Session::Kind::otherWayland;
+    session.kind = !get("SWAYSOCK").empty()      ? Session::Kind::sway
+                   : namesGnome(session.desktop) ? Session::Kind::gnome
+                   : namesKde(session.desktop)   ? Session::Kind::kde
+                                                 : Session::Kind::otherWayland;
     if (session.desktop.empty() && session.kind == Session::Kind::sway) session.desktop = "sway";
     return session;
   }
   session.display = get("DISPLAY");
   if (!session.display.empty()) session.kind = Session::Kind::x11;
   return session;
+}
+
+bool namesGnome(const std::string& currentDesktop) {
+  std::istringstream names(currentDesktop);
+  std::string name;
+  while (std::getline(names, name, ':')) {
+    if (lower(name) == "gnome") return true;
+  }
+  return false;
 }
 
 bool namesKde(const std::string& currentDesktop) {
@@ -106,7 +116,7 @@ std::unique_ptr<SessionBackends> unsupportedBackends(std::string why, std::strin
 std::string unsupportedWaylandText(const std::string& desktop) {
   return "this Wayland desktop is not supported yet: " +
          (desktop.empty() ? std::string("unknown") : desktop) +
-         " (Tarry guards keys on X11, on sway and on KDE Plasma; GNOME needs its own backend)";
+         " (Tarry guards keys on X11, on sway, on GNOME and on KDE Plasma)";
 }
 
 void prepareQt(const Session& session) {
@@ -125,6 +135,11 @@ std::unique_ptr<SessionBackends> openSessionBackends(const Session& session, pla
       return openX11Session(session, loop, entries, error);
     case Session::Kind::sway:
       return openSwaySession(session, loop, entries, error);
+    case Session::Kind::gnome: {
+      std::string why;
+      if (auto gnome = openGnomeSession(session, entries, why)) return gnome;
+      return unsupportedBackends("cannot reach GNOME Shell: " + why, session.display);
+    }
     case Session::Kind::kde:
       return openKdeSession(session, loop, entries, error);
     case Session::Kind::otherWayland:

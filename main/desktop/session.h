@@ -5,6 +5,7 @@
 #include "platform/event_tap.h"
 #include "platform/hud_panel.h"
 #include "platform/main_loop.h"
+#include "platform/status_item.h"
 #include "platform/window_list.h"
 #include "platform/workspace.h"
 
@@ -20,8 +21,9 @@ struct Session {
     none,          // neither a Wayland nor an X display
     x11,           // an X server: the X11 backends
     sway,          // sway or another compositor speaking its IPC ($SWAYSOCK)
+    gnome,         // GNOME Shell on Wayland: Tarry's Shell extension
     kde,           // KDE Plasma on Wayland: KWin (when it is on the session bus)
-    otherWayland,  // a Wayland compositor without a backend yet (GNOME, ...)
+    otherWayland,  // a Wayland compositor without a backend yet
   };
   Kind kind = Kind::none;
   /// The display ($DISPLAY / $WAYLAND_DISPLAY) and, for Wayland, the desktop's name.
@@ -33,6 +35,8 @@ struct Session {
 /// that its Xwayland offers: the X11 route would see only X clients' keys.
 [[nodiscard]] Session detectSession(const std::function<const char*(const char*)>& env = {});
 
+/// True when an `XDG_CURRENT_DESKTOP` list names GNOME ("GNOME", "ubuntu:GNOME", ...).
+[[nodiscard]] bool namesGnome(const std::string& currentDesktop);
 /// True when an `XDG_CURRENT_DESKTOP` list names KDE ("KDE", "ubuntu:KDE", ...).
 [[nodiscard]] bool namesKde(const std::string& currentDesktop);
 
@@ -53,11 +57,21 @@ class SessionBackends {
   virtual platform::Activity& activity() = 0;
   /// For the log: "X display :1", "sway on wayland-1".
   [[nodiscard]] virtual std::string description() const = 0;
+  /// How the guard gets the keys here, for Settings ("X11 key grabs"); empty to say nothing.
+  [[nodiscard]] virtual std::string guardRoute() const { return {}; }
 
   using Log = std::function<void(const std::string&)>;
   /// The HUD's panel on this desktop, made once the toolkit runs; `log` hears why a better panel
   /// than the plain Qt window could not be had.
   [[nodiscard]] virtual std::unique_ptr<platform::HudPanel> makeHudPanel(const Log& log) = 0;
+  /// Wraps the tray item into one that also shows in the desktop's own place for it (GNOME's top
+  /// bar, where no tray host runs); the tray item itself where there is none.
+  [[nodiscard]] virtual std::unique_ptr<platform::StatusItemView> wrapStatusItem(
+      std::unique_ptr<platform::StatusItemView> tray) {
+    return tray;
+  }
+  /// True while the wrapped item shows in that place.
+  [[nodiscard]] virtual bool statusItemShownElsewhere() const { return false; }
 };
 
 /// Held keys are input: the compositor's idle timer does not run out during a hold.
@@ -72,8 +86,8 @@ class InputIsActivity final : public platform::Activity {
 void prepareQt(const Session& session);
 
 /// Opens the backends of `session`; nothing when the display cannot be reached (`error` says
-/// why). A Wayland desktop without a backend gets backends whose tap is never trusted and says
-/// so in its `lastError`.
+/// why). A Wayland desktop without a backend (or GNOME without a session bus) gets backends whose
+/// tap is never trusted and says so in its `lastError`.
 [[nodiscard]] std::unique_ptr<SessionBackends> openSessionBackends(const Session& session,
                                                                    platform::MainLoop& loop,
                                                                    platform::DesktopEntries& entries,
@@ -94,5 +108,10 @@ void prepareQt(const Session& session);
                                                               std::string& error);
 /// Backends whose tap is never trusted and says `why`: the guard stays off with that reason.
 [[nodiscard]] std::unique_ptr<SessionBackends> unsupportedBackends(std::string why, std::string display);
+/// GNOME on Wayland, through Tarry's Shell extension (installed and switched on for the user here
+/// when needed); nothing when there is no session bus or another program owns Tarry's bus name.
+[[nodiscard]] std::unique_ptr<SessionBackends> openGnomeSession(const Session& session,
+                                                                platform::DesktopEntries& entries,
+                                                                std::string& error);
 
 }  // namespace tarry::desktop

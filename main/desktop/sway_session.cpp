@@ -21,6 +21,7 @@ class SwayBackends final : public SessionBackends {
   platform::EventTap& tap() override { return tap_; }
   platform::Activity& activity() override { return activity_; }
   [[nodiscard]] std::string description() const override { return "sway on Wayland display " + display_; }
+  [[nodiscard]] std::string guardRoute() const override { return "sway's key bindings"; }
   /// A layer-shell overlay: above every window, never focused, click-through.
   [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(const Log& log) override {
     std::string error;

@@ -27,6 +27,7 @@ class X11Backends final : public SessionBackends {
   platform::EventTap& tap() override { return tap_; }
   platform::Activity& activity() override { return activity_; }
   [[nodiscard]] std::string description() const override { return "X display " + name_; }
+  [[nodiscard]] std::string guardRoute() const override { return "X11 key grabs"; }
   [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(const Log&) override {
     return std::make_unique<platform::qt::QtHudPanel>();
   }

@@ -69,17 +69,19 @@ platform::SettingsTexts settingsTexts() {
   return t;
 }
 
-platform::GuardStatus guardStatus(bool working, const std::string& problem) {
-  // Which combinations it guards is up to the settings above; this line only says it works.
-  if (working && problem.empty()) return {true, "Keyboard guard on", ""};
+platform::GuardStatus guardStatus(bool working, const std::string& problem, const std::string& route) {
+  // Which combinations it guards is up to the settings above; this line only says it works, and how.
+  if (working && problem.empty()) {
+    return {true, route.empty() ? "Keyboard guard on" : "Keyboard guard on, through " + route, ""};
+  }
   if (working) {
     return {false, "Keyboard guard not working: " + problem,
             "Tarry needs a window manager that tells which window is active (EWMH), as GNOME, KDE "
             "Plasma, Xfce and openbox do. It starts working by itself as soon as one runs."};
   }
   return {false, problem.empty() ? "Keyboard guard off" : "Keyboard guard off: " + problem,
-          "Tarry keeps trying by itself. It needs an X11 session; if another program uses one of the "
-          "shortcuts, free it there or in your desktop's keyboard settings."};
+          "Tarry keeps trying by itself. It works on X11, sway, KDE Plasma and GNOME; if another program "
+          "uses one of the shortcuts, free it there or in your desktop's keyboard settings."};
 }
 
 std::string holdValueText(double seconds) {
@@ -106,7 +108,7 @@ void SettingsWindow::refresh() {
   view_->setControls(c, holdValueText(c.holdSeconds));
   const bool working = hooks_.tapActive ? hooks_.tapActive() : false;
   const auto& why = working ? hooks_.guardProblem : hooks_.tapProblem;
-  view_->setGuardStatus(guardStatus(working, why ? why() : ""));
+  view_->setGuardStatus(guardStatus(working, why ? why() : "", hooks_.guardRoute ? hooks_.guardRoute() : ""));
 }
 
 void SettingsWindow::show() {

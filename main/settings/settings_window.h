@@ -17,6 +17,9 @@ struct SettingsWindowHooks {
   std::function<std::string()> tapProblem;
   /// Why the guard, with its grabs in place, cannot work now ("" while it works).
   std::function<std::string()> guardProblem;
+  /// How the guard gets the keys on this desktop ("X11 key grabs", "Tarry's GNOME Shell
+  /// extension"), in a few words; may be left empty.
+  std::function<std::string()> guardRoute;
   std::function<void()> openRules;
   std::function<void()> openStats;
   /// "Check Now" of the update section.
@@ -27,8 +30,9 @@ struct SettingsWindowHooks {
 
 /// The window's fixed texts: every label and every pop-up's items.
 [[nodiscard]] platform::SettingsTexts settingsTexts();
-/// The keyboard guard's line and what to do when it is off.
-[[nodiscard]] platform::GuardStatus guardStatus(bool working, const std::string& problem);
+/// The keyboard guard's line and what to do when it is off; a working guard names its `route`.
+[[nodiscard]] platform::GuardStatus guardStatus(bool working, const std::string& problem,
+                                                const std::string& route = {});
 /// "2 s", "2.5 s".
 [[nodiscard]] std::string holdValueText(double seconds);
 

@@ -18,7 +18,12 @@ if(NOT status EQUAL 0)
 endif()
 set(wanted ./usr/bin/tarry ./usr/share/applications/org.tarry.Tarry.desktop
   ./usr/share/metainfo/org.tarry.Tarry.metainfo.xml ./usr/share/icons/hicolor/scalable/apps/org.tarry.Tarry.svg
-  ./usr/share/tarry/tarry-kwin.js)
+  ./usr/share/tarry/tarry-kwin.js
+  # The GNOME Shell extension: in the Shell's folder, and both builds for a copy of the user's own.
+  ./usr/share/gnome-shell/extensions/tarry@tarry.org/extension.js
+  ./usr/share/gnome-shell/extensions/tarry@tarry.org/metadata.json
+  ./usr/share/tarry/gnome-extension/esm/tarry@tarry.org/extension.js
+  ./usr/share/tarry/gnome-extension/legacy/tarry@tarry.org/extension.js)
 foreach(size 16 24 32 48 64 128 256)
   list(APPEND wanted ./usr/share/icons/hicolor/${size}x${size}/apps/org.tarry.Tarry.png)
 endforeach()

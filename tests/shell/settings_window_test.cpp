@@ -45,6 +45,7 @@ class SettingsWindowTest : public ::testing::Test {
     hooks.tapActive = [this] { return tap; };
     hooks.tapProblem = [] { return std::string("Ctrl+Q is taken by another program"); };
     hooks.guardProblem = [this] { return guardProblem; };
+    hooks.guardRoute = [this] { return route; };
     hooks.openStats = [this] { trace.push_back("stats"); };
     hooks.log = [this](const std::string& line) { trace.push_back("log " + line); };
     window = std::make_unique<SettingsWindow>(std::move(owned), controller, std::move(hooks));
@@ -60,6 +61,7 @@ class SettingsWindowTest : public ::testing::Test {
   RecordingSettingsView* view = nullptr;
   bool tap = true;
   std::string guardProblem;
+  std::string route;
   std::unique_ptr<SettingsWindow> window;
 };
 
@@ -126,6 +128,14 @@ TEST_F(SettingsWindowTest, ResetAsksAndGuardTroubleIsExplained) {
   EXPECT_FALSE(store.get("holdSeconds").has_value());
   EXPECT_TRUE(store.get("appModes").has_value());
   EXPECT_EQ(view->controls.holdSeconds, 2.0);
+
+  // Working, it says how it gets the keys where the desktop tells.
+  window->refresh();
+  EXPECT_EQ(view->status.text, "Keyboard guard on");
+  route = "Tarry's GNOME Shell extension";
+  window->refresh();
+  EXPECT_TRUE(view->status.working);
+  EXPECT_EQ(view->status.text, "Keyboard guard on, through Tarry's GNOME Shell extension");
 
   // Grabs in place, but no window manager says which app is active.
   guardProblem = "no EWMH window manager is running";

@@ -399,17 +399,25 @@ TEST(Session, ThePlatformDecidesTheBackendsAndOtherWaylandDesktopsAreNamed) {
   // Inside a Wayland session the X display is Xwayland's: its grabs would see only X clients.
   EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-1"}, {"SWAYSOCK", "/run/s.sock"}}).kind,
             Kind::sway);
-  const desktop::Session gnome =
-      detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME"}});
-  EXPECT_EQ(gnome.kind, Kind::otherWayland);
+  // GNOME on Wayland by any of the names distributions give it; on Xorg it keeps the X11 backends.
+  EXPECT_EQ(
+      detect({{"DISPLAY", ":0"}, {"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME"}}).kind,
+      Kind::gnome);
+  EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "ubuntu:GNOME"}}).kind,
+            Kind::gnome);
+  EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"XDG_SESSION_TYPE", "x11"}, {"XDG_CURRENT_DESKTOP", "GNOME"}}).kind,
+            Kind::x11);
   EXPECT_EQ(detect({{"XDG_SESSION_TYPE", "wayland"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind, Kind::kde);
   EXPECT_EQ(detect({{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "ubuntu:KDE"}}).kind,
             Kind::kde);
   // Plasma on X11 keeps the X11 backends.
   EXPECT_EQ(detect({{"DISPLAY", ":0"}, {"XDG_SESSION_TYPE", "x11"}, {"XDG_CURRENT_DESKTOP", "KDE"}}).kind,
             Kind::x11);
-  EXPECT_TRUE(desktop::unsupportedWaylandText(gnome.desktop)
-                  .starts_with("this Wayland desktop is not supported yet: GNOME"));
+  const desktop::Session other =
+      detect({{"WAYLAND_DISPLAY", "wayland-0"}, {"XDG_CURRENT_DESKTOP", "GNOME-Flashback:Unity"}});
+  EXPECT_EQ(other.kind, Kind::otherWayland);
+  EXPECT_TRUE(desktop::unsupportedWaylandText(other.desktop)
+                  .starts_with("this Wayland desktop is not supported yet: GNOME-Flashback:Unity"));
 }
 
 }  // namespace

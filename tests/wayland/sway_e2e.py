@@ -182,12 +182,12 @@ def russian_layout_is_guarded_on_the_q_key(d):
 
 @case
 def other_wayland_desktop_is_named(d):
-    # A Wayland session without sway's IPC, as GNOME or KDE Plasma would be.
-    tarry = d.spawn([d.tarry, "--autostart"], "tarry", {"SWAYSOCK": None, "XDG_CURRENT_DESKTOP": "GNOME"})
-    wait_for("the reason in the log", lambda: "keyboard guard off: this Wayland desktop is not supported yet: GNOME"
-             in d.events_log())
+    # A Wayland session without sway's IPC, and neither GNOME nor KDE Plasma.
+    tarry = d.spawn([d.tarry, "--autostart"], "tarry", {"SWAYSOCK": None, "XDG_CURRENT_DESKTOP": "Hyprland"})
+    wait_for("the reason in the log", lambda: "keyboard guard off: this Wayland desktop is not supported yet: "
+             "Hyprland" in d.events_log())
     check(tarry.poll() is None, "tarry ended instead of running with the guard off")
-    check("this Wayland desktop is not supported yet: GNOME" in d.output("tarry"), "nothing said on stderr")
+    check("this Wayland desktop is not supported yet: Hyprland" in d.output("tarry"), "nothing said on stderr")
 
 
 CTRL_Q = ("-M", "ctrl", "-P", "q", "-s", "50", "-p", "q", "-m", "ctrl")

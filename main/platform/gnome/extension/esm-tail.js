@@ -1,0 +1,12 @@
+
+export default class TarryExtension extends Extension {
+    enable() {
+        this._guard = new TarryGuard(this.metadata.version);
+        this._guard.enable();
+    }
+
+    disable() {
+        this._guard.disable();
+        this._guard = null;
+    }
+}

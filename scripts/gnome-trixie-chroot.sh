@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Runs the GNOME 45+ build of Tarry's Shell extension in a GNOME 45+ Shell: makes a Debian 13
+# (trixie) chroot with debootstrap once (about 1.5 GB, under /var/tmp/tarry-trixie by default),
+# with gnome-shell and the test harness's packages, then runs tests/gnome/extension_smoke.py in it
+# against the esm build: the Shell loads the extension, which grabs Ctrl+Q only while Tarry's bus
+# name is owned, reports press and release, types a combination back and answers window questions.
+#
+#   scripts/gnome-trixie-chroot.sh [BUILD_DIR]        (as root; BUILD_DIR default build/release)
+#
+# TARRY_TRIXIE_ROOT picks the chroot's folder; TARRY_DEBIAN_MIRROR the mirror.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build="$(realpath "${1:-build/release}")"
+root="${TARRY_TRIXIE_ROOT:-/var/tmp/tarry-trixie}"
+mirror="${TARRY_DEBIAN_MIRROR:-http://deb.debian.org/debian}"
+packages="gnome-shell gjs gir1.2-gtk-4.0 python3 python3-gi python3-dbus dbus-daemon libglib2.0-bin"
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "gnome-trixie-chroot: run as root (debootstrap and chroot)" >&2
+  exit 1
+fi
+if [ ! -f "$build/gnome-extension/esm/tarry@tarry.org/extension.js" ]; then
+  echo "gnome-trixie-chroot: build the extension first (cmake --build $build)" >&2
+  exit 1
+fi
+if [ ! -x "$root/usr/bin/gnome-shell" ]; then
+  command -v debootstrap >/dev/null || apt-get install -y --no-install-recommends debootstrap
+  [ -x "$root/bin/sh" ] || debootstrap --variant=minbase trixie "$root" "$mirror"
+  chroot "$root" apt-get update -q
+  DEBIAN_FRONTEND=noninteractive chroot "$root" apt-get install -y -q --no-install-recommends $packages
+fi
+
+work="$root/tmp/tarry-smoke"
+rm -rf "$work"
+mkdir -p "$work"
+cp -r tests "$work/tests"
+cp -r "$build/gnome-extension" "$work/gnome-extension"
+mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
+mountpoint -q "$root/dev" || mount --bind /dev "$root/dev"
+trap 'umount "$root/dev" "$root/proc" 2>/dev/null || true' EXIT
+chroot "$root" gnome-shell --version
+chroot "$root" env TARRY_SMOKE_SCREENSHOT=/tmp/tarry-smoke/smoke.png python3 /tmp/tarry-smoke/tests/gnome/extension_smoke.py --extensions /tmp/tarry-smoke/gnome-extension
+cp "$work/smoke.png" "${TMPDIR:-/tmp}/tarry-gnome48-smoke.png" && echo "screenshot: ${TMPDIR:-/tmp}/tarry-gnome48-smoke.png"

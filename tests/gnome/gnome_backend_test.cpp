@@ -1,0 +1,162 @@
+// What the GNOME backends make of the extension's words, windows and settings, without a Shell.
+#include "platform/gnome/gnome_event_tap.h"
+#include "platform/gnome/gnome_extension_setup.h"
+#include "platform/gnome/gnome_hud_panel.h"
+#include "platform/gnome/gnome_status_item.h"
+#include "platform/gnome/gnome_workspace.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace tarry::platform::gnome {
+namespace {
+
+TEST(GnomeKeys, WordsBecomeTheGuardsKeyEventsAndPostedKeysTheirWords) {
+  const std::optional<KeyEvent> logout = keyEventOfWord("logout", true);
+  ASSERT_TRUE(logout);
+  EXPECT_EQ(logout->type, EventType::keyDown);
+  EXPECT_EQ(logout->keyCode, kKeyQ);
+  EXPECT_EQ(logout->flags, kFlagCommand | kFlagShift);
+  EXPECT_EQ(logout->unmodifiedText, std::u16string(u"q"));
+  const std::optional<KeyEvent> up = keyEventOfWord("quit", false);
+  ASSERT_TRUE(up);
+  EXPECT_EQ(up->type, EventType::keyUp);
+  EXPECT_TRUE(up->text.empty());
+  // Only typed, never reported; and nothing for words from another version.
+  EXPECT_FALSE(keyEventOfWord("reopen", true));
+  EXPECT_FALSE(keyEventOfWord("frob", true));
+
+  // Ctrl up during a hold: only Shift left.
+  EXPECT_EQ(flagsOfMask(1), kFlagShift);
+  EXPECT_EQ(flagsOfMask(4 | 8), kFlagCommand | kFlagOption);
+
+  KeyEvent close;
+  close.keyCode = kKeyW;
+  close.flags = kFlagCommand;
+  EXPECT_EQ(wordOfPosted(close), "close");
+  close.flags = kFlagCommand | kFlagShift;
+  EXPECT_EQ(wordOfPosted(close), "");
+  KeyEvent reopen;
+  reopen.keyCode = kKeyT;
+  reopen.flags = kFlagCommand | kFlagShift;
+  EXPECT_EQ(wordOfPosted(reopen), "reopen");
+}
+
+TEST(GnomeWindows, TheShellsDesktopIdComesFirstAndItsMakeshiftIdsAreSkipped) {
+  const auto window = gnomeWindowOf(nlohmann::json::parse(
+      R"({"id": 7, "pid": 42, "wmClass": "Gedit", "gtkAppId": "org.gnome.gedit", "desktopId": "org.gnome.gedit.desktop",
+          "x": 10, "y": 20, "width": 300, "height": 200, "minimized": true, "normal": true})"));
+  ASSERT_TRUE(window);
+  EXPECT_EQ(window->id, 7U);
+  EXPECT_TRUE(window->minimized);
+  EXPECT_EQ(window->height, 200);
+  EXPECT_EQ(gnomeEntryNames(*window), (std::vector<std::string>{"org.gnome.gedit", "Gedit"}));
+
+  GnomeWindow unknown;
+  unknown.desktopId = "window:12";
+  unknown.wmClass = "xterm";
+  EXPECT_EQ(gnomeEntryNames(unknown), std::vector<std::string>{"xterm"});
+
+  EXPECT_FALSE(gnomeWindowOf(nlohmann::json::parse(R"({"id": 7})")));  // no process
+  EXPECT_FALSE(gnomeWindowOf(nlohmann::json::parse(R"([1, 2])")));
+}
+
+TEST(GnomeExtensionSetup, InstallsEnablesAndSaysWhatIsLeftForTheUser) {
+  ExtensionFacts first;
+  first.bundledVersion = 3;
+  ExtensionPlan plan = planExtensionSetup(first);
+  EXPECT_TRUE(plan.installUserCopy);
+  EXPECT_TRUE(plan.enable);
+  EXPECT_EQ(plan.problem, "Log out and back in once to finish setting up Tarry");
+
+  // The package's copy is current and the Shell runs it: nothing to do or say.
+  ExtensionFacts packaged = first;
+  packaged.systemVersion = 3;
+  packaged.enabled = {kExtensionUuid};
+  packaged.running = true;
+  plan = planExtensionSetup(packaged);
+  EXPECT_FALSE(plan.installUserCopy);
+  EXPECT_FALSE(plan.enable);
+  EXPECT_EQ(plan.problem, "");
+
+  // An older copy of the user's is replaced, and runs until the next login.
+  ExtensionFacts older = packaged;
+  older.systemVersion.reset();
+  older.userVersion = 2;
+  plan = planExtensionSetup(older);
+  EXPECT_TRUE(plan.installUserCopy);
+  EXPECT_NE(plan.problem.find("was updated"), std::string::npos);
+
+  // Switched off by the user: left off, and said.
+  ExtensionFacts off = first;
+  off.userVersion = 3;
+  off.disabled = {kExtensionUuid};
+  plan = planExtensionSetup(off);
+  EXPECT_FALSE(plan.enable);
+  EXPECT_TRUE(plan.problem.starts_with("Tarry's GNOME Shell extension is switched off"));
+  off.userExtensionsOff = true;
+  EXPECT_TRUE(planExtensionSetup(off).problem.starts_with("Extensions are switched off in GNOME"));
+
+  EXPECT_EQ(extensionFormat(43), "legacy");
+  EXPECT_EQ(extensionFormat(45), "esm");
+  EXPECT_EQ(extensionFormat(0), "legacy");
+}
+
+TEST(GnomeExtensionSetup, ShellSettingListsReadAndWriteBack) {
+  EXPECT_TRUE(parseStringList("@as []\n").empty());
+  const std::vector<std::string> list = parseStringList("['a@b.org', 'it\\'s@x']\n");
+  EXPECT_EQ(list, (std::vector<std::string>{"a@b.org", "it's@x"}));
+  EXPECT_EQ(parseStringList(formatStringList(list)), list);
+  EXPECT_EQ(formatStringList({}), "[]");
+}
+
+TEST(GnomeExtensionSetup, TheBuildsVersionIsReadFromItsMetadata) {
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "tarry-gnome-metadata-test";
+  std::filesystem::create_directories(dir);
+  std::ofstream(dir / "metadata.json") << R"({"uuid": "tarry@tarry.org", "version": 4})";
+  EXPECT_EQ(extensionVersionAt(dir), 4);
+  std::ofstream(dir / "metadata.json") << R"({"uuid": "tarry@tarry.org", "version": "4"})";
+  EXPECT_FALSE(extensionVersionAt(dir));
+  std::filesystem::remove_all(dir);
+  EXPECT_FALSE(extensionVersionAt(dir));
+}
+
+TEST(GnomeHud, TheLayoutGoesToTheExtensionAsTheLogicDecidedIt) {
+  HudLayout layout;
+  layout.label.text = "Hold Ctrl+Q to quit Mail";
+  layout.label.frame = {76, 54, 236, 24};
+  layout.label.font.weight = FontWeight::semibold;
+  layout.pctLabel.alignment = TextAlignment::right;
+  layout.bar.track.rect = {0, 0, 236, 8};
+  nlohmann::json json = hudLayoutJson(layout);
+  EXPECT_EQ(json["label"]["frame"]["y"], 54);
+  EXPECT_EQ(json["label"]["font"]["weight"], "semibold");
+  EXPECT_EQ(json["pctLabel"]["alignment"], "right");
+  EXPECT_TRUE(json["bar"]["fill"].is_null());  // nothing filled yet
+  layout.bar.fill = RoundedRect{{0, 0, 118, 8}, 4, {1, 0.8, 0, 1}};
+  EXPECT_EQ(hudLayoutJson(layout)["bar"]["fill"]["rect"]["width"], 118);
+}
+
+TEST(GnomeStatusMenu, EveryRowGoesByItsWordInTheMenusOrder) {
+  std::array<MenuRowState, kMenuRowCount> rows{};
+  rows[static_cast<std::size_t>(MenuRow::toggle)] = {"Protect Ctrl+Q", true, true, true, ""};
+  rows[static_cast<std::size_t>(MenuRow::undo)].visible = false;
+  const nlohmann::json json =
+      statusMenuJson(rows, {{RecentRow::Kind::reopen, "Mail", "/usr/share/applications/mail.desktop"}},
+                     "/run/icon.png", {"3", "3 blocked today"}, true);
+  ASSERT_EQ(json["rows"].size(), static_cast<std::size_t>(kMenuRowCount));
+  EXPECT_EQ(json["rows"][2]["row"], "toggle");
+  EXPECT_EQ(json["rows"][2]["checked"], true);
+  EXPECT_EQ(json["rows"][9]["row"], "undo");
+  EXPECT_EQ(json["rows"][9]["visible"], false);
+  EXPECT_EQ(json["rows"].back()["row"], "quit");
+  EXPECT_EQ(json["recents"][0]["kind"], "reopen");
+  EXPECT_EQ(json["toolTip"], "3 blocked today");
+  EXPECT_STREQ(menuRowWord(MenuRow::pauseTomorrow), "pauseTomorrow");
+}
+
+}  // namespace
+}  // namespace tarry::platform::gnome

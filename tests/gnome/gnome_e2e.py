@@ -1,0 +1,268 @@
+#!/usr/bin/env python3
+"""End-to-end cases of tarry on a headless GNOME Shell (see gnome_harness.py).
+
+    gnome_e2e.py --tarry PATH --extensions DIR CASE     runs one case; 0 when it holds, 77 when
+                                                        GNOME Shell cannot run here
+    gnome_e2e.py --list                                 names the cases
+
+DIR holds the extension's builds (`esm/`, `legacy/`); the one for the installed Shell is used.
+"""
+
+import argparse
+import os
+import re
+import signal
+import subprocess
+import sys
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from gnome_harness import (CLIENT_ID, EXTENSION_UUID, GDK_Q, GDK_q, GDK_w, SKIP, Failure, GnomeDesktop,  # noqa: E402
+                           Skip, wait_for)
+
+CASES = {}
+
+
+def case(fn):
+    CASES[fn.__name__] = fn
+    return fn
+
+
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def settle(seconds=0.4):
+    """Time for events to travel between the processes; never a measured quantity."""
+    time.sleep(seconds)
+
+
+def ctrl_presses(client, keyval):
+    return [p for p in client.presses(keyval) if p[2]]
+
+
+@case
+def short_press_is_blocked_with_hud(d):
+    client = d.start_client("app")
+    d.start_tarry()
+    typing = d.hold("q", 1200)
+    wait_for("the HUD to show", d.hud_visible, timeout=1.1, interval=0.05)
+    typing.wait(timeout=10)
+    wait_for("one blocked quit to be counted", lambda: d.counter("saved") == 1)
+    wait_for("the HUD to hide", lambda: not d.hud_visible(), timeout=5)
+    settle()
+    check(client.alive(), "the client ended")
+    check(not client.presses(GDK_q), "Ctrl+Q reached the client: %s" % client.presses(GDK_q))
+    check(d.focused_pid() == client.process.pid, "the client lost the focus")
+
+
+@case
+def long_hold_quits_politely(d):
+    d.defaults("write", "busyGuard", "false")
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("q", 3000)
+    # The default hold is 2 s: the close request must come well before the keys go up.
+    wait_for("the Shell's close request", client.close_requests, timeout=2.9)
+    wait_for("the client to end", lambda: not client.alive(), timeout=10)
+    check(not client.presses(GDK_q), "the held Ctrl+Q itself reached the client")
+    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+
+
+@case
+def press_twice_quits_and_closes(d):
+    d.defaults("write", "style", "1")  # press twice
+    d.defaults("write", "closeHold", "1")
+    client = d.start_client("app")
+    d.start_tarry()
+    # Ctrl+W twice: the second press lets it through, typed once the key is up.
+    d.hold("w", 100, background=False)
+    settle(0.3)
+    check(not ctrl_presses(client, GDK_w), "the first Ctrl+W reached the client")
+    d.hold("w", 100, background=False)
+    wait_for("Ctrl+W to reach the client after the second press", lambda: ctrl_presses(client, GDK_w), timeout=3)
+    settle(1.8)  # past the press-twice window
+    d.hold("q", 100, background=False)
+    settle(0.3)
+    check(client.alive() and not client.close_requests(), "one press quit the client")
+    d.hold("q", 100, background=False)
+    wait_for("the client to end after the second press", lambda: not client.alive(), timeout=8)
+    check(not client.presses(GDK_q), "Ctrl+Q itself reached the client")
+    check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
+    wait_for("both confirmations to be counted", lambda: d.counter("twice.confirmed") == 2)
+
+
+@case
+def close_hold_lets_ctrl_w_through(d):
+    d.defaults("write", "closeHold", "1")
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("w", 200, background=False)
+    settle()
+    check(not ctrl_presses(client, GDK_w), "a short Ctrl+W reached the client")
+    d.hold("w", 1600, background=False)
+    wait_for("Ctrl+W to reach the client after the hold", lambda: ctrl_presses(client, GDK_w), timeout=5)
+    check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
+    check("Ctrl+W confirmed" in d.events_log(), "no confirmation in the log")
+
+
+@case
+def logout_hold_lets_ctrl_shift_q_through(d):
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("q", 300, mods=("ctrl", "shift"), background=False)
+    settle()
+    check(not client.presses(GDK_Q), "a short Ctrl+Shift+Q reached the client")
+    # Held past the 2 s: typed at the release, with Ctrl and Shift still down.
+    d.hold("q", 2600, mods=("ctrl", "shift"), background=False)
+    wait_for("Ctrl+Shift+Q to reach the client", lambda: client.presses(GDK_Q), timeout=5)
+    check([(c, sh) for _, _, c, sh in client.presses(GDK_Q)] == [(True, True)],
+          "the client got %s" % client.presses(GDK_Q))
+    check(client.alive(), "the client was quit")
+
+
+@case
+def russian_layout_is_guarded_on_the_q_key(d):
+    # On a Russian layout the Q key types й; apps take Ctrl+й as Ctrl+Q, so the guard must, and the
+    # hold ends at that key's release although it comes up as й.
+    d.defaults("write", "busyGuard", "false")
+    d.eval("imports.gi.Gio.Settings.new('org.gnome.desktop.input-sources').set_value('sources', "
+           "new imports.gi.GLib.Variant('a(ss)', [['xkb', 'us'], ['xkb', 'ru']])); true")
+    wait_for("the Russian layout", lambda: d.eval(
+        "(() => { const m = imports.ui.status.keyboard.getInputSourceManager(); const s = m.inputSources[1]; "
+        "if (s) s.activate(); return m.currentSource ? m.currentSource.id : ''; })()") == "ru", timeout=5)
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("q", 300, background=False)
+    wait_for("the short press to be blocked", lambda: d.counter("saved") == 1)
+    check(client.alive() and not client.close_requests(), "a short Ctrl+Q on the Russian layout quit the app")
+    d.hold("q", 2600)
+    wait_for("the app to be quit by the held keys", lambda: not client.alive(), timeout=10)
+    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+
+
+@case
+def killed_during_hold_leaves_ctrl_q_working(d):
+    client = d.start_client("app")
+    tarry = d.start_tarry()
+    typing = d.hold("q", 400)
+    wait_for("the hold to begin", d.hud_visible, timeout=1.5, interval=0.05)
+    tarry.send_signal(signal.SIGKILL)
+    tarry.wait()
+    typing.wait(timeout=10)
+    # The next press, as soon as the held keys are up, reaches the app at once: the extension let
+    # go of the keys when tarry's bus name went.
+    out = d.run(["python3", d.typist, "+ctrl", "+q", "50", "-q", "-ctrl"]).stdout.decode().split("\n")
+    pressed = next(int(line.split()[0]) / 1e6 for line in out if line.endswith(" +q"))
+    wait_for("Ctrl+Q to reach the client", lambda: ctrl_presses(client, GDK_q), timeout=3)
+    arrived = ctrl_presses(client, GDK_q)[0][0]
+    check(arrived - pressed < 0.3, "Ctrl+Q reached the client %.2f s after it was pressed" % (arrived - pressed))
+    settle()
+    check(not d.hud_visible(), "the HUD stayed on screen")
+
+
+@case
+def undo_brings_the_window_back_where_it_was(d):
+    d.defaults("write", "busyGuard", "false")
+    client = d.start_client("app")
+    # Somewhere the Shell would not place a new window by itself.
+    d.eval("global.display.focus_window.move_resize_frame(true, 101, 133, 700, 420); true")
+    wait_for("the window to move", lambda: [w[2:6] for w in d.windows()] == [[101, 133, 700, 420]], timeout=5)
+    d.start_tarry()
+    d.hold("q", 2600).wait(timeout=10)
+    wait_for("the client to end", lambda: not client.alive(), timeout=10)
+    d.keys("+ctrl", "+alt", "+z", 50, "-z", "-alt", "-ctrl")
+    wait_for("the app to come back", lambda: [w for w in d.windows() if w[1] == CLIENT_ID], timeout=15)
+    wait_for("its window where it was", lambda: [w[2:6] for w in d.windows() if w[1] == CLIENT_ID] ==
+             [[101, 133, 700, 420]], timeout=8)
+    check("undo" in d.events_log().lower(), "no undo in the log")
+
+
+@case
+def status_menu_in_the_top_bar_without_a_tray(d):
+    d.defaults("write", "showMenuBar", "true")
+    d.start_client("app")
+    d.start_tarry()
+    item = "Main.panel.statusArea['tarry-status']"
+    wait_for("Tarry's item in the top bar", lambda: d.eval("!!" + item) is True, timeout=10)
+    # Opening the menu has tarry bring its rows up to date.
+    d.eval(item + ".menu.open(); true")
+    wait_for("the header to say the guard is on",
+             lambda: d.eval(item + ".menu._getMenuItems()[0].label.text").startswith("Active"), timeout=5)
+    titles = d.eval(item + ".menu._getMenuItems().map(i => i.label ? i.label.text : '')")
+    check(titles[0].startswith("Active") and "Protect Ctrl+Q" in titles and titles[-1] == "Quit Tarry",
+          "the menu reads %s" % titles)
+    # The switch goes through tarry's menu logic: protection off, and the menu follows.
+    d.eval(item + ".menu._getMenuItems()[%d].emit('activate', null); true" % titles.index("Protect Ctrl+Q"))
+    enabled = lambda: d.run([d.tarry, "defaults", "read", "enabled"], check=False).stdout.decode().strip()
+    wait_for("protection to be off", lambda: enabled() == "false", timeout=5)
+    wait_for("the menu to say so", lambda: not d.eval(item + ".menu._getMenuItems()[0].label.text").startswith(
+        "Active"), timeout=5)
+    # Past the wait for a tray host: no Settings window stands in for the item.
+    settle(7)
+    check([w[1] for w in d.windows()] == [CLIENT_ID], "windows: %s" % d.windows())
+
+
+@case
+def first_run_installs_the_extension_and_asks_for_a_new_login(d):
+    proc = d.spawn([d.tarry, "--autostart"], "tarry")
+    wait_for("the request to log out and in", lambda: "keyboard guard off: Log out and back in once to finish "
+             "setting up Tarry" in d.events_log(), timeout=15)
+    check(proc.poll() is None, "tarry ended")
+    installed = os.path.join(d.env["XDG_DATA_HOME"], "gnome-shell", "extensions", EXTENSION_UUID, "metadata.json")
+    check(os.path.exists(installed), "the extension was not installed for the user")
+    check("'%s'" % EXTENSION_UUID in d.settings_file(), "the extension was not switched on: " + d.settings_file())
+    d.tarry_proc = proc
+    # The next login: the Shell loads the extension and tarry guards with no further step.
+    d.restart_shell()
+    wait_for("the Shell to run the extension", lambda: d.extension_state() == 1, timeout=10)
+    client = d.start_client("app")
+    d.start_tarry()
+    d.hold("q", 200, background=False)
+    wait_for("the short press to be blocked", lambda: d.counter("saved") == 1)
+    check(client.alive() and not ctrl_presses(client, GDK_q), "Ctrl+Q reached the app")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tarry")
+    parser.add_argument("--extensions")
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("case", nargs="?")
+    args = parser.parse_args()
+    if args.list:
+        print("\n".join(CASES))
+        return 0
+    if args.case not in CASES:
+        parser.error("unknown case: %s" % args.case)
+    try:
+        desktop = GnomeDesktop(args.tarry, extension_build(args.extensions),
+                               install_extension=not args.case.startswith("first_run"))
+    except Skip as skip:
+        print("SKIP: " + str(skip))
+        return SKIP
+    try:
+        CASES[args.case](desktop)
+    except Failure as failure:
+        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
+        return 1
+    finally:
+        desktop.close()
+    print("ok " + args.case)
+    return 0
+
+
+def extension_build(root):
+    """The extension's build for the installed Shell: ES modules from GNOME 45."""
+    try:
+        version = subprocess.run(["gnome-shell", "--version"], capture_output=True, text=True).stdout
+    except FileNotFoundError:
+        raise Skip("gnome-shell is not installed")
+    match = re.search(r"(\d+)\.", version)
+    major = int(match.group(1)) if match else 0
+    return os.path.join(root, "esm" if major >= 45 else "legacy", EXTENSION_UUID)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
