@@ -82,7 +82,9 @@ work, Undo Quit (Ctrl+Alt+Z brings a quit application back with its windows),
 Quit All Other Apps, a RAM Saver that quits applications left idle, and
 statistics of the shortcuts it caught are part of it.
 
-Tarry guards X11 desktops with an EWMH window manager and sway on Wayland.]])
+Tarry guards X11 desktops with an EWMH window manager, and on Wayland sway,
+KDE Plasma (through KWin's global shortcuts and a KWin script) and GNOME
+(through a GNOME Shell extension that the package installs).]])
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${TARRY_DEB_RELEASE})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
