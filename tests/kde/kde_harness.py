@@ -2,9 +2,9 @@
 own, `kwin_wayland --virtual`, the Wayland test client, tarry with its own configuration, and
 tarry-kde-typist (KWin's fake input) as the user's hands.
 
-/usr/bin/kwin_wayland carries a file capability (cap_sys_resource) that a container refuses to
-exec; the harness runs a copy without it, still called kwin_wayland (its Qt platform plugin goes by
-the program's name). Run as root (as CI does), everything runs as the unprivileged user of the
+/usr/bin/kwin_wayland carries a file capability (cap_sys_resource on KWin 5.27, cap_sys_nice on
+Plasma 6) that a container refuses to exec; the harness runs a copy without it, still called
+kwin_wayland (its Qt platform plugin goes by the program's name). Run as root (as CI does), everything runs as the unprivileged user of the
 sway tests, from copies in a temporary folder that user owns. KWin offers its fake input only to
 programs whose desktop file declares it: the typist gets one here; tarry writes its own. Every
 process started here is ended by `close()` (also on SIGTERM, which ctest sends on a timeout), and
@@ -32,6 +32,14 @@ Type=Application
 Name=Tarry KDE Typist
 Exec={exe}
 X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input
+"""
+
+# What the tests' own KWin scripts call, under Plasma 6's names or KWin 5.27's.
+EVAL_PRELUDE = """
+var plasma6 = typeof workspace.windowList === "function";
+function allWindows() { return plasma6 ? workspace.windowList() : workspace.clientList(); }
+function activeWindow() { return plasma6 ? workspace.activeWindow : workspace.activeClient; }
+function activate(w) { if (plasma6) workspace.activeWindow = w; else workspace.activeClient = w; }
 """
 
 # evdev key codes
@@ -165,7 +173,11 @@ class KdeDesktop:
             raise Skip("dbus-daemon did not start: " + self.output("dbus"))
         self.env["DBUS_SESSION_BUS_ADDRESS"] = address
         # KWin finds the typist's desktop file through the service cache.
-        self.run(["kbuildsycoca5", "--noincremental"], timeout=60, check=False)
+        self.run([self.sycoca(), "--noincremental"], timeout=60, check=False)
+
+    def sycoca(self):
+        """kbuildsycoca6 (Plasma 6) or kbuildsycoca5 (Plasma 5.27)."""
+        return "kbuildsycoca6" if shutil.which("kbuildsycoca6", path=self.env["PATH"]) else "kbuildsycoca5"
 
     def has_owner(self, name):
         result = self.run(["dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
@@ -228,7 +240,7 @@ class KdeDesktop:
             raise Failure("tarry ended at start: " + self.output("tarry"))
         # A first start writes tarry's desktop file and refreshes the service cache; fake input is
         # offered once that is done.
-        wait_for("the service cache to be refreshed", lambda: not self.running("kbuildsycoca5"), timeout=20)
+        wait_for("the service cache to be refreshed", lambda: not self.running(self.sycoca()), timeout=20)
         return self.tarry_proc
 
     def lock_applications(self):
@@ -271,18 +283,25 @@ class KdeDesktop:
 
     def kwin_eval(self, body):
         """Runs a KWin script whose `body` may call `answer(value)` once; returns the value (JSON).
-        KWin 5.27 names (clientList, activeClient)."""
+        The body lists windows with `allWindows()`, and reads and sets the active one with
+        `activeWindow()` and `activate(w)`, under the names of Plasma 6 or KWin 5.27."""
         self._evals = getattr(self, "_evals", 0) + 1
         marker = "tarry-eval-%d" % self._evals
         path = os.path.join(self.tmp, marker + ".js")
         with open(path, "w", encoding="utf-8") as f:
-            f.write("function answer(v) { print('%s ' + JSON.stringify(v)); }\n%s\n" % (marker, body))
+            f.write("function answer(v) { print('%s ' + JSON.stringify(v)); }\n%s\n%s\n" % (marker, EVAL_PRELUDE, body))
         self.chown(path)
         loaded = self.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.KWin", "/Scripting",
                            "org.kde.kwin.Scripting.loadScript", "string:" + path, "string:" + marker])
         script_id = int(loaded.stdout.split()[-1])
-        self.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.KWin", "/%d" % script_id,
-                  "org.kde.kwin.Script.run"])
+        # Plasma 6 names the script's object /Scripting/Script<id>, KWin 5.27 /<id>.
+        for script in ("/Scripting/Script%d" % script_id, "/%d" % script_id):
+            ran = self.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.KWin", script,
+                            "org.kde.kwin.Script.run"], check=False)
+            if ran.returncode == 0:
+                break
+        else:
+            raise Failure("KWin did not run a script: " + ran.stderr.decode(errors="replace"))
         try:
             def answered():
                 for line in self.output("kwin").splitlines():
@@ -299,20 +318,20 @@ class KdeDesktop:
         """caption, pid, [x, y, w, h], minimized, active of every normal window."""
         return self.kwin_eval("""
             var out = [];
-            var all = workspace.clientList();
+            var all = allWindows();
             for (var i = 0; i < all.length; ++i) {
               var w = all[i];
               if (!w.normalWindow) continue;
               var g = w.frameGeometry;
               out.push({caption: String(w.caption), pid: w.pid, frame: [g.x, g.y, g.width, g.height],
-                        minimized: w.minimized, active: w === workspace.activeClient});
+                        minimized: w.minimized, active: w === activeWindow()});
             }
             answer(out);""")
 
     def set_window(self, caption, frame=None, minimized=None, activate=False):
         """Moves and sizes, (un)minimizes or activates the window with this caption, as a user would."""
         return self.kwin_eval("""
-            var all = workspace.clientList();
+            var all = allWindows();
             var done = false;
             for (var i = 0; i < all.length; ++i) {
               var w = all[i];
@@ -320,7 +339,7 @@ class KdeDesktop:
               var frame = %s, minimized = %s;
               if (frame) w.frameGeometry = {x: frame[0], y: frame[1], width: frame[2], height: frame[3]};
               if (minimized !== null) w.minimized = minimized;
-              if (%s) workspace.activeClient = w;
+              if (%s) activate(w);
               done = true;
             }
             answer(done);""" % (json.dumps(caption), json.dumps(frame), json.dumps(minimized),
