@@ -42,6 +42,14 @@ function activeWindow() { return plasma6 ? workspace.activeWindow : workspace.ac
 function activate(w) { if (plasma6) workspace.activeWindow = w; else workspace.activeClient = w; }
 """
 
+# KDE Frameworks 6 lists applications (and with them the typist's desktop file) in the service
+# cache only through a menu, which Plasma 6's workspace ships; KWin 5.27's Frameworks bring their own
+# under another name (kf5-applications.menu).
+APPLICATIONS_MENU = """<!DOCTYPE Menu PUBLIC "-//freedesktop//DTD Menu 1.0//EN"
+ "http://www.freedesktop.org/standards/menu-spec/1.0/menu.dtd">
+<Menu><Name>Applications</Name><DefaultAppDirs/><DefaultDirectoryDirs/><Include><All/></Include></Menu>
+"""
+
 # evdev key codes
 KEY_CTRL, KEY_SHIFT, KEY_ALT = 29, 42, 56
 KEY_Q, KEY_W, KEY_Z, KEY_A, KEY_ENTER = 16, 17, 44, 30, 28
@@ -100,6 +108,10 @@ class KdeDesktop:
         apps = os.path.join(self.tmp, "data", "applications")
         os.makedirs(apps)
         os.makedirs(home)
+        menus = os.path.join(self.tmp, "config", "menus")
+        os.makedirs(menus)
+        with open(os.path.join(menus, "applications.menu"), "w", encoding="utf-8") as f:
+            f.write(APPLICATIONS_MENU)
         with open(os.path.join(apps, CLIENT_ID + ".desktop"), "w", encoding="utf-8") as f:
             f.write(CLIENT_ENTRY)
         with open(os.path.join(apps, "org.tarry.KdeTypist.desktop"), "w", encoding="utf-8") as f:
