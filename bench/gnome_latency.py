@@ -18,7 +18,6 @@ Prints median and 99th percentile of each.
 
 import argparse
 import os
-import statistics
 import sys
 import time
 
@@ -26,6 +25,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "tests", "gnome"))
 from gnome_e2e import extension_build  # noqa: E402
 from gnome_harness import CLIENT_ID, GDK_q, GnomeDesktop, Skip, wait_for  # noqa: E402
+import latency_figures  # noqa: E402
+from latency_figures import matched  # noqa: E402
 
 HOOK = """
 const GLib = imports.gi.GLib;
@@ -50,16 +51,10 @@ true
 """
 
 
-def percentile(values, p):
-    ordered = sorted(values)
-    return ordered[min(len(ordered) - 1, int(round(p / 100 * (len(ordered) - 1))))]
-
-
 def describe(name, values_ms):
     if not values_ms:
         return "%-46s no samples" % name
-    return "%-46s n=%-4d median %7.2f ms   p99 %7.2f ms" % (
-        name, len(values_ms), statistics.median(values_ms), percentile(values_ms, 99))
+    return latency_figures.describe(name, values_ms, 46)
 
 
 def steps(desktop, presses, hold_ms, gap_ms):
@@ -76,16 +71,6 @@ def steps(desktop, presses, hold_ms, gap_ms):
         elif step == "-q":
             released.append(int(at) / 1e6)
     return list(zip(pressed, released))
-
-
-def matched(starts, arrived, ends):
-    delays = []
-    for i, t0 in enumerate(starts):
-        t_next = ends[i] if i < len(ends) else float("inf")
-        hits = [t for t in arrived if t0 <= t < t_next]
-        if hits:
-            delays.append((hits[0] - t0) * 1000)
-    return delays
 
 
 def cpu_seconds(pid):

@@ -104,7 +104,56 @@ class Client(LoggedClient):
                 out.append((at, int(words[1]), int(words[2], 16), words[3]))
         return out
 
-class Harness:
+class PrivateDesktop:
+    """What every private desktop of these tests has (this X11 one, and those of
+    tests/support/session_harness.py): a temporary folder `tmp`, the processes started in it
+    (`procs`, their output in <name>.out, ended by `close()`, also on SIGTERM), tarry's events log
+    and the logs of the test clients (`clients`)."""
+
+    # Ends the processes oldest first rather than newest first.
+    stop_oldest_first = False
+
+    def _on_signal(self, signum, frame):
+        self.close()
+        raise SystemExit(128 + signum)
+
+    def close(self):
+        stop_all(list(reversed(self.procs)) if self.stop_oldest_first else self.procs)
+        self.procs = []
+        shutil.rmtree(self.tmp, ignore_errors=True)
+
+    def output(self, name):
+        try:
+            with open(os.path.join(self.tmp, name + ".out"), encoding="utf-8", errors="replace") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def events_log(self):
+        try:
+            with open(os.path.join(self.tmp, "logs", "events.log"), encoding="utf-8") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def desktop_report(self):
+        """The window manager's or compositor's part of `report()`."""
+        return ""
+
+    def report(self):
+        """What the processes said, for a failure message."""
+        parts = ["--- tarry output:\n" + self.output("tarry"), "--- events.log:\n" + self.events_log(),
+                 self.desktop_report()]
+        for client in self.clients:
+            try:
+                with open(client.log, encoding="utf-8") as f:
+                    parts.append("--- %s:\n%s" % (os.path.basename(client.log), f.read()))
+            except FileNotFoundError:
+                pass
+        return "\n".join(parts)
+
+
+class Harness(PrivateDesktop):
     def __init__(self, tarry, client, window_manager=True):
         self.tarry = tarry
         self.client = client
@@ -141,10 +190,6 @@ class Harness:
             self.close()
             raise
 
-    def _on_signal(self, signum, frame):
-        self.close()
-        raise SystemExit(128 + signum)
-
     # ---- processes ----
 
     def spawn(self, argv, name, extra_env=None):
@@ -156,11 +201,6 @@ class Harness:
         out.close()
         self.procs.append(proc)
         return proc
-
-    def close(self):
-        stop_all(self.procs)
-        self.procs = []
-        shutil.rmtree(self.tmp, ignore_errors=True)
 
     def _start_x(self):
         # A random display number well above the ones `Xvfb -displayfd` hands out from 0 up: a
@@ -225,13 +265,6 @@ class Harness:
             return 0
         return int(text) if text else 0
 
-    def events_log(self):
-        try:
-            with open(os.path.join(self.tmp, "logs", "events.log"), encoding="utf-8") as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
-
     def start_tarry(self, extra_env=None, args=()):
         self.tarry_proc = self.spawn([self.tarry] + list(args), "tarry", extra_env)
         wait_for("tarry to install its keyboard guard",
@@ -246,13 +279,6 @@ class Harness:
         self.defaults("write", "showMenuBar", "false")
         self.start_tarry(extra_env, args=["--autostart"])
 
-    def output(self, name):
-        try:
-            with open(os.path.join(self.tmp, name + ".out"), encoding="utf-8", errors="replace") as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
-
     def start_client(self, name, *args):
         client = Client(self, name, args)
         self.clients.append(client)
@@ -260,17 +286,8 @@ class Harness:
         self.activate(client.windows[-1])
         return client
 
-    def report(self):
-        """What the processes said, for a failure message."""
-        parts = ["--- tarry output:\n" + self.output("tarry"), "--- events.log:\n" + self.events_log(),
-                 "--- openbox output:\n" + self.output("openbox")]
-        for client in self.clients:
-            try:
-                with open(client.log, encoding="utf-8") as f:
-                    parts.append("--- %s:\n%s" % (os.path.basename(client.log), f.read()))
-            except FileNotFoundError:
-                pass
-        return "\n".join(parts)
+    def desktop_report(self):
+        return "--- openbox output:\n" + self.output("openbox")
 
     # ---- the user's hands ----
 

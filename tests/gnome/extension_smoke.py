@@ -19,7 +19,8 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from gnome_e2e import check, ctrl_presses, extension_build, settle  # noqa: E402
-from gnome_harness import CLIENT_ID, GDK_q, GDK_w, SKIP, Failure, GnomeDesktop, Skip, wait_for  # noqa: E402
+from gnome_harness import CLIENT_ID, GDK_q, GDK_w, GnomeDesktop  # noqa: E402
+from session_harness import SKIP, Failure, Skip, wait_for  # noqa: E402
 
 
 class Fake:

@@ -8,34 +8,17 @@
 DIR holds the extension's builds (`esm/`, `legacy/`); the one for the installed Shell is used.
 """
 
-import argparse
 import os
 import re
 import signal
 import subprocess
 import sys
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from gnome_harness import (CLIENT_ID, EXTENSION_UUID, GDK_Q, GDK_q, GDK_w, SKIP, Failure, GnomeDesktop,  # noqa: E402
-                           Skip, wait_for)
+from gnome_harness import CLIENT_ID, EXTENSION_UUID, GDK_Q, GDK_q, GDK_w, GnomeDesktop  # noqa: E402
+from session_harness import Skip, case_registry, check, run_session_cases, settle, wait_for  # noqa: E402
 
-CASES = {}
-
-
-def case(fn):
-    CASES[fn.__name__] = fn
-    return fn
-
-
-def check(condition, message):
-    if not condition:
-        raise Failure(message)
-
-
-def settle(seconds=0.4):
-    """Time for events to travel between the processes; never a measured quantity."""
-    time.sleep(seconds)
+CASES, case = case_registry()
 
 
 def ctrl_presses(client, keyval):
@@ -225,33 +208,9 @@ def first_run_installs_the_extension_and_asks_for_a_new_login(d):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--tarry")
-    parser.add_argument("--extensions")
-    parser.add_argument("--list", action="store_true")
-    parser.add_argument("case", nargs="?")
-    args = parser.parse_args()
-    if args.list:
-        print("\n".join(CASES))
-        return 0
-    if args.case not in CASES:
-        parser.error("unknown case: %s" % args.case)
-    try:
-        desktop = GnomeDesktop(args.tarry, extension_build(args.extensions),
-                               install_extension=not args.case.startswith("first_run"))
-    except Skip as skip:
-        print("SKIP: " + str(skip))
-        return SKIP
-    try:
-        CASES[args.case](desktop)
-    except Failure as failure:
-        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
-        return 1
-    finally:
-        desktop.close()
-    print("ok " + args.case)
-    return 0
-
+    return run_session_cases(CASES, ("--tarry", "--extensions"),
+                             lambda args: GnomeDesktop(args.tarry, extension_build(args.extensions),
+                                                       install_extension=not args.case.startswith("first_run")))
 
 def extension_build(root):
     """The extension's build for the installed Shell: ES modules from GNOME 45."""

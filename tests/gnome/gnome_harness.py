@@ -7,24 +7,21 @@ start without one). Settings come from a key file (GSETTINGS_BACKEND=keyfile) wr
 Shell starts: Tarry's extension and the test aid (which allows the Shell's Eval method) enabled,
 the welcome dialog already shown. The overview is hidden once the Shell is up. Keys are typed
 through org.gnome.Mutter.RemoteDesktop (gnome_typist.py); the test application is a GTK 4 app
-(gtk_client.py). Every process started here is ended by `close()`.
+(gtk_client.py). The account, the private folder, the processes and the case runner are those of
+tests/support/session_harness.py.
 """
 
 import ast
 import json
 import os
 import shutil
-import signal
 import subprocess
 import sys
-import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "e2e"))
-sys.path.insert(0, os.path.join(HERE, "..", "wayland"))
-from harness import Failure, LoggedClient, stop_all, wait_for  # noqa: E402,F401
-from sway_harness import SKIP, Skip, ensure_user  # noqa: E402,F401
+sys.path.insert(0, os.path.join(HERE, "..", "support"))
+from session_harness import Failure, ReadyClient, SessionDesktop, Skip, stop_all, wait_for  # noqa: E402
 
 EXTENSION_UUID = "tarry@tarry.org"
 TEST_UUID = "tarry-test@tarry.org"
@@ -39,15 +36,10 @@ Icon=utilities-terminal
 GDK_q, GDK_Q, GDK_w = 0x71, 0x51, 0x77
 
 
-class GtkClient(LoggedClient):
+class GtkClient(ReadyClient):
     """The running GTK test client and its key log."""
 
-    def __init__(self, desktop, name, args):
-        super().__init__(desktop, name, args)
-        wait_for(name + " to show its window", lambda: self.has("ready"), timeout=15)
-
-    def has(self, word):
-        return any(words[0] == word for _, words in self.lines())
+    ready_timeout = 15
 
     def presses(self, keyval=None):
         """(time, keyval, ctrl, shift) of every key press that reached the window."""
@@ -58,56 +50,29 @@ class GtkClient(LoggedClient):
         return [at for at, w in self.lines() if w[0] == "close-request"]
 
 
-class GnomeDesktop:
+class GnomeDesktop(SessionDesktop):
+    compositor = "gnome-shell"
+    report_tail = 4000
+    tarry_start_timeout = 20
+    # Ended in the order started: the private buses first, then the Shell and the rest.
+    stop_oldest_first = True
+    Client = GtkClient
+
     def __init__(self, tarry, extension_dir, install_extension=True):
         """`install_extension` False: the user has not got Tarry's extension yet (its first run);
-        the builds then lie where an installed tarry looks for them."""
+        the builds then lie where an installed tarry looks for them. `tarry` None: only the
+        extension is tried (extension_smoke.py)."""
         if not shutil.which("gnome-shell"):
             raise Skip("gnome-shell is not installed")
-        self.account = ensure_user()
-        self.tmp = tempfile.mkdtemp(prefix="tarry-gnome-")
-        self.procs = []
-        self.clients = []
-        self.tarry_proc = None
-        signal.signal(signal.SIGTERM, self._on_signal)
-        try:
-            self._prepare(tarry, extension_dir, install_extension)
-            self._start_buses()
-            self._start_shell()
-            if install_extension:
-                self._check_extension()
-            os.makedirs(os.path.join(self.tmp, "logs"))
-            self.chown(os.path.join(self.tmp, "logs"))
-            if tarry:  # without it, only the extension is tried (extension_smoke.py)
-                self.defaults("write", "logDir", json.dumps(os.path.join(self.tmp, "logs")))
-                self.defaults("write", "consentVersion", "1")
-                self.defaults("write", "showMenuBar", "false")
-        except BaseException:
-            self.close()
-            raise
+        super().__init__("tarry-gnome-", lambda: self._start(tarry, extension_dir, install_extension))
 
-    def _on_signal(self, signum, frame):
-        self.close()
-        raise SystemExit(128 + signum)
-
-    def chown(self, path):
-        if self.account:
-            os.chown(path, self.account.pw_uid, self.account.pw_gid)
-
-    def _prepare(self, tarry, extension_dir, install_extension):
-        bindir = os.path.join(self.tmp, "bin")
-        os.makedirs(bindir)
+    def _start(self, tarry, extension_dir, install_extension):
+        bindir = self.make_folders()
         self.tarry = shutil.copy(tarry, bindir) if tarry else None
         self.client = os.path.join(bindir, "gtk_client.py")
         shutil.copy(os.path.join(HERE, "gtk_client.py"), self.client)
         self.typist = shutil.copy(os.path.join(HERE, "gnome_typist.py"), bindir)
-        runtime = os.path.join(self.tmp, "run")
-        os.makedirs(runtime, mode=0o700)
-        home = os.path.join(self.tmp, "home")
         data = os.path.join(self.tmp, "data")
-        config = os.path.join(self.tmp, "config")
-        os.makedirs(home)
-        os.makedirs(os.path.join(data, "applications"))
         extensions = os.path.join(data, "gnome-shell", "extensions")
         if install_extension:
             shutil.copytree(extension_dir, os.path.join(extensions, EXTENSION_UUID))
@@ -118,76 +83,29 @@ class GnomeDesktop:
         os.makedirs(extensions, exist_ok=True)
         aid = "test-extension-esm" if os.sep + "esm" + os.sep in extension_dir else "test-extension"
         shutil.copytree(os.path.join(HERE, aid), os.path.join(extensions, TEST_UUID))
-        with open(os.path.join(data, "applications", CLIENT_ID + ".desktop"), "w", encoding="utf-8") as f:
-            f.write(CLIENT_ENTRY % (self.client, os.path.join(self.tmp, "relaunched.log")))
-        settings = os.path.join(config, "glib-2.0", "settings")
-        os.makedirs(settings)
-        with open(os.path.join(settings, "keyfile"), "w", encoding="utf-8") as f:
-            f.write("[org/gnome/shell]\n"
-                    "enabled-extensions=[%s'%s']\n"
-                    "welcome-dialog-last-shown-version='999'\n"
-                    "disable-user-extensions=false\n" % ("'%s', " % EXTENSION_UUID if install_extension else "",
-                                                          TEST_UUID))
-        self.chown(self.tmp)
-        os.chmod(self.tmp, 0o700)
-        for root, dirs, files in os.walk(self.tmp):
-            for name in dirs + files:
-                self.chown(os.path.join(root, name))
-            os.chmod(root, 0o700)
-        env = {name: value for name, value in os.environ.items()
-               if name in ("PATH", "TERM", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS")}
-        env.update({
-            "HOME": home,
-            "USER": self.account.pw_name if self.account else os.environ.get("USER", ""),
-            "XDG_CONFIG_HOME": config,
-            "XDG_DATA_HOME": data,
-            "XDG_DATA_DIRS": "/usr/local/share:/usr/share",
-            "XDG_RUNTIME_DIR": runtime,
-            "XDG_SESSION_TYPE": "wayland",
-            "XDG_CURRENT_DESKTOP": "GNOME",
-            "GSETTINGS_BACKEND": "keyfile",
-            "LC_ALL": "C.UTF-8",
-            "NO_AT_BRIDGE": "1",
-            "GTK_A11Y": "none",
-            "QT_QPA_PLATFORM": "wayland",
-            "DBUS_SESSION_BUS_ADDRESS": "unix:path=" + os.path.join(runtime, "bus"),
-            "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=" + os.path.join(runtime, "system_bus"),
-        })
-        self.env = env
-
-    def _user_args(self):
-        if not self.account:
-            return {}
-        return {"user": self.account.pw_uid, "group": self.account.pw_gid, "extra_groups": []}
-
-    # ---- processes ----
-
-    def spawn(self, argv, name, extra_env=None):
-        env = dict(self.env)
-        for key, value in (extra_env or {}).items():
-            if value is None:
-                env.pop(key, None)
-            else:
-                env[key] = value
-        path = os.path.join(self.tmp, name + ".out")
-        out = open(path, "ab")
-        self.chown(path)
-        proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
-                                **self._user_args())
-        out.close()
-        self.procs.append(proc)
-        return proc
-
-    def run(self, argv, timeout=30, check=True):
-        result = subprocess.run(argv, env=self.env, capture_output=True, timeout=timeout, **self._user_args())
-        if check and result.returncode != 0:
-            raise Failure("%s failed: %s" % (" ".join(argv), result.stderr.decode(errors="replace")))
-        return result
-
-    def close(self):
-        stop_all(list(reversed(self.procs)))
-        self.procs = []
-        shutil.rmtree(self.tmp, ignore_errors=True)
+        self.write_file(os.path.join("data", "applications", CLIENT_ID + ".desktop"),
+                        CLIENT_ENTRY % (self.client, os.path.join(self.tmp, "relaunched.log")))
+        settings = os.path.join("config", "glib-2.0", "settings")
+        os.makedirs(os.path.join(self.tmp, settings))
+        self.write_file(os.path.join(settings, "keyfile"),
+                        "[org/gnome/shell]\n"
+                        "enabled-extensions=[%s'%s']\n"
+                        "welcome-dialog-last-shown-version='999'\n"
+                        "disable-user-extensions=false\n" % ("'%s', " % EXTENSION_UUID if install_extension else "",
+                                                             TEST_UUID))
+        self.hand_over()
+        runtime = os.path.join(self.tmp, "run")
+        self.make_env(XDG_SESSION_TYPE="wayland",
+                      XDG_CURRENT_DESKTOP="GNOME",
+                      GSETTINGS_BACKEND="keyfile",
+                      NO_AT_BRIDGE="1",
+                      GTK_A11Y="none",
+                      DBUS_SESSION_BUS_ADDRESS="unix:path=" + os.path.join(runtime, "bus"),
+                      DBUS_SYSTEM_BUS_ADDRESS="unix:path=" + os.path.join(runtime, "system_bus"))
+        self._start_buses()
+        self._start_shell()
+        if install_extension:
+            self._check_extension()
 
     def _start_buses(self):
         runtime = self.env["XDG_RUNTIME_DIR"]
@@ -258,56 +176,8 @@ class GnomeDesktop:
         except (ValueError, SyntaxError):
             return None
 
-    def output(self, name):
-        try:
-            with open(os.path.join(self.tmp, name + ".out"), encoding="utf-8", errors="replace") as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
-
-    # ---- the program ----
-
-    def defaults(self, *args):
-        return self.run([self.tarry, "defaults"] + list(args), timeout=20).stdout.decode().strip()
-
-    def counter(self, name):
-        result = self.run([self.tarry, "defaults", "read", "all." + name], timeout=20, check=False)
-        text = result.stdout.decode().strip()
-        return int(text) if result.returncode == 0 and text else 0
-
-    def events_log(self):
-        try:
-            with open(os.path.join(self.tmp, "logs", "events.log"), encoding="utf-8") as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
-
-    def start_tarry(self):
-        before = self.events_log().count("keyboard guard on")
-        self.tarry_proc = self.spawn([self.tarry, "--autostart"], "tarry")
-        wait_for("tarry to install its keyboard guard",
-                 lambda: self.events_log().count("keyboard guard on") > before or self.tarry_proc.poll() is not None,
-                 timeout=20)
-        if self.tarry_proc.poll() is not None:
-            raise Failure("tarry ended at start: " + self.output("tarry"))
-        return self.tarry_proc
-
-    def start_client(self, name, *args):
-        client = GtkClient(self, name, args)
-        self.clients.append(client)
+    def await_keyboard(self, name, client):
         wait_for(name + " to have the focus", lambda: self.focused_pid() == client.process.pid, timeout=10)
-        return client
-
-    def report(self):
-        parts = ["--- tarry output:\n" + self.output("tarry"), "--- events.log:\n" + self.events_log(),
-                 "--- gnome-shell output (end):\n" + self.output("gnome-shell")[-4000:]]
-        for client in self.clients:
-            try:
-                with open(client.log, encoding="utf-8") as f:
-                    parts.append("--- %s:\n%s" % (os.path.basename(client.log), f.read()))
-            except FileNotFoundError:
-                pass
-        return "\n".join(parts)
 
     # ---- the user's hands and eyes ----
 

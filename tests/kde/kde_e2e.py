@@ -6,35 +6,19 @@
     kde_e2e.py --list                                          names the cases
 """
 
-import argparse
 import os
 import signal
 import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kde_harness import (CLIENT_ENTRY, CLIENT_ID, KEY_ALT, KEY_CTRL, KEY_Q, KEY_SHIFT, KEY_W, KEY_Z, SKIP, Failure,  # noqa: E402
-                         KdeDesktop, Skip, wait_for)
-from kde_harness import KEY_ENTER  # noqa: E402
+from kde_harness import (CLIENT_ENTRY, CLIENT_ID, KEY_ALT, KEY_CTRL, KEY_ENTER, KEY_Q, KEY_SHIFT, KEY_W,  # noqa: E402
+                         KEY_Z, KdeDesktop)
+from session_harness import case_registry, check, run_session_cases, settle, wait_for  # noqa: E402
 
 QT_KEY_Q, QT_KEY_W = 0x51, 0x57
 
-CASES = {}
-
-
-def case(fn):
-    CASES[fn.__name__] = fn
-    return fn
-
-
-def check(condition, message):
-    if not condition:
-        raise Failure(message)
-
-
-def settle(seconds=0.4):
-    """Time for events to travel between the processes; never a measured quantity."""
-    time.sleep(seconds)
+CASES, case = case_registry()
 
 
 def ctrl_q_presses(client):
@@ -307,34 +291,9 @@ UNREGISTERED = ("copy_without_launcher_registers_itself", "close_without_fake_in
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--tarry")
-    parser.add_argument("--client")
-    parser.add_argument("--typist")
-    parser.add_argument("--list", action="store_true")
-    parser.add_argument("case", nargs="?")
-    args = parser.parse_args()
-    if args.list:
-        print("\n".join(CASES))
-        return 0
-    if args.case not in CASES:
-        parser.error("unknown case: %s" % args.case)
-    try:
-        desktop = KdeDesktop(args.tarry, args.client, args.typist,
-                             register_tarry=args.case not in UNREGISTERED)
-    except Skip as skip:
-        print("SKIP: " + str(skip))
-        return SKIP
-    try:
-        CASES[args.case](desktop)
-    except Failure as failure:
-        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
-        return 1
-    finally:
-        desktop.close()
-    print("ok " + args.case)
-    return 0
-
+    return run_session_cases(CASES, ("--tarry", "--client", "--typist"),
+                             lambda args: KdeDesktop(args.tarry, args.client, args.typist,
+                                                     register_tarry=args.case not in UNREGISTERED))
 
 if __name__ == "__main__":
     sys.exit(main())

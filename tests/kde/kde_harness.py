@@ -4,28 +4,27 @@ tarry-kde-typist (KWin's fake input) as the user's hands.
 
 /usr/bin/kwin_wayland carries a file capability (cap_sys_resource on KWin 5.27, cap_sys_nice on
 Plasma 6) that a container refuses to exec; the harness runs a copy without it, still called
-kwin_wayland (its Qt platform plugin goes by the program's name). Run as root (as CI does), everything runs as the unprivileged user of the
-sway tests, from copies in a temporary folder that user owns. KWin offers its fake input only to
-programs whose desktop file declares it: the typist gets one here; tarry writes its own. Every
-process started here is ended by `close()` (also on SIGTERM, which ctest sends on a timeout), and
-the temporary folder is removed.
+kwin_wayland (its Qt platform plugin goes by the program's name). KWin offers its fake input only
+to programs whose desktop file declares it: the typist gets one here; tarry writes its own. The
+account, the private folder, the processes and the case runner are those of
+tests/support/session_harness.py.
 """
 
 import json
 import os
 import shutil
-import signal
 import subprocess
 import sys
-import tempfile
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "wayland"))
-from sway_harness import CLIENT_ENTRY, CLIENT_ID, SKIP, Client, Failure, Skip, ensure_user, wait_for  # noqa: E402,F401
-from harness import stop_all  # noqa: E402
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "support"))
+sys.path.insert(0, os.path.join(HERE, "..", "wayland"))
+from session_harness import SessionDesktop, Skip, wait_for  # noqa: E402
+from sway_harness import CLIENT_ENTRY, CLIENT_ID, Client  # noqa: E402
 
 KWIN = "/usr/bin/kwin_wayland"
-SCREENSHOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "kwin_screenshot.py")
+SCREENSHOT = os.path.join(HERE, "kwin_screenshot.py")
 SOCKET = "wayland-tarry"
 TYPIST_ENTRY = """[Desktop Entry]
 Type=Application
@@ -55,43 +54,18 @@ KEY_CTRL, KEY_SHIFT, KEY_ALT = 29, 42, 56
 KEY_Q, KEY_W, KEY_Z, KEY_A, KEY_ENTER = 16, 17, 44, 30, 28
 
 
-class KdeDesktop:
+class KdeDesktop(SessionDesktop):
+    compositor = "kwin"
+    tarry_start_timeout = 15
+    Client = Client
+
     def __init__(self, tarry, client, typist, register_tarry=True):
         if not os.path.exists(KWIN):
             raise Skip("kwin_wayland is not installed")
-        self.account = ensure_user()
-        self.tmp = tempfile.mkdtemp(prefix="tarry-kde-")
-        self.procs = []
-        self.clients = []
-        self.tarry_proc = None
-        signal.signal(signal.SIGTERM, self._on_signal)
-        try:
-            self._prepare(tarry, client, typist, register_tarry)
-            self._start_bus()
-            self._start_kwin()
-            os.makedirs(os.path.join(self.tmp, "logs"))
-            self.chown(os.path.join(self.tmp, "logs"))
-            self.defaults("write", "logDir", '"%s"' % os.path.join(self.tmp, "logs"))
-            # The first-run consent is given, and no tray icon: the guard is what these cases see.
-            self.defaults("write", "consentVersion", "1")
-            self.defaults("write", "showMenuBar", "false")
-        except BaseException:
-            self.close()
-            raise
+        super().__init__("tarry-kde-", lambda: self._start(tarry, client, typist, register_tarry))
 
-    def _on_signal(self, signum, frame):
-        self.close()
-        raise SystemExit(128 + signum)
-
-    def chown(self, path):
-        if self.account:
-            os.chown(path, self.account.pw_uid, self.account.pw_gid)
-
-    def _prepare(self, tarry, client, typist, register_tarry):
-        self.chown(self.tmp)
-        os.chmod(self.tmp, 0o700)
-        bindir = os.path.join(self.tmp, "bin")
-        os.makedirs(bindir)
+    def _start(self, tarry, client, typist, register_tarry):
+        bindir = self.make_folders()
         # A plain copy drops the file capability.
         shutil.copyfile(KWIN, os.path.join(bindir, "kwin_wayland"))
         os.chmod(os.path.join(bindir, "kwin_wayland"), 0o755)
@@ -102,80 +76,24 @@ class KdeDesktop:
         self.client = shutil.copy(client, bindir)
         self.typist = shutil.copy(typist, bindir)
         self.shot = shutil.copy(SCREENSHOT, bindir)
-        runtime = os.path.join(self.tmp, "run")
-        os.makedirs(runtime, mode=0o700)
-        home = os.path.join(self.tmp, "home")
-        apps = os.path.join(self.tmp, "data", "applications")
-        os.makedirs(apps)
-        os.makedirs(home)
-        menus = os.path.join(self.tmp, "config", "menus")
-        os.makedirs(menus)
-        with open(os.path.join(menus, "applications.menu"), "w", encoding="utf-8") as f:
-            f.write(APPLICATIONS_MENU)
-        with open(os.path.join(apps, CLIENT_ID + ".desktop"), "w", encoding="utf-8") as f:
-            f.write(CLIENT_ENTRY)
-        with open(os.path.join(apps, "org.tarry.KdeTypist.desktop"), "w", encoding="utf-8") as f:
-            f.write(TYPIST_ENTRY.format(exe=self.typist))
+        apps = os.path.join("data", "applications")
+        self.write_file(os.path.join(apps, CLIENT_ID + ".desktop"), CLIENT_ENTRY)
+        self.write_file(os.path.join(apps, "org.tarry.KdeTypist.desktop"), TYPIST_ENTRY.format(exe=self.typist))
+        os.makedirs(os.path.join(self.tmp, "config", "menus"))
+        self.write_file(os.path.join("config", "menus", "applications.menu"), APPLICATIONS_MENU)
         if register_tarry:
             # As the installed launcher does; without it, tarry writes an entry of its own at its
             # first start, which KWin's service cache learns only a moment later.
-            with open(os.path.join(apps, "org.tarry.Tarry.desktop"), "w", encoding="utf-8") as f:
-                f.write(TYPIST_ENTRY.format(exe=self.tarry).replace("Tarry KDE Typist", "Tarry"))
-        for root, dirs, files in os.walk(self.tmp):
-            for name in dirs + files:
-                self.chown(os.path.join(root, name))
-            os.chmod(root, 0o700)
-        env = {name: value for name, value in os.environ.items()
-               if name in ("TERM", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "QT_LOGGING_RULES")}
-        env.update({
-            "PATH": bindir + ":/usr/local/bin:/usr/bin:/bin",
-            "HOME": home,
-            "USER": self.account.pw_name if self.account else os.environ.get("USER", ""),
-            "XDG_CONFIG_HOME": os.path.join(self.tmp, "config"),
-            "XDG_DATA_HOME": os.path.join(self.tmp, "data"),
-            "XDG_CACHE_HOME": os.path.join(self.tmp, "cache"),
-            "XDG_DATA_DIRS": "/usr/local/share:/usr/share",
-            "XDG_RUNTIME_DIR": runtime,
-            "XDG_CURRENT_DESKTOP": "KDE",
-            "XDG_SESSION_TYPE": "wayland",
-            "LC_ALL": "C.UTF-8",
-            "QT_QPA_PLATFORM": "wayland",
-        })
-        self.env = env
-
-    def _user_args(self):
-        if not self.account:
-            return {}
-        return {"user": self.account.pw_uid, "group": self.account.pw_gid, "extra_groups": []}
-
-    # ---- processes ----
-
-    def spawn(self, argv, name, extra_env=None):
-        env = dict(self.env)
-        for key, value in (extra_env or {}).items():
-            if value is None:
-                env.pop(key, None)
-            else:
-                env[key] = value
-        path = os.path.join(self.tmp, name + ".out")
-        out = open(path, "ab")
-        self.chown(path)
-        proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
-                                **self._user_args())
-        out.close()
-        self.procs.append(proc)
-        return proc
-
-    def run(self, argv, timeout=30, check=True):
-        result = subprocess.run(argv, env=self.env, capture_output=True, timeout=timeout, **self._user_args())
-        if check and result.returncode != 0:
-            raise Failure("%s failed: %s" % (" ".join(argv), result.stderr.decode(errors="replace")))
-        return result
-
-    def close(self):
-        stop_all(self.procs)
-        self.procs = []
-        shutil.rmtree(self.tmp, ignore_errors=True)
+            self.write_file(os.path.join(apps, "org.tarry.Tarry.desktop"),
+                            TYPIST_ENTRY.format(exe=self.tarry).replace("Tarry KDE Typist", "Tarry"))
+        self.hand_over()
+        self.make_env(keep=("QT_LOGGING_RULES",),
+                      PATH=bindir + ":/usr/local/bin:/usr/bin:/bin",
+                      XDG_CACHE_HOME=os.path.join(self.tmp, "cache"),
+                      XDG_CURRENT_DESKTOP="KDE",
+                      XDG_SESSION_TYPE="wayland")
+        self._start_bus()
+        self._start_kwin()
 
     def _start_bus(self):
         bus = self.spawn(["dbus-daemon", "--session", "--nofork", "--print-address"], "dbus")
@@ -217,39 +135,10 @@ class KdeDesktop:
             time.sleep(0.05)
         raise Skip("kwin_wayland was not ready in 20 s: " + self.output("kwin")[-2000:])
 
-    def output(self, name):
-        try:
-            with open(os.path.join(self.tmp, name + ".out"), encoding="utf-8", errors="replace") as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
-
     # ---- the program ----
 
-    def defaults(self, *args):
-        return self.run([self.tarry, "defaults"] + list(args), timeout=20).stdout.decode().strip()
-
-    def counter(self, name):
-        result = self.run([self.tarry, "defaults", "read", "all." + name], timeout=20, check=False)
-        text = result.stdout.decode().strip()
-        return int(text) if result.returncode == 0 and text else 0
-
-    def events_log(self):
-        try:
-            with open(os.path.join(self.tmp, "logs", "events.log"), encoding="utf-8") as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
-
     def start_tarry(self, extra_env=None):
-        before = self.events_log().count("keyboard guard on")
-        # As the session starts it at login: no window of its own takes the focus while the guard works.
-        self.tarry_proc = self.spawn([self.tarry, "--autostart"], "tarry", extra_env)
-        wait_for("tarry to install its keyboard guard",
-                 lambda: self.events_log().count("keyboard guard on") > before or self.tarry_proc.poll() is not None,
-                 timeout=15)
-        if self.tarry_proc.poll() is not None:
-            raise Failure("tarry ended at start: " + self.output("tarry"))
+        super().start_tarry(extra_env)
         # A first start writes tarry's desktop file and refreshes the service cache; fake input is
         # offered once that is done.
         wait_for("the service cache to be refreshed", lambda: not self.running(self.sycoca()), timeout=20)
@@ -269,27 +158,13 @@ class KdeDesktop:
         argv = ["pgrep", "-x", name] + (["-u", str(self.account.pw_uid)] if self.account else [])
         return subprocess.run(argv, capture_output=True).returncode == 0
 
-    def start_client(self, name, *args):
-        client = Client(self, name, args)
-        self.clients.append(client)
+    def await_keyboard(self, name, client):
         # Focused once a key typed now reaches it.
         def focused():
             self.type(KEY_A)
             time.sleep(0.1)
             return any(w[0] == "press" and int(w[1]) == 0x41 for _, w in client.lines())
         wait_for(name + " to have the keyboard", focused, timeout=10, interval=0.1)
-        return client
-
-    def report(self):
-        parts = ["--- tarry output:\n" + self.output("tarry"), "--- events.log:\n" + self.events_log(),
-                 "--- kwin output (end):\n" + self.output("kwin")[-3000:]]
-        for client in self.clients:
-            try:
-                with open(client.log, encoding="utf-8") as f:
-                    parts.append("--- %s:\n%s" % (os.path.basename(client.log), f.read()))
-            except FileNotFoundError:
-                pass
-        return "\n".join(parts)
 
     # ---- KWin, asked directly ----
 

@@ -6,7 +6,6 @@
     sway_e2e.py --list                               names the cases
 """
 
-import argparse
 import os
 import signal
 import subprocess
@@ -14,26 +13,12 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from sway_harness import CLIENT_ID, SKIP, Failure, Skip, SwayDesktop, wait_for  # noqa: E402
+from sway_harness import CLIENT_ID, SwayDesktop  # noqa: E402
+from session_harness import case_registry, check, run_session_cases, settle, wait_for  # noqa: E402
 
 QT_KEY_Q, QT_KEY_W = 0x51, 0x57
 
-CASES = {}
-
-
-def case(fn):
-    CASES[fn.__name__] = fn
-    return fn
-
-
-def check(condition, message):
-    if not condition:
-        raise Failure(message)
-
-
-def settle(seconds=0.4):
-    """Time for events to travel between the processes; never a measured quantity."""
-    time.sleep(seconds)
+CASES, case = case_registry()
 
 
 def hold(d, key, ms, mods=("ctrl",)):
@@ -227,33 +212,8 @@ def killed_tarry_leaves_ctrl_q_working(d):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--tarry")
-    parser.add_argument("--client")
-    parser.add_argument("--typist")
-    parser.add_argument("--list", action="store_true")
-    parser.add_argument("case", nargs="?")
-    args = parser.parse_args()
-    if args.list:
-        print("\n".join(CASES))
-        return 0
-    if args.case not in CASES:
-        parser.error("unknown case: %s" % args.case)
-    try:
-        desktop = SwayDesktop(args.tarry, args.client, args.typist)
-    except Skip as skip:
-        print("SKIP: " + str(skip))
-        return SKIP
-    try:
-        CASES[args.case](desktop)
-    except Failure as failure:
-        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
-        return 1
-    finally:
-        desktop.close()
-    print("ok " + args.case)
-    return 0
-
+    return run_session_cases(CASES, ("--tarry", "--client", "--typist"),
+                             lambda args: SwayDesktop(args.tarry, args.client, args.typist))
 
 if __name__ == "__main__":
     sys.exit(main())

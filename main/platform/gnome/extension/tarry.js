@@ -595,7 +595,8 @@ var TarryGuard = class TarryGuard {
                 actor.text = t.text;
             place(actor, t.frame);
             const weight = {regular: 'normal', semibold: '600', bold: 'bold'}[t.font.weight] || 'normal';
-            style(actor, `color: ${rgba(t.color)}; font-size: ${t.font.size}pt; font-weight: ${weight};` +
+            // Sizes are pixels, as the Qt panels draw them (St's pt would be a third larger).
+            style(actor, `color: ${rgba(t.color)}; font-size: ${t.font.size}px; font-weight: ${weight};` +
                 ` padding: 0 2px; text-align: ${t.alignment};` +
                 (t.font.monospacedDigits ? ' font-feature-settings: "tnum";' : ''));
             actor.clutter_text.line_wrap = t.maxLines > 1;

@@ -1,0 +1,260 @@
+"""What the end-to-end harnesses of the Wayland desktops (sway, KWin, GNOME Shell) share: the
+unprivileged account the compositors run as, a private temporary folder with the runtime, home,
+configuration and data folders and the environment that points at them, the processes started in
+it (ended by `close()`, also on SIGTERM, which ctest sends on a timeout), tarry's settings and logs,
+and the command line of a case file.
+
+sway refuses to run as root, and the other compositors are run alike. Run as root (as CI does),
+the harness creates an unprivileged user (`tarry-e2e`) once and runs the compositor and every
+client as that user, from copies of the binaries in a temporary folder that user owns.
+"""
+
+import argparse
+import json
+import os
+import pwd
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
+from harness import Failure, LoggedClient, PrivateDesktop, stop_all, wait_for  # noqa: E402,F401
+
+USER = "tarry-e2e"
+# The exit status ctest reads as "skipped".
+SKIP = 77
+# What the test processes keep of the caller's environment.
+KEPT_ENV = ("PATH", "TERM", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS")
+
+
+class Skip(Exception):
+    pass
+
+
+def ensure_user():
+    """The unprivileged user to run the desktop as; created once when missing. None: run as
+    ourselves."""
+    if os.geteuid() != 0:
+        return None
+    try:
+        return pwd.getpwnam(USER)
+    except KeyError:
+        pass
+    result = subprocess.run(["useradd", "--system", "--no-create-home", "--shell", "/usr/sbin/nologin", USER],
+                            capture_output=True, text=True)
+    # 9: another run created it in the meantime.
+    if result.returncode not in (0, 9):
+        raise Skip("cannot create the test user %s: %s" % (USER, result.stderr.strip()))
+    return pwd.getpwnam(USER)
+
+
+class ReadyClient(LoggedClient):
+    """A test application that logs "ready" once its window is shown."""
+
+    ready_timeout = 10
+
+    def __init__(self, desktop, name, args):
+        super().__init__(desktop, name, args)
+        wait_for(name + " to show its window", lambda: self.has("ready"), timeout=self.ready_timeout)
+
+    def has(self, word):
+        return any(words[0] == word for _, words in self.lines())
+
+
+class SessionDesktop(PrivateDesktop):
+    """A private desktop session. A subclass names its compositor's output (`compositor`, for the
+    failure report), its client class (`Client`), and starts its processes in `start`, a callable
+    given to `__init__`; `self.tarry` is set by then (None: tarry is not run)."""
+
+    compositor = None
+    report_tail = 3000
+    tarry_start_timeout = 10.0
+    Client = ReadyClient
+
+    def __init__(self, prefix, start):
+        self.account = ensure_user()
+        self.tmp = tempfile.mkdtemp(prefix=prefix)
+        self.procs = []
+        self.clients = []
+        self.tarry = None
+        self.tarry_proc = None
+        signal.signal(signal.SIGTERM, self._on_signal)
+        try:
+            start()
+            logs = os.path.join(self.tmp, "logs")
+            os.makedirs(logs)
+            self.chown(logs)
+            if self.tarry:
+                self.defaults("write", "logDir", json.dumps(logs))
+                # The first-run consent is given, and no tray icon: the guard is what these cases see.
+                self.defaults("write", "consentVersion", "1")
+                self.defaults("write", "showMenuBar", "false")
+        except BaseException:
+            self.close()
+            raise
+
+    # ---- the private folder ----
+
+    def chown(self, path):
+        if self.account:
+            os.chown(path, self.account.pw_uid, self.account.pw_gid)
+
+    def make_folders(self):
+        """bin (returned), run, home, config and data/applications in the temporary folder."""
+        bindir = os.path.join(self.tmp, "bin")
+        os.makedirs(bindir)
+        os.makedirs(os.path.join(self.tmp, "run"), mode=0o700)
+        os.makedirs(os.path.join(self.tmp, "home"))
+        os.makedirs(os.path.join(self.tmp, "data", "applications"))
+        return bindir
+
+    def write_file(self, path, text):
+        with open(os.path.join(self.tmp, path), "w", encoding="utf-8") as f:
+            f.write(text)
+
+    def hand_over(self):
+        """Gives the temporary folder and all in it to the test user, readable by it alone."""
+        self.chown(self.tmp)
+        os.chmod(self.tmp, 0o700)
+        for root, dirs, files in os.walk(self.tmp):
+            for name in dirs + files:
+                self.chown(os.path.join(root, name))
+            os.chmod(root, 0o700)
+
+    def make_env(self, keep=(), **values):
+        """The environment of every process: the private folders, a C.UTF-8 locale, Qt on Wayland,
+        then `values`; of the caller's, only KEPT_ENV and `keep`."""
+        env = {name: value for name, value in os.environ.items() if name in KEPT_ENV + tuple(keep)}
+        env.update({
+            "HOME": os.path.join(self.tmp, "home"),
+            "USER": self.account.pw_name if self.account else os.environ.get("USER", ""),
+            "XDG_CONFIG_HOME": os.path.join(self.tmp, "config"),
+            "XDG_DATA_HOME": os.path.join(self.tmp, "data"),
+            "XDG_DATA_DIRS": "/usr/local/share:/usr/share",
+            "XDG_RUNTIME_DIR": os.path.join(self.tmp, "run"),
+            "LC_ALL": "C.UTF-8",
+            "QT_QPA_PLATFORM": "wayland",
+        })
+        env.update(values)
+        self.env = env
+        return env
+
+    def _user_args(self):
+        if not self.account:
+            return {}
+        return {"user": self.account.pw_uid, "group": self.account.pw_gid, "extra_groups": []}
+
+    # ---- processes ----
+
+    def spawn(self, argv, name, extra_env=None):
+        """Starts argv as the test user, its output in <name>.out; `extra_env` values of None
+        remove a variable."""
+        env = dict(self.env)
+        for key, value in (extra_env or {}).items():
+            if value is None:
+                env.pop(key, None)
+            else:
+                env[key] = value
+        path = os.path.join(self.tmp, name + ".out")
+        out = open(path, "ab")
+        self.chown(path)
+        proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                                **self._user_args())
+        out.close()
+        self.procs.append(proc)
+        return proc
+
+    def run(self, argv, timeout=30, check=True):
+        result = subprocess.run(argv, env=self.env, capture_output=True, timeout=timeout, **self._user_args())
+        if check and result.returncode != 0:
+            raise Failure("%s failed: %s" % (" ".join(argv), result.stderr.decode(errors="replace")))
+        return result
+
+    # ---- the program ----
+
+    def defaults(self, *args):
+        return self.run([self.tarry, "defaults"] + list(args), timeout=20).stdout.decode().strip()
+
+    def counter(self, name):
+        result = self.run([self.tarry, "defaults", "read", "all." + name], timeout=20, check=False)
+        text = result.stdout.decode().strip()
+        return int(text) if result.returncode == 0 and text else 0
+
+    def start_tarry(self, extra_env=None):
+        before = self.events_log().count("keyboard guard on")
+        # As the session starts it at login: no window of its own takes the focus while the guard works.
+        self.tarry_proc = self.spawn([self.tarry, "--autostart"], "tarry", extra_env)
+        wait_for("tarry to install its keyboard guard",
+                 lambda: self.events_log().count("keyboard guard on") > before or self.tarry_proc.poll() is not None,
+                 timeout=self.tarry_start_timeout)
+        if self.tarry_proc.poll() is not None:
+            raise Failure("tarry ended at start: " + self.output("tarry"))
+        return self.tarry_proc
+
+    def start_client(self, name, *args):
+        client = self.Client(self, name, args)
+        self.clients.append(client)
+        self.await_keyboard(name, client)
+        return client
+
+    def await_keyboard(self, name, client):
+        """Waits until keys typed now reach `client`; a compositor that focuses a new window at
+        once needs nothing here."""
+
+    def desktop_report(self):
+        return "--- %s output (end):\n%s" % (self.compositor, self.output(self.compositor)[-self.report_tail:])
+
+
+# ---- case files ----
+
+def case_registry():
+    """(cases, case): the cases by name, and the decorator that adds one."""
+    cases = {}
+
+    def case(fn):
+        cases[fn.__name__] = fn
+        return fn
+    return cases, case
+
+
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def settle(seconds=0.4):
+    """Time for events to travel between the processes; never a measured quantity."""
+    time.sleep(seconds)
+
+
+def run_session_cases(cases, options, make_desktop):
+    """The command line of a case file: `OPTIONS... CASE` runs one case on a fresh desktop made by
+    `make_desktop(args)`, `--list` names them. Returns the exit status: 0 when the case holds, 1
+    when it fails, SKIP when the desktop cannot run here."""
+    parser = argparse.ArgumentParser()
+    for option in options:
+        parser.add_argument(option)
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("case", nargs="?")
+    args = parser.parse_args()
+    if args.list:
+        print("\n".join(cases))
+        return 0
+    if args.case not in cases:
+        parser.error("unknown case: %s" % args.case)
+    try:
+        desktop = make_desktop(args)
+    except Skip as skip:
+        print("SKIP: " + str(skip))
+        return SKIP
+    try:
+        cases[args.case](desktop)
+    except Failure as failure:
+        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
+        return 1
+    finally:
+        desktop.close()
+    print("ok " + args.case)
+    return 0
