@@ -20,7 +20,7 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "support"))
 sys.path.insert(0, os.path.join(HERE, "..", "wayland"))
-from session_harness import SessionDesktop, Skip, wait_for  # noqa: E402
+from session_harness import Failure, SessionDesktop, Skip, wait_for  # noqa: E402
 from sway_harness import CLIENT_ENTRY, CLIENT_ID, Client  # noqa: E402
 
 KWIN = "/usr/bin/kwin_wayland"
