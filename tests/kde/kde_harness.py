@@ -2,11 +2,12 @@
 own, `kwin_wayland --virtual`, the Wayland test client, tarry with its own configuration, and
 tarry-kde-typist (KWin's fake input) as the user's hands.
 
-/usr/bin/kwin_wayland carries a file capability (cap_sys_resource) that a container refuses to
-exec; the harness runs a copy without it, still called kwin_wayland (its Qt platform plugin goes by
-the program's name). KWin offers its fake input only to programs whose desktop file declares it:
-the typist gets one here; tarry writes its own. The account, the private folder, the processes
-and the case runner are those of tests/support/session_harness.py.
+/usr/bin/kwin_wayland carries a file capability (cap_sys_resource on KWin 5.27, cap_sys_nice on
+Plasma 6) that a container refuses to exec; the harness runs a copy without it, still called
+kwin_wayland (its Qt platform plugin goes by the program's name). KWin offers its fake input only
+to programs whose desktop file declares it: the typist gets one here; tarry writes its own. The
+account, the private folder, the processes and the case runner are those of
+tests/support/session_harness.py.
 """
 
 import json
@@ -19,7 +20,7 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "support"))
 sys.path.insert(0, os.path.join(HERE, "..", "wayland"))
-from session_harness import SessionDesktop, Skip, wait_for  # noqa: E402
+from session_harness import Failure, SessionDesktop, Skip, wait_for  # noqa: E402
 from sway_harness import CLIENT_ENTRY, CLIENT_ID, Client  # noqa: E402
 
 KWIN = "/usr/bin/kwin_wayland"
@@ -30,6 +31,22 @@ Type=Application
 Name=Tarry KDE Typist
 Exec={exe}
 X-KDE-Wayland-Interfaces=org_kde_kwin_fake_input
+"""
+
+# What the tests' own KWin scripts call, under Plasma 6's names or KWin 5.27's.
+EVAL_PRELUDE = """
+var plasma6 = typeof workspace.windowList === "function";
+function allWindows() { return plasma6 ? workspace.windowList() : workspace.clientList(); }
+function activeWindow() { return plasma6 ? workspace.activeWindow : workspace.activeClient; }
+function activate(w) { if (plasma6) workspace.activeWindow = w; else workspace.activeClient = w; }
+"""
+
+# KDE Frameworks 6 lists applications (and with them the typist's desktop file) in the service
+# cache only through a menu, which Plasma 6's workspace ships; KWin 5.27's Frameworks bring their own
+# under another name (kf5-applications.menu).
+APPLICATIONS_MENU = """<!DOCTYPE Menu PUBLIC "-//freedesktop//DTD Menu 1.0//EN"
+ "http://www.freedesktop.org/standards/menu-spec/1.0/menu.dtd">
+<Menu><Name>Applications</Name><DefaultAppDirs/><DefaultDirectoryDirs/><Include><All/></Include></Menu>
 """
 
 # evdev key codes
@@ -62,6 +79,8 @@ class KdeDesktop(SessionDesktop):
         apps = os.path.join("data", "applications")
         self.write_file(os.path.join(apps, CLIENT_ID + ".desktop"), CLIENT_ENTRY)
         self.write_file(os.path.join(apps, "org.tarry.KdeTypist.desktop"), TYPIST_ENTRY.format(exe=self.typist))
+        os.makedirs(os.path.join(self.tmp, "config", "menus"))
+        self.write_file(os.path.join("config", "menus", "applications.menu"), APPLICATIONS_MENU)
         if register_tarry:
             # As the installed launcher does; without it, tarry writes an entry of its own at its
             # first start, which KWin's service cache learns only a moment later.
@@ -84,7 +103,11 @@ class KdeDesktop(SessionDesktop):
             raise Skip("dbus-daemon did not start: " + self.output("dbus"))
         self.env["DBUS_SESSION_BUS_ADDRESS"] = address
         # KWin finds the typist's desktop file through the service cache.
-        self.run(["kbuildsycoca5", "--noincremental"], timeout=60, check=False)
+        self.run([self.sycoca(), "--noincremental"], timeout=60, check=False)
+
+    def sycoca(self):
+        """kbuildsycoca6 (Plasma 6) or kbuildsycoca5 (Plasma 5.27)."""
+        return "kbuildsycoca6" if shutil.which("kbuildsycoca6", path=self.env["PATH"]) else "kbuildsycoca5"
 
     def has_owner(self, name):
         result = self.run(["dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
@@ -118,7 +141,7 @@ class KdeDesktop(SessionDesktop):
         super().start_tarry(extra_env)
         # A first start writes tarry's desktop file and refreshes the service cache; fake input is
         # offered once that is done.
-        wait_for("the service cache to be refreshed", lambda: not self.running("kbuildsycoca5"), timeout=20)
+        wait_for("the service cache to be refreshed", lambda: not self.running(self.sycoca()), timeout=20)
         return self.tarry_proc
 
     def lock_applications(self):
@@ -147,18 +170,25 @@ class KdeDesktop(SessionDesktop):
 
     def kwin_eval(self, body):
         """Runs a KWin script whose `body` may call `answer(value)` once; returns the value (JSON).
-        KWin 5.27 names (clientList, activeClient)."""
+        The body lists windows with `allWindows()`, and reads and sets the active one with
+        `activeWindow()` and `activate(w)`, under the names of Plasma 6 or KWin 5.27."""
         self._evals = getattr(self, "_evals", 0) + 1
         marker = "tarry-eval-%d" % self._evals
         path = os.path.join(self.tmp, marker + ".js")
         with open(path, "w", encoding="utf-8") as f:
-            f.write("function answer(v) { print('%s ' + JSON.stringify(v)); }\n%s\n" % (marker, body))
+            f.write("function answer(v) { print('%s ' + JSON.stringify(v)); }\n%s\n%s\n" % (marker, EVAL_PRELUDE, body))
         self.chown(path)
         loaded = self.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.KWin", "/Scripting",
                            "org.kde.kwin.Scripting.loadScript", "string:" + path, "string:" + marker])
         script_id = int(loaded.stdout.split()[-1])
-        self.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.KWin", "/%d" % script_id,
-                  "org.kde.kwin.Script.run"])
+        # Plasma 6 names the script's object /Scripting/Script<id>, KWin 5.27 /<id>.
+        for script in ("/Scripting/Script%d" % script_id, "/%d" % script_id):
+            ran = self.run(["dbus-send", "--session", "--print-reply", "--dest=org.kde.KWin", script,
+                            "org.kde.kwin.Script.run"], check=False)
+            if ran.returncode == 0:
+                break
+        else:
+            raise Failure("KWin did not run a script: " + ran.stderr.decode(errors="replace"))
         try:
             def answered():
                 for line in self.output("kwin").splitlines():
@@ -175,20 +205,20 @@ class KdeDesktop(SessionDesktop):
         """caption, pid, [x, y, w, h], minimized, active of every normal window."""
         return self.kwin_eval("""
             var out = [];
-            var all = workspace.clientList();
+            var all = allWindows();
             for (var i = 0; i < all.length; ++i) {
               var w = all[i];
               if (!w.normalWindow) continue;
               var g = w.frameGeometry;
               out.push({caption: String(w.caption), pid: w.pid, frame: [g.x, g.y, g.width, g.height],
-                        minimized: w.minimized, active: w === workspace.activeClient});
+                        minimized: w.minimized, active: w === activeWindow()});
             }
             answer(out);""")
 
     def set_window(self, caption, frame=None, minimized=None, activate=False):
         """Moves and sizes, (un)minimizes or activates the window with this caption, as a user would."""
         return self.kwin_eval("""
-            var all = workspace.clientList();
+            var all = allWindows();
             var done = false;
             for (var i = 0; i < all.length; ++i) {
               var w = all[i];
@@ -196,7 +226,7 @@ class KdeDesktop(SessionDesktop):
               var frame = %s, minimized = %s;
               if (frame) w.frameGeometry = {x: frame[0], y: frame[1], width: frame[2], height: frame[3]};
               if (minimized !== null) w.minimized = minimized;
-              if (%s) workspace.activeClient = w;
+              if (%s) activate(w);
               done = true;
             }
             answer(done);""" % (json.dumps(caption), json.dumps(frame), json.dumps(minimized),
@@ -217,9 +247,30 @@ class KdeDesktop(SessionDesktop):
 
     def hud_visible(self):
         """True while the HUD covers the middle of the screen (it is centred; just under its top
-        edge lies its light backdrop, and the test client's windows are dark blue)."""
-        r, g, b = self.pixel(640, 357)
+        edge lies its light backdrop, and the test client's windows are dark blue). Without
+        screenshots (KWin 6's virtual screen composites with OpenGL only on a GPU), true while
+        KWin shows a window of tarry's over the middle that no task bar lists: the HUD's surface."""
+        if getattr(self, "_no_screenshots", False):
+            return self._hud_window()
+        try:
+            r, g, b = self.pixel(640, 357)
+        except Failure as failure:
+            if "/org/kde/KWin/ScreenShot2" not in str(failure):
+                raise
+            self._no_screenshots = True
+            print("no KWin screenshots here: the HUD is seen as a window", flush=True)
+            return self._hud_window()
         return min(r, g, b) > 200
+
+    def _hud_window(self):
+        return self.kwin_eval("""
+            var all = allWindows(), shown = false;
+            for (var i = 0; i < all.length; ++i) {
+              var w = all[i], g = w.frameGeometry;
+              if (w.pid === %d && w.skipTaskbar && !w.minimized && g.x <= 640 && g.x + g.width > 640 &&
+                  g.y <= 357 && g.y + g.height > 357) shown = true;
+            }
+            answer(shown);""" % (self.tarry_proc.pid if self.tarry_proc else -1))
 
     # ---- the user's hands ----
 
