@@ -1,6 +1,7 @@
 #include "platform/gnome/gnome_workspace.h"
 
 #include "platform/linux/desktop_identifiers.h"
+#include "platform/linux/json_fields.h"
 #include "platform/linux/proc_process_info.h"
 
 #include <unistd.h>
@@ -12,15 +13,8 @@
 namespace tarry::platform::gnome {
 namespace {
 
-std::string textOf(const nlohmann::json& object, const char* key) {
-  const auto it = object.find(key);
-  return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
-}
-
-double numberOf(const nlohmann::json& object, const char* key) {
-  const auto it = object.find(key);
-  return it != object.end() && it->is_number() ? it->get<double>() : 0.0;
-}
+using os::numberOf;
+using os::textOf;
 
 bool flagOf(const nlohmann::json& object, const char* key, bool otherwise) {
   const auto it = object.find(key);

@@ -1,5 +1,7 @@
 #include "platform/kde/kwin_script.h"
 
+#include "platform/linux/json_fields.h"
+
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
@@ -10,22 +12,15 @@
 namespace tarry::platform::kde {
 namespace {
 
+using os::numberOf;
+using os::textOf;
+
 constexpr char kService[] = "org.tarry.Tarry.KWin";
 constexpr char kPath[] = "/KWin";
 constexpr char kPluginName[] = "tarry-kwin";
 // A request call open longer than D-Bus's default timeout (25 s) would fail in KWin and end the
 // script's loop: an empty answer goes out before that.
 constexpr double kIdleAnswerSec = 15;
-
-std::string textOf(const nlohmann::json& object, const char* key) {
-  const auto it = object.find(key);
-  return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
-}
-
-double numberOf(const nlohmann::json& object, const char* key) {
-  const auto it = object.find(key);
-  return it != object.end() && it->is_number() ? it->get<double>() : 0.0;
-}
 
 }  // namespace
 

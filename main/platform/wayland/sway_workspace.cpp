@@ -1,6 +1,7 @@
 #include "platform/wayland/sway_workspace.h"
 
 #include "platform/linux/desktop_identifiers.h"
+#include "platform/linux/json_fields.h"
 #include "platform/linux/proc_process_info.h"
 
 #include <signal.h>
@@ -16,14 +17,11 @@
 namespace tarry::platform::wayland {
 namespace {
 
+using os::textOf;
+
 std::string lower(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
   return text;
-}
-
-std::string textOf(const nlohmann::json& object, const char* key) {
-  const auto it = object.find(key);
-  return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
 }
 
 std::string executableOf(std::int32_t pid) {
