@@ -15,7 +15,7 @@ import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from gnome_harness import CLIENT_ID, EXTENSION_UUID, GDK_Q, GDK_q, GDK_w, GnomeDesktop  # noqa: E402
+from gnome_harness import CLIENT_ENTRY, CLIENT_ID, EXTENSION_UUID, GDK_Q, GDK_q, GDK_w, GnomeDesktop  # noqa: E402
 from session_harness import Skip, case_registry, check, run_session_cases, settle, wait_for  # noqa: E402
 
 CASES, case = case_registry()
@@ -205,6 +205,71 @@ def first_run_installs_the_extension_and_asks_for_a_new_login(d):
     d.hold("q", 200, background=False)
     wait_for("the short press to be blocked", lambda: d.counter("saved") == 1)
     check(client.alive() and not ctrl_presses(client, GDK_q), "Ctrl+Q reached the app")
+
+
+@case
+def quit_others_keeps_the_front_app_and_undo_brings_them_back(d):
+    d.defaults("write", "showMenuBar", "true")
+    again = os.path.join(d.tmp, "other-again.log")
+    d.write_file(os.path.join("data", "applications", "org.tarry.Other.desktop"),
+                 CLIENT_ENTRY % ("%s --id org.tarry.Other" % d.client, again))
+    other = d.start_client("other", "--id", "org.tarry.Other")
+    front = d.start_client("front")
+    tarry = d.start_tarry()
+    # From the item the extension draws in the top bar, the front app keeping the focus.
+    item = "Main.panel.statusArea['tarry-status']"
+    wait_for("Tarry's item in the top bar", lambda: d.eval("!!" + item) is True, timeout=10)
+    d.eval("(() => { const m = %s.menu; m.open(); m._getMenuItems().find(i => i.label && "
+           "i.label.text.startsWith('Quit All Other Apps')).emit('activate', null); return true; })()" % item)
+    # The confirmation is tarry's own window: Enter takes its default button, "Quit Them".
+    wait_for("the confirmation", lambda: any(w[0] == tarry.pid for w in d.windows()), timeout=10)
+    d.activate(tarry.pid)
+    d.keys("+enter", 50, "-enter")
+    wait_for("the other app to be asked to quit", other.close_requests, timeout=8)
+    wait_for("the other app to end", lambda: not other.alive(), timeout=10)
+    wait_for("the batch record", lambda: "1 can be brought back" in d.events_log(), timeout=12)
+    check(front.alive() and not front.close_requests(), "the front app was asked to quit")
+    check(d.counter("bulkRuns") == 1 and d.counter("bulk") == 1,
+          "counted %d runs, %d apps" % (d.counter("bulkRuns"), d.counter("bulk")))
+    d.keys("+ctrl", "+alt", "+z", 50, "-z", "-alt", "-ctrl")
+    wait_for("the other app to come back", lambda: os.path.exists(again) and "ready" in open(again).read(),
+             timeout=15)
+    check(front.alive(), "the front app ended")
+
+
+@case
+def relaunch_hands_the_guard_on(d):
+    # As an installed update does: the new copy starts while the old one runs, takes tarry's bus
+    # name over, and the old one quits once the new one runs.
+    d.defaults("write", "busyGuard", "false")
+    client = d.start_client("app")
+    old = d.start_tarry({"TARRY_DEBUG_RELAUNCH_AFTER": "1"})
+    check(bus_owner_pid(d) == old.pid, "tarry's bus name is not the first copy's")
+    wait_for("the old copy to quit", lambda: old.poll() is not None, timeout=20)
+    wait_for("the new copy to guard", lambda: d.events_log().count("keyboard guard on") == 2, timeout=10)
+    new = bus_owner_pid(d)
+    try:
+        check(new not in (0, old.pid) and os.path.exists("/proc/%d" % new), "tarry's bus name is owned by %d" % new)
+        # Started by hand, not at login, the new copy shows Settings: the user goes back to the app.
+        d.activate(client.process.pid)
+        d.hold("q", 200, background=False)
+        wait_for("the new copy to block a short press", lambda: d.counter("saved") == 1)
+        check(client.alive() and not ctrl_presses(client, GDK_q), "Ctrl+Q reached the client past the new copy")
+        d.hold("q", 2600)
+        wait_for("the held Ctrl+Q to quit the client", lambda: not client.alive(), timeout=10)
+        wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
+    finally:
+        if new > 0:
+            os.kill(new, signal.SIGTERM)
+
+
+def bus_owner_pid(d):
+    """The process that owns tarry's bus name; 0 when none does."""
+    result = d.run(["gdbus", "call", "--session", "--dest", "org.freedesktop.DBus", "--object-path",
+                    "/org/freedesktop/DBus", "--method", "org.freedesktop.DBus.GetConnectionUnixProcessID",
+                    "org.tarry.Tarry"], check=False)
+    match = re.search(r"uint32 (\d+)", result.stdout.decode())
+    return int(match.group(1)) if match else 0
 
 
 def main():

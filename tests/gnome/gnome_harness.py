@@ -204,6 +204,12 @@ class GnomeDesktop(SessionDesktop):
         pid = self.eval("global.display.focus_window ? global.display.focus_window.get_pid() : 0")
         return pid if isinstance(pid, int) else 0
 
+    def activate(self, pid):
+        """Brings the window of `pid` to the front with the focus, as a click on it would."""
+        self.eval("global.get_window_actors().map(a => a.get_meta_window()).find(w => w.get_pid() === %d)"
+                  ".activate(global.get_current_time()); true" % pid)
+        wait_for("the window of %d to have the focus" % pid, lambda: self.focused_pid() == pid, timeout=5)
+
     def hud_visible(self):
         """True while Tarry's HUD is on screen (shown and not faded out)."""
         return self.eval("Main.uiGroup.get_children().some(a => a.name === 'tarry-hud' && a.visible && "

@@ -4,7 +4,7 @@
     gnome_typist.py STEP…
 
 A step is "+KEY" (press), "-KEY" (release) or a number of milliseconds to wait; KEY is an evdev
-key name (ctrl, shift, alt, q, w, z, a) or code. Prints "<monotonic µs> <step>" for each key step.
+key name (ctrl, shift, alt, q, w, z, a, esc, enter) or code. Prints "<monotonic µs> <step>" for each key step.
 """
 
 import sys
@@ -12,7 +12,7 @@ import time
 
 import dbus
 
-KEYS = {"ctrl": 29, "shift": 42, "alt": 56, "q": 16, "w": 17, "z": 44, "a": 30, "esc": 1}
+KEYS = {"ctrl": 29, "shift": 42, "alt": 56, "q": 16, "w": 17, "z": 44, "a": 30, "esc": 1, "enter": 28}
 
 
 def main(steps):
