@@ -8,11 +8,15 @@
 DIR holds the extension's builds (`esm/`, `legacy/`); the one for the installed Shell is used.
 """
 
+import http.server
+import json
 import os
 import re
 import signal
 import subprocess
 import sys
+import threading
+import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from gnome_harness import CLIENT_ENTRY, CLIENT_ID, EXTENSION_UUID, GDK_Q, GDK_q, GDK_w, GnomeDesktop  # noqa: E402
@@ -261,6 +265,58 @@ def relaunch_hands_the_guard_on(d):
     finally:
         if new > 0:
             os.kill(new, signal.SIGTERM)
+
+
+@case
+def ram_saver_quits_the_app_left_idle(d):
+    # Both background apps may idle 45 s; the RAM Saver looks every minute (the shortest period the
+    # remote configuration allows). One of them is used half-way, through a real focus change that
+    # the extension reports: only the other one has idled long enough at the first look.
+    d.defaults("write", "ramSaverApp", json.dumps({"org.tarry.Idle": 0.0125, "org.tarry.Used": 0.0125}))
+    config = serve_remote_config({"ramSaverCheckMin": 1})
+    try:
+        idle = d.start_client("idle", "--id", "org.tarry.Idle")
+        used = d.start_client("used", "--id", "org.tarry.Used")
+        front = d.start_client("front")
+        d.start_tarry({"TARRY_SERVER_URL": "http://127.0.0.1:%d" % config.server_address[1]})
+        started = time.monotonic()
+        wait_for("the remote configuration to be fetched", lambda: config.fetched, timeout=10)
+        time.sleep(max(0.0, 35 - (time.monotonic() - started)))
+        check(not idle.close_requests(), "an app was quit before it had idled long enough")
+        d.activate(used.process.pid)
+        settle()
+        d.activate(front.process.pid)
+        wait_for("the idle app to be asked to quit", idle.close_requests, timeout=45)
+        wait_for("the idle app to end", lambda: not idle.alive(), timeout=10)
+        wait_for("the run to be logged", lambda: "RAM Saver: " in d.events_log(), timeout=10)
+        check(used.alive() and not used.close_requests(), "the app used 30 s before was quit")
+        check(front.alive() and not front.close_requests(), "the front app was quit")
+        wait_for("the quit to be counted", lambda: d.counter("ramSaver.quits") == 1)
+        # The memory freed is the quit app's own (a GTK app in Python takes tens of MB).
+        check(d.counter("ramSaver.mb") >= 5, "counted %d MB freed" % d.counter("ramSaver.mb"))
+    finally:
+        config.shutdown()
+
+
+def serve_remote_config(document):
+    """An http server on the loopback that answers tarry's remote configuration request."""
+    body = json.dumps(document).encode()
+
+    class Handler(http.server.BaseHTTPRequestHandler):
+        def do_GET(self):  # noqa: N802 (the standard library's name)
+            server.fetched = server.fetched or self.path == "/api/tarry-config"
+            self.send_response(200 if self.path == "/api/tarry-config" else 404)
+            self.send_header("Content-Length", str(len(body)))
+            self.end_headers()
+            self.wfile.write(body)
+
+        def log_message(self, *args):
+            pass
+
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+    server.fetched = False
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    return server
 
 
 def bus_owner_pid(d):
