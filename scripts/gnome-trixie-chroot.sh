@@ -30,14 +30,18 @@ if [ ! -x "$root/usr/bin/gnome-shell" ]; then
   DEBIAN_FRONTEND=noninteractive chroot "$root" apt-get install -y -q --no-install-recommends $packages
 fi
 
-work="$root/tmp/tarry-smoke"
-rm -rf "$work"
-mkdir -p "$work"
+# Runs from several checkouts share the chroot: one at a time, each in its own folder, and the
+# mounts stay for the next run.
+exec 9>"$root/tmp/tarry-smoke.lock"
+flock 9
+work="$(mktemp -d "$root/tmp/tarry-smoke.XXXXXX")"
+chmod 755 "$work"
+inside="/tmp/$(basename "$work")"
+trap 'rm -rf "$work"' EXIT
 cp -r tests "$work/tests"
 cp -r "$build/gnome-extension" "$work/gnome-extension"
 mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
 mountpoint -q "$root/dev" || mount --bind /dev "$root/dev"
-trap 'umount "$root/dev" "$root/proc" 2>/dev/null || true' EXIT
 chroot "$root" gnome-shell --version
-chroot "$root" env TARRY_SMOKE_SCREENSHOT=/tmp/tarry-smoke/smoke.png python3 /tmp/tarry-smoke/tests/gnome/extension_smoke.py --extensions /tmp/tarry-smoke/gnome-extension
+chroot "$root" env TARRY_SMOKE_SCREENSHOT="$inside/smoke.png" python3 "$inside/tests/gnome/extension_smoke.py" --extensions "$inside/gnome-extension"
 cp "$work/smoke.png" "${TMPDIR:-/tmp}/tarry-gnome48-smoke.png" && echo "screenshot: ${TMPDIR:-/tmp}/tarry-gnome48-smoke.png"

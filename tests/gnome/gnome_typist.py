@@ -38,6 +38,9 @@ def main(steps):
             else:
                 time.sleep(int(step) / 1000)
     finally:
+        # A keyboard stays plugged in after its last key: the device goes only once the keys it
+        # sent have been dealt with (the Shell may be typing back a combination meanwhile).
+        time.sleep(0.3)
         session.Stop()
 
 

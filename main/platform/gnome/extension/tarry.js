@@ -458,17 +458,19 @@ var TarryGuard = class TarryGuard {
         const queued = this._queue;
         this._queue = [];
         for (const combination of queued)
-            this._type(combination, hold.mods);
+            this._type(combination);
     }
 
     // Types a combination into the focused app: the grab is lifted around it, or the Shell would
-    // catch the typed keys again. Modifiers still held by the user are not pressed a second time.
-    _type(combination, held = 0) {
+    // catch the typed keys again. Its modifiers are always typed with it: the user may let go of
+    // Ctrl before the typed key is through, and the seat drops a press of a key that is already
+    // down (and its release), so a Ctrl still held stays down.
+    _type(combination) {
         if (!this._keyboard)
             this._keyboard = seat().create_virtual_device(Clutter.InputDeviceType.KEYBOARD_DEVICE);
         const wasGrabbed = this._byWord.has(combination.word);
         this._ungrab(combination.word);
-        const mods = combination.mods.filter(n => !(held & MODIFIER_KEYS[n]));
+        const mods = combination.mods;
         let time = GLib.get_monotonic_time();
         const key = (name, state) => this._keyboard.notify_keyval(time++, keyval(name), state);
         for (const m of mods)
