@@ -79,9 +79,12 @@ def shell_pid(desktop):
 
 
 def idle(name, pid, seconds):
-    cpu, woke = cpu_seconds(pid), sum(thread_switches(pid).values())
+    cpu, before = cpu_seconds(pid), thread_switches(pid)
     time.sleep(seconds)
-    cpu, woke = cpu_seconds(pid) - cpu, sum(thread_switches(pid).values()) - woke
+    after = thread_switches(pid)
+    cpu = cpu_seconds(pid) - cpu
+    # Threads that ended meanwhile are left out; new ones count from zero.
+    woke = sum(n - before.get(thread, 0) for thread, n in after.items())
     print("%-46s %.2f %% of a core, %.1f wake-ups/s" % (name, cpu / seconds * 100, woke / seconds))
 
 
