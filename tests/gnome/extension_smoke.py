@@ -80,6 +80,12 @@ def smoke(d):
     wait_for("Ctrl+W to reach the app", lambda: ctrl_presses(client, GDK_w), timeout=3)
     settle()
     check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
+    # Pressed again 40 ms after the typed one: caught and reported too, each typed once.
+    d.keys("+ctrl", "+w", 300, "-w", 40, "+w", 200, "-w", "-ctrl")
+    wait_for("Ctrl+W to reach the app twice more", lambda: len(ctrl_presses(client, GDK_w)) == 3, timeout=3)
+    settle()
+    check(fake.lines("key").count("close 1") == 3, "reported %s" % fake.lines("key"))
+    check(len(ctrl_presses(client, GDK_w)) == 3, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
 
     # A window that gets the focus is reported with its process (the RAM Saver's record).
     other = d.start_client("other", "--id", "org.tarry.GtkOther")

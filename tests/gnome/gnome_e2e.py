@@ -91,6 +91,24 @@ def close_hold_lets_ctrl_w_through(d):
 
 
 @case
+def second_press_right_after_a_let_through_is_guarded(d):
+    d.defaults("write", "closeHold", "1")
+    client = d.start_client("app")
+    d.start_tarry()
+    # Ctrl+W held through (typed back at its release), then pressed again 40 ms later with Ctrl still
+    # down: the second press meets the guard, not the app.
+    typing = d.keys("+ctrl", "+w", 1600, "-w", 40, "+w", 400, "-w", "-ctrl", background=True)
+    wait_for("Ctrl+W to reach the client after the hold", lambda: ctrl_presses(client, GDK_w), timeout=5)
+    # The hold's own HUD went at the meter's end, before the release.
+    wait_for("the HUD of the second press", d.hud_visible, timeout=0.45, interval=0.03)
+    typing.wait(timeout=10)
+    wait_for("the second press to be blocked", lambda: d.counter("wblocked") == 1, timeout=5)
+    settle()
+    check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
+    check(client.alive() and not client.close_requests(), "the client was closed")
+
+
+@case
 def logout_hold_lets_ctrl_shift_q_through(d):
     client = d.start_client("app")
     d.start_tarry()
