@@ -155,7 +155,7 @@ TEST(GnomeStatusMenu, EveryRowGoesByItsWordInTheMenusOrder) {
   rows[static_cast<std::size_t>(MenuRow::undo)].visible = false;
   const nlohmann::json json =
       statusMenuJson(rows, {{RecentRow::Kind::reopen, "Mail", "/usr/share/applications/mail.desktop"}},
-                     "/run/icon.png", {"3", "3 blocked today"}, true);
+                     topBarSymbol("pause.circle"), {"3", "3 blocked today"}, true);
   ASSERT_EQ(json["rows"].size(), static_cast<std::size_t>(kMenuRowCount));
   EXPECT_EQ(json["rows"][2]["row"], "toggle");
   EXPECT_EQ(json["rows"][2]["checked"], true);
@@ -164,6 +164,11 @@ TEST(GnomeStatusMenu, EveryRowGoesByItsWordInTheMenusOrder) {
   EXPECT_EQ(json["rows"].back()["row"], "quit");
   EXPECT_EQ(json["recents"][0]["kind"], "reopen");
   EXPECT_EQ(json["toolTip"], "3 blocked today");
+  EXPECT_EQ(json["badge"], "3");
+  EXPECT_EQ(json["symbol"], "tarry-paused-symbolic");
+  EXPECT_EQ(topBarSymbol("command.circle.fill"), "tarry-on-symbolic");
+  EXPECT_EQ(topBarSymbol("command.circle"), "tarry-off-symbolic");
+  EXPECT_EQ(topBarSymbol(""), "");
   EXPECT_STREQ(menuRowWord(MenuRow::pauseTomorrow), "pauseTomorrow");
 }
 

@@ -187,6 +187,9 @@ def status_menu_in_the_top_bar_without_a_tray(d):
     d.start_tarry()
     item = "Main.panel.statusArea['tarry-status']"
     wait_for("Tarry's item in the top bar", lambda: d.eval("!!" + item) is True, timeout=10)
+    # A symbolic icon of the extension's, which the Shell paints in the bar's colours.
+    icon = item + ".get_first_child().get_first_child().gicon.get_file().get_basename()"
+    wait_for("the icon of protection on", lambda: d.eval(icon) == "tarry-on-symbolic.svg", timeout=5)
     # Opening the menu has tarry bring its rows up to date.
     d.eval(item + ".menu.open(); true")
     wait_for("the header to say the guard is on",
@@ -200,6 +203,7 @@ def status_menu_in_the_top_bar_without_a_tray(d):
     wait_for("protection to be off", lambda: enabled() == "false", timeout=5)
     wait_for("the menu to say so", lambda: not d.eval(item + ".menu._getMenuItems()[0].label.text").startswith(
         "Active"), timeout=5)
+    wait_for("the icon to say so", lambda: d.eval(icon) == "tarry-off-symbolic.svg", timeout=5)
     # Past the wait for a tray host: no Settings window stands in for the item.
     settle(7)
     check([w[1] for w in d.windows()] == [CLIENT_ID], "windows: %s" % d.windows())

@@ -150,8 +150,9 @@ function allWindows() {
 }
 
 var TarryGuard = class TarryGuard {
-    constructor(version) {
+    constructor(version, path) {
         this._version = version;
+        this._path = path;            // the extension's folder (its icons)
         this._owner = null;
         this._armed = false;
         this._grabs = new Map();      // action id -> combination
@@ -665,8 +666,13 @@ var TarryGuard = class TarryGuard {
         if (!this._status)
             this._createStatusMenu();
         const s = this._status;
-        if (state.icon)
-            s.icon.gicon = Gio.FileIcon.new(Gio.File.new_for_path(state.icon));
+        // Symbolic icons of ours, which the Shell paints in the bar's colours.
+        if (state.symbol && state.symbol !== s.symbol) {
+            s.icon.gicon = Gio.FileIcon.new(Gio.File.new_for_path(`${this._path}/icons/${state.symbol}.svg`));
+            s.symbol = state.symbol;
+        }
+        s.badge.text = state.badge || '';
+        s.badge.visible = !!state.badge;
         s.button.accessible_name = state.toolTip || 'Tarry';
         for (const row of state.rows) {
             const item = s.items[row.row];
@@ -699,8 +705,17 @@ var TarryGuard = class TarryGuard {
 
     _createStatusMenu() {
         const button = new PanelMenu.Button(0.0, 'Tarry', false);
+        const box = new St.BoxLayout({style_class: 'panel-status-indicators-box'});
         const icon = new St.Icon({style_class: 'system-status-icon'});
-        button.add_child(icon);
+        // Today's count beside the icon, in the bar's text colour.
+        const badge = new St.Label({
+            style: 'font-weight: bold; font-feature-settings: "tnum";',
+            y_align: Clutter.ActorAlign.CENTER,
+            visible: false,
+        });
+        box.add_child(icon);
+        box.add_child(badge);
+        button.add_child(box);
         const items = {};
         const chose = word => () => this._tell('MenuChose', '(s)', [word]);
         const add = (menu, word, item = new PopupMenu.PopupMenuItem('')) => {
@@ -740,7 +755,7 @@ var TarryGuard = class TarryGuard {
                 this._tell('MenuChose', '(s)', ['opening']);
         });
         Main.panel.addToStatusArea('tarry-status', button);
-        this._status = {button, icon, items};
+        this._status = {button, icon, badge, items, symbol: ''};
     }
 
     _removeStatusMenu() {
