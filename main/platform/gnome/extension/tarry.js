@@ -37,6 +37,7 @@ const MODIFIER_KEYS = {
 };
 const OTHER_MODIFIERS = ['Super_L', 'Super_R', 'ISO_Level3_Shift', 'Caps_Lock', 'Num_Lock', 'Hyper_L', 'Hyper_R'];
 
+const SHELL_MAJOR = parseInt(Config.PACKAGE_VERSION, 10);
 // A typed combination not seen by the Shell's key bindings after this long is forgotten.
 const TYPED_EXPIRY_MS = 1000;
 // A hold's modal grab ends by itself after this long when Tarry gave no limit.
@@ -465,12 +466,15 @@ var TarryGuard = class TarryGuard {
 
     // Types a combination into the focused app. The grabs stay: the Shell asks whether each press
     // of a grabbed combination is a key binding, and ours are let through to the app
-    // (`_letTypedThrough`), while a press of the user's right after still meets the grab. Modifiers
-    // still held by the user are not pressed a second time.
+    // (`_letTypedThrough`), while a press of the user's right after still meets the grab.
+    // On GNOME 43 modifiers the user still holds are not pressed a second time (their typed release
+    // would end them for the app). On GNOME 48 a modifier held on another keyboard is not reliably
+    // in force for keys typed on ours (the app now and then got a bare W): all are typed.
     _type(combination, held = 0) {
         if (!this._keyboard)
             this._keyboard = seat().create_virtual_device(Clutter.InputDeviceType.KEYBOARD_DEVICE);
-        const mods = combination.mods.filter(n => !(held & MODIFIER_KEYS[n]));
+        const mods = SHELL_MAJOR >= 48 ? combination.mods.slice()
+            : combination.mods.filter(n => !(held & MODIFIER_KEYS[n]));
         let time = GLib.get_monotonic_time();
         if (this._byWord.has(combination.word)) {
             this._forgetTyped(Math.floor(time / 1000) >>> 0);
