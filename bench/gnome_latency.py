@@ -117,7 +117,7 @@ def main():
         print("%-46s %.2f %% of a core" % ("tarry idle", idle(d, proc.pid, args.idle)))
         print("%-46s %.2f %% of a core" % ("GNOME Shell idle, tarry running", idle(d, shell, args.idle)))
         before = len(arrived)
-        # More than the extension's 150 ms before it grabs a combination again after typing it.
+        # Each let-through typed and at the app before the next press.
         keys = steps(d, args.presses, 30, 300)
         arrived = [t for t, _, ctrl, _ in client.presses(GDK_q) if ctrl][before:]
         through = matched([r for _, r in keys], arrived, [p for p, _ in keys[1:]])

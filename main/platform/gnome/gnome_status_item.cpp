@@ -124,8 +124,9 @@ void GnomeStatusItem::scheduleSend() {
 
 void GnomeStatusItem::send() {
   const bool inBar = shown_ && !hostPresent_;
-  shell_.send(QStringLiteral("StatusMenu"),
-              {QString::fromStdString(statusMenuJson(rows_, recents_, topBarSymbol(icon_), badge_, inBar).dump())});
+  shell_.send(
+      QStringLiteral("StatusMenu"),
+      {QString::fromStdString(statusMenuJson(rows_, recents_, topBarSymbol(icon_), badge_, inBar).dump())});
 }
 
 void GnomeStatusItem::chose(const QString& word) {
