@@ -38,6 +38,10 @@ def short_press_is_blocked_with_hud(d):
     check(client.alive(), "the client ended")
     check(not client.presses(GDK_q), "Ctrl+Q reached the client: %s" % client.presses(GDK_q))
     check(d.focused_pid() == client.process.pid, "the client lost the focus")
+    # The hold's modal grab takes the keyboard from the app; the release must give it back.
+    changes = [active for _, active in client.activations()]
+    check(False in changes and True in changes[changes.index(False):],
+          "the client did not get the keyboard back after the hold: %s" % changes)
 
 
 @case

@@ -555,6 +555,7 @@ var TarryGuard = class TarryGuard {
         case 'show':
             this._hudPanel().show();
             Main.uiGroup.set_child_above_sibling(this._hudPanel(), null);
+            this._paintNow();
             break;
         case 'hide':
             if (this._hud) {
@@ -563,6 +564,15 @@ var TarryGuard = class TarryGuard {
             }
             break;
         }
+    }
+
+    // The panel's first frame is painted at once, not at the slot the Shell's frame clock would
+    // plan for it (up to a whole refresh later when nothing else was moving on the screen).
+    _paintNow() {
+        const clockOf = actor => new Clutter.Timeline({actor, duration: 1}).frame_clock;
+        const clock = clockOf(this._hud) || clockOf(Main.uiGroup);
+        if (clock && clock.schedule_update_now)
+            clock.schedule_update_now();
     }
 
     _hudPanel() {
