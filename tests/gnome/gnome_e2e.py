@@ -101,10 +101,10 @@ def second_press_right_after_a_let_through_is_guarded(d):
     d.start_tarry()
     # Ctrl+W held through (typed back at its release), then pressed again 40 ms later with Ctrl still
     # down: the second press meets the guard, not the app.
-    typing = d.keys("+ctrl", "+w", 1600, "-w", 40, "+w", 400, "-w", "-ctrl", background=True)
+    typing = d.keys("+ctrl", "+w", 1600, "-w", 40, "+w", 700, "-w", "-ctrl", background=True)
     wait_for("Ctrl+W to reach the client after the hold", lambda: ctrl_presses(client, GDK_w), timeout=5)
-    # The hold's own HUD went at the meter's end, before the release.
-    wait_for("the HUD of the second press", d.hud_visible, timeout=0.45, interval=0.03)
+    # The hold's own HUD went at the meter's end (1 s), before the release.
+    wait_for("the HUD of the second press", d.hud_visible, timeout=0.8, interval=0.03)
     typing.wait(timeout=10)
     wait_for("the second press to be blocked", lambda: d.counter("wblocked") == 1, timeout=5)
     settle()
