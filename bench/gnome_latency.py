@@ -118,7 +118,7 @@ def main():
         idle("tarry idle", proc.pid, args.idle)
         idle("GNOME Shell idle, tarry running", shell, args.idle)
         before = len(arrived)
-        # More than the extension's 150 ms before it grabs a combination again after typing it.
+        # Each let-through typed and at the app before the next press.
         keys = steps(d, args.presses, 30, 300)
         arrived = [t for t, _, ctrl, _ in client.presses(GDK_q) if ctrl][before:]
         through = matched([r for _, r in keys], arrived, [p for p, _ in keys[1:]])

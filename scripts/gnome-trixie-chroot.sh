@@ -40,4 +40,7 @@ mountpoint -q "$root/dev" || mount --bind /dev "$root/dev"
 trap 'umount "$root/dev" "$root/proc" 2>/dev/null || true' EXIT
 chroot "$root" gnome-shell --version
 chroot "$root" env TARRY_SMOKE_SCREENSHOT=/tmp/tarry-smoke/smoke.png python3 /tmp/tarry-smoke/tests/gnome/extension_smoke.py --extensions /tmp/tarry-smoke/gnome-extension
-cp "$work/smoke.png" "${TMPDIR:-/tmp}/tarry-gnome48-smoke.png" && echo "screenshot: ${TMPDIR:-/tmp}/tarry-gnome48-smoke.png"
+for shot in "$work"/smoke*.png; do
+  name="$(basename "$shot")"
+  cp "$shot" "${TMPDIR:-/tmp}/tarry-gnome48-$name" && echo "screenshot: ${TMPDIR:-/tmp}/tarry-gnome48-$name"
+done
