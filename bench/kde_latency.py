@@ -46,7 +46,7 @@ def main():
         print("cannot measure: " + str(skip))
         return 77
     try:
-        let_through_and_hud(d, CLIENT_ID, typed, args.presses, [d.tarry, "--autostart"], 40)
+        let_through_and_hud(d, CLIENT_ID, typed, args.presses, [d.tarry, "--autostart"], max(10, args.presses // 5))
     finally:
         d.close()
     return 0

@@ -1,5 +1,6 @@
-"""The figures the desktop latency benchmarks print (sway_latency.py, kde_latency.py,
-gnome_latency.py), and the run that sway's and KWin's share."""
+"""The figures the desktop benchmarks print (sway_latency.py, kde_latency.py, gnome_latency.py,
+launch_idle.py): delays, a process's CPU time and wake-ups, and the run that sway's and KWin's
+latency benchmarks share."""
 
 import os
 import statistics
@@ -35,6 +36,30 @@ def matched(sent, arrived, ends=None):
         if hits:
             delays.append((hits[0] - t0) * 1000)
     return delays
+
+
+def cpu_seconds(pid):
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def thread_switches(pid):
+    """{(tid, name): context switches} of every thread."""
+    out = {}
+    for task in os.listdir("/proc/%d/task" % pid):
+        try:
+            with open("/proc/%d/task/%s/comm" % (pid, task)) as f:
+                name = f.read().strip()
+            total = 0
+            with open("/proc/%d/task/%s/status" % (pid, task)) as f:
+                for line in f:
+                    if line.startswith(("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches")):
+                        total += int(line.split()[1])
+            out[(task, name)] = total
+        except FileNotFoundError:
+            pass  # a thread that ended meanwhile
+    return out
 
 
 def let_through_and_hud(d, client_id, typed, presses, hud_argv, hud_presses):

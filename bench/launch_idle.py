@@ -23,34 +23,11 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
 from harness import Harness, wait_for  # noqa: E402
+from latency_figures import cpu_seconds, thread_switches  # noqa: E402
 
 
 def guard_lines(h):
     return h.events_log().count("keyboard guard on")
-
-
-def cpu_seconds(pid):
-    with open("/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
-
-def thread_switches(pid):
-    """{(tid, name): context switches} of every thread."""
-    out = {}
-    for task in os.listdir("/proc/%d/task" % pid):
-        try:
-            with open("/proc/%d/task/%s/comm" % (pid, task)) as f:
-                name = f.read().strip()
-            total = 0
-            with open("/proc/%d/task/%s/status" % (pid, task)) as f:
-                for line in f:
-                    if line.startswith(("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches")):
-                        total += int(line.split()[1])
-            out[(task, name)] = total
-        except FileNotFoundError:
-            pass  # a thread that ended meanwhile
-    return out
 
 
 def memory_mb(pid):

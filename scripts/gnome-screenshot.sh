@@ -2,8 +2,10 @@
 # Shows tarry's HUD over the GTK 4 test app during a Ctrl+Q hold on a private headless GNOME Shell
 # (through the GNOME end-to-end harness, as an unprivileged user when run as root) and saves the
 # Shell's screenshot of the whole screen about one second into the hold. Prints the PNG's path.
+# With --top-bar: tarry's item in the top bar instead, after one blocked Ctrl+Q (today's count),
+# its menu open, in the Shell's dark and light styles (OUTPUT-dark.png, OUTPUT-light.png).
 #
-#   scripts/gnome-screenshot.sh [OUTPUT.png]
+#   scripts/gnome-screenshot.sh [--top-bar] [OUTPUT.png]
 #
 # TARRY_BIN picks the program (default: the first build found); the extension comes from the
 # same build folder.
@@ -17,27 +19,59 @@ if [ -z "$bin" ]; then
   exit 1
 fi
 extensions="$(dirname "$bin")/../../gnome-extension"
+mode=hud
+if [ "${1:-}" = "--top-bar" ]; then
+  mode=top-bar
+  shift
+fi
 out="$(realpath -m "${1:-${TMPDIR:-/tmp}/tarry-gnome-screenshot.png}")"
 
-python3 - "$bin" "$extensions" "$out" <<'PYTHON'
+python3 - "$bin" "$extensions" "$out" "$mode" <<'PYTHON'
 import os, shutil, sys, time
 sys.path.insert(0, os.path.join(os.getcwd(), "tests", "gnome"))
 from gnome_harness import GnomeDesktop, wait_for
 from gnome_e2e import extension_build
 
-tarry, extensions, out = sys.argv[1:4]
+tarry, extensions, out, mode = sys.argv[1:5]
 d = GnomeDesktop(os.path.abspath(tarry), extension_build(os.path.abspath(extensions)))
-try:
-    d.start_client("app")
-    d.start_tarry()
-    d.hold("q", 2500)
-    wait_for("the HUD", d.hud_visible, timeout=5)
-    time.sleep(1.0)
+
+
+def shoot(path):
     shot = os.path.join(d.tmp, "shot.png")  # written by the Shell, as the test user
+    if os.path.exists(shot):
+        os.remove(shot)
     d.screenshot(shot)
     wait_for("the screenshot", lambda: os.path.exists(shot), timeout=5)
-    shutil.copy(shot, out)
+    time.sleep(0.2)
+    shutil.copy(shot, path)
+    print(path)
+
+
+try:
+    if mode == "top-bar":
+        d.defaults("write", "showMenuBar", "true")
+    d.start_client("app")
+    d.start_tarry()
+    if mode == "hud":
+        d.hold("q", 2500)
+        wait_for("the HUD", d.hud_visible, timeout=5)
+        time.sleep(1.0)
+        shoot(out)
+    else:
+        item = "Main.panel.statusArea['tarry-status']"
+        wait_for("tarry's item in the top bar", lambda: d.eval("!!" + item) is True, timeout=15)
+        d.hold("q", 200, background=False)
+        wait_for("the blocked press to be counted", lambda: d.counter("saved") == 1, timeout=5)
+        wait_for("the HUD to go", lambda: not d.hud_visible(), timeout=5)
+        base, ext = os.path.splitext(out)
+        for scheme in ("dark", "light"):
+            d.eval("new imports.gi.Gio.Settings({schema_id: 'org.gnome.desktop.interface'})"
+                   ".set_string('color-scheme', 'prefer-%s'); true" % scheme)
+            time.sleep(0.5)
+            d.eval(item + ".menu.open(); true")
+            time.sleep(0.7)
+            shoot("%s-%s%s" % (base, scheme, ext))
+            d.eval(item + ".menu.close(); true")
 finally:
     d.close()
-print(out)
 PYTHON

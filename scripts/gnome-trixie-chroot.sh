@@ -44,4 +44,7 @@ mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
 mountpoint -q "$root/dev" || mount --bind /dev "$root/dev"
 chroot "$root" gnome-shell --version
 chroot "$root" env TARRY_SMOKE_SCREENSHOT="$inside/smoke.png" python3 "$inside/tests/gnome/extension_smoke.py" --extensions "$inside/gnome-extension"
-cp "$work/smoke.png" "${TMPDIR:-/tmp}/tarry-gnome48-smoke.png" && echo "screenshot: ${TMPDIR:-/tmp}/tarry-gnome48-smoke.png"
+for shot in "$work"/smoke*.png; do
+  name="$(basename "$shot")"
+  cp "$shot" "${TMPDIR:-/tmp}/tarry-gnome48-$name" && echo "screenshot: ${TMPDIR:-/tmp}/tarry-gnome48-$name"
+done

@@ -109,6 +109,7 @@ void AppDelegate::runLaunchSequence() {
   // answers; its completion re-arms it with the fetched interval.
   deps_.remoteConfig.setAppliedHook(weakly([this] {
     if (hooks_.rescheduleRamSaver) hooks_.rescheduleRamSaver();
+    if (hooks_.tunablesApplied) hooks_.tunablesApplied();
   }));
   fetchRemoteConfig();
   armPing();

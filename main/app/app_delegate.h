@@ -68,6 +68,9 @@ struct AppHooks {
   std::function<void(std::weak_ptr<guard::Guard>)> startUndo;
   /// Re-arms RAM Saver's periodic check after its settings changed.
   std::function<void()> rescheduleRamSaver;
+  /// Runs after a fetched configuration was applied: backends that were handed a tunable take it
+  /// again.
+  std::function<void()> tunablesApplied;
 
   // ---- Logs and updates ----
   /// Starts the diagnostic logging and the crash recorder, before the launch sequence.

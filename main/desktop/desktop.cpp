@@ -244,9 +244,12 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   guard::HUD hud(*panel, screens, loop, tunables);
 
   // On GNOME the Shell keeps the keyboard while a combination is held: for the longest hold at
-  // most, and a margin.
-  if (auto* gnome = dynamic_cast<platform::gnome::GnomeEventTap*>(&backends->tap()))
-    gnome->setHoldLimit(tunables.real(settings::T::maxHoldSec) + 2);
+  // most, and a margin (taken again when a fetched configuration changes the longest hold).
+  auto* gnomeTap = dynamic_cast<platform::gnome::GnomeEventTap*>(&backends->tap());
+  const auto takeHoldLimit = [gnomeTap, &tunables] {
+    if (gnomeTap) gnomeTap->setHoldLimit(tunables.real(settings::T::maxHoldSec) + 2);
+  };
+  takeHoldLimit();
 
   std::unique_ptr<StallingTap> stalling;
   platform::EventTap* tap = &backends->tap();
@@ -292,6 +295,7 @@ int runDesktop(int argc, char** argv, const DesktopOptions& options) {
   // nothing of the guard back.
   hooks.startUndo = [](const std::weak_ptr<guard::Guard>& /*guard*/) {};
   hooks.rescheduleRamSaver = [&actions] { actions.rescheduleRamSaver(); };
+  hooks.tunablesApplied = takeHoldLimit;
   hooks.systemLog = [](const std::string& line) { std::fprintf(stderr, "tarry: %s\n", line.c_str()); };
   hooks.promptForTrust = [&log, tap] {
     // Linux desktops have no permission to prompt for: say, once at launch, why the guard cannot

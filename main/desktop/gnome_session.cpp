@@ -8,13 +8,6 @@
 #include "platform/gnome/gnome_shell.h"
 #include "platform/gnome/gnome_status_item.h"
 #include "platform/gnome/gnome_workspace.h"
-#include "platform/linux/xdg_paths.h"
-#include "platform/qt/qt_status_item.h"
-
-#include <QIcon>
-#include <QPixmap>
-
-#include <cstdio>
 
 namespace tarry::desktop {
 namespace {
@@ -37,21 +30,11 @@ class GnomeBackends final : public SessionBackends {
   [[nodiscard]] std::unique_ptr<platform::HudPanel> makeHudPanel(const Log& /*log*/) override {
     return std::make_unique<platform::gnome::GnomeHudPanel>(*shell_);
   }
-  /// Stock GNOME has no tray: the extension shows the item in the top bar while no StatusNotifier
-  /// host is on the bus. Its icon is the tray item's, drawn into a file the Shell reads.
+  /// Stock GNOME has no tray: the extension shows the item in the top bar, with its own symbolic
+  /// icons, while no StatusNotifier host is on the bus.
   [[nodiscard]] std::unique_ptr<platform::StatusItemView> wrapStatusItem(
       std::unique_ptr<platform::StatusItemView> tray) override {
-    auto* qt = dynamic_cast<platform::qt::QtStatusItem*>(tray.get());
-    auto item = std::make_unique<platform::gnome::GnomeStatusItem>(
-        *shell_, std::move(tray), [qt, serial = 0](const std::string&, const platform::StatusBadge&) mutable {
-          if (!qt) return std::string();
-          // A new name each time: the Shell keeps an icon it has read by its file name.
-          const std::string folder = platform::os::runtimeDirectory();
-          std::remove((folder + "/tarry-status-" + std::to_string(serial) + ".png").c_str());
-          const std::string path = folder + "/tarry-status-" + std::to_string(++serial) + ".png";
-          return qt->currentIcon().pixmap(64, 64).save(QString::fromStdString(path), "PNG") ? path
-                                                                                            : std::string();
-        });
+    auto item = std::make_unique<platform::gnome::GnomeStatusItem>(*shell_, std::move(tray));
     item_ = item.get();
     return item;
   }

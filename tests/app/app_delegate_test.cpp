@@ -228,12 +228,14 @@ TEST_F(AppDelegateTest, OneAutomaticUpdateCheckAndAPingTimerThatFollowsTheFetche
   EXPECT_EQ(counters.allTime("update.auto"), 1);
 }
 
-TEST_F(AppDelegateTest, RamSaverTimerIsRebuiltOnTheMainThreadAfterEachAppliedDocumentOnly) {
+TEST_F(AppDelegateTest,
+       RamSaverTimerAndBackendsTunablesAreRenewedOnTheMainThreadAfterEachAppliedDocumentOnly) {
   // Each configuration fetch is answered in turn by the next of these; events are accepted.
-  std::vector<platform::HttpResponse> answers{{true, 200, R"({"ramSaverCheckMin": 7})", ""},
-                                              {true, 404, "", ""},
-                                              {false, 0, "", "timed out"},
-                                              {true, 200, R"({"ramSaverCheckMin": 12})", ""}};
+  std::vector<platform::HttpResponse> answers{
+      {true, 200, R"({"ramSaverCheckMin": 7, "maxHoldSec": 20})", ""},
+      {true, 404, "", ""},
+      {false, 0, "", "timed out"},
+      {true, 200, R"({"ramSaverCheckMin": 12, "maxHoldSec": 30})", ""}};
   std::size_t next = 0;
   p.http.responder = [&](const platform::HttpRequest& r) {
     if (r.url.ends_with("/api/t")) return platform::HttpResponse{true, 200, "", ""};
@@ -241,9 +243,11 @@ TEST_F(AppDelegateTest, RamSaverTimerIsRebuiltOnTheMainThreadAfterEachAppliedDoc
   };
   std::vector<double> rebuiltWith;
   make("https://tarry.test");
+  std::vector<double> longestHolds;
   delegate->hooks().rescheduleRamSaver = [&] { rebuiltWith.push_back(tunables.real(T::ramSaverCheckMin)); };
+  delegate->hooks().tunablesApplied = [&] { longestHolds.push_back(tunables.real(T::maxHoldSec)); };
   delegate->applicationDidFinishLaunching(true);
-  EXPECT_TRUE(rebuiltWith.empty()) << "the rebuild waits for the main loop";
+  EXPECT_TRUE(rebuiltWith.empty() && longestHolds.empty()) << "the rebuild waits for the main loop";
   p.loop.runDue();
   EXPECT_EQ(rebuiltWith, std::vector<double>{7});
   const double ping = tunables.real(T::pingMinutes) * 60;
@@ -253,6 +257,7 @@ TEST_F(AppDelegateTest, RamSaverTimerIsRebuiltOnTheMainThreadAfterEachAppliedDoc
   }
   EXPECT_EQ(next, 4U);
   EXPECT_EQ(rebuiltWith, (std::vector<double>{7, 12})) << "a failed fetch rebuilds nothing";
+  EXPECT_EQ(longestHolds, (std::vector<double>{20, 30}));
 }
 
 TEST_F(AppDelegateTest, PingsGoOnWhileAConfigurationFetchNeverAnswers) {

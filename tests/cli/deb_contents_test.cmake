@@ -22,6 +22,11 @@ set(wanted ./usr/bin/tarry ./usr/share/applications/org.tarry.Tarry.desktop
   # The GNOME Shell extension: in the Shell's folder, and both builds for a copy of the user's own.
   ./usr/share/gnome-shell/extensions/tarry@tarry.org/extension.js
   ./usr/share/gnome-shell/extensions/tarry@tarry.org/metadata.json
+  ./usr/share/gnome-shell/extensions/tarry@tarry.org/icons/tarry-on-symbolic.svg
+  ./usr/share/gnome-shell/extensions/tarry@tarry.org/icons/tarry-off-symbolic.svg
+  ./usr/share/gnome-shell/extensions/tarry@tarry.org/icons/tarry-paused-symbolic.svg
+  ./usr/share/tarry/gnome-extension/esm/tarry@tarry.org/icons/tarry-on-symbolic.svg
+  ./usr/share/tarry/gnome-extension/legacy/tarry@tarry.org/icons/tarry-paused-symbolic.svg
   ./usr/share/tarry/gnome-extension/esm/tarry@tarry.org/extension.js
   ./usr/share/tarry/gnome-extension/legacy/tarry@tarry.org/extension.js)
 foreach(size 16 24 32 48 64 128 256)

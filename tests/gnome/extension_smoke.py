@@ -42,16 +42,23 @@ class Fake:
         return [r[2].strip() if len(r) > 2 else "" for r in rows if len(r) >= 2 and (word is None or r[1] == word)]
 
 
+def shoot(d, suffix):
+    """The screen into $TARRY_SMOKE_SCREENSHOT (with `suffix` before its extension), when set."""
+    if not os.environ.get("TARRY_SMOKE_SCREENSHOT"):
+        return
+    shot = os.path.join(d.tmp, "smoke%s.png" % suffix)
+    d.screenshot(shot)
+    wait_for("the screenshot", lambda: os.path.exists(shot), timeout=5)
+    base, ext = os.path.splitext(os.environ["TARRY_SMOKE_SCREENSHOT"])
+    subprocess.run(["cp", shot, base + suffix + ext], check=True)
+
+
 def smoke(d):
     client = d.start_client("app")
     fake = Fake(d, "close")
     check(fake.lines("armed") == ["-"], "keys refused: %s" % fake.lines("armed"))
     wait_for("the HUD the fake tarry showed", d.hud_visible, timeout=3)
-    if os.environ.get("TARRY_SMOKE_SCREENSHOT"):
-        shot = os.path.join(d.tmp, "smoke.png")
-        d.screenshot(shot)
-        wait_for("the screenshot", lambda: os.path.exists(shot), timeout=5)
-        subprocess.run(["cp", shot, os.environ["TARRY_SMOKE_SCREENSHOT"]], check=True)
+    shoot(d, "")
     focused = json.loads(fake.lines("focused")[0])
     check(focused["pid"] == client.process.pid and focused["gtkAppId"] == CLIENT_ID,
           "the focused window is not the client's: %s" % focused)
@@ -61,6 +68,15 @@ def smoke(d):
     wait_for("the item in the top bar", lambda: d.eval("!!" + item) is True, timeout=3)
     titles = d.eval(item + ".menu._getMenuItems().map(i => i.label ? i.label.text : '')")
     check(titles[0] == "Header" and titles[-1] == "Quit", "the menu reads %s" % titles)
+    # Its symbolic icon from the extension's folder, today's count beside it.
+    icon = d.eval(item + ".get_first_child().get_first_child().gicon.get_file().get_path()") or ""
+    check(icon.endswith("/icons/tarry-paused-symbolic.svg") and os.path.exists(icon), "the icon is %r" % icon)
+    check(d.eval(item + ".get_first_child().get_last_child().text") == "3", "no count beside the icon")
+    for scheme in ("dark", "light"):
+        d.eval("new imports.gi.Gio.Settings({schema_id: 'org.gnome.desktop.interface'})"
+               ".set_string('color-scheme', 'prefer-%s'); true" % scheme)
+        settle(0.5)
+        shoot(d, "-bar-" + scheme)
     d.eval(item + ".menu._getMenuItems()[%d].emit('activate', null); true" % titles.index("Stats"))
     wait_for("the choice to reach tarry", lambda: "stats" in fake.lines("menu"), timeout=3)
 
@@ -80,6 +96,12 @@ def smoke(d):
     wait_for("Ctrl+W to reach the app", lambda: ctrl_presses(client, GDK_w), timeout=3)
     settle()
     check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
+    # Pressed again 40 ms after the typed one: caught and reported too, each typed once.
+    d.keys("+ctrl", "+w", 300, "-w", 40, "+w", 200, "-w", "-ctrl")
+    wait_for("Ctrl+W to reach the app twice more", lambda: len(ctrl_presses(client, GDK_w)) == 3, timeout=3)
+    settle()
+    check(fake.lines("key").count("close 1") == 3, "reported %s" % fake.lines("key"))
+    check(len(ctrl_presses(client, GDK_w)) == 3, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
 
     # A window that gets the focus is reported with its process (the RAM Saver's record).
     other = d.start_client("other", "--id", "org.tarry.GtkOther")

@@ -64,7 +64,8 @@ def main():
              "recent", "undo", "stats", "rules", "quitOthers", "settings", "about", "checkUpdates", "quit"]
     rows = [{"row": w, "title": w.capitalize(), "visible": True, "enabled": w not in ("header", "counter"),
              "checked": w == "toggle"} for w in words]
-    shell.StatusMenu(json.dumps({"shown": True, "icon": "", "toolTip": "Tarry", "rows": rows,
+    shell.StatusMenu(json.dumps({"shown": True, "symbol": "tarry-paused-symbolic", "badge": "3",
+                                 "toolTip": "Tarry", "rows": rows,
                                  "recents": [{"kind": "placeholder", "title": "No Apps", "path": ""}]}))
     bus.add_signal_receiver(lambda word: note("menu", word), "MenuChose", INTERFACE)
 

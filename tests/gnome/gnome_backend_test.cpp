@@ -5,11 +5,20 @@
 #include "platform/gnome/gnome_status_item.h"
 #include "platform/gnome/gnome_workspace.h"
 
+#include "../support/bus_daemon.h"
+
 #include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
+#include <QElapsedTimer>
+#include <QThread>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 
 namespace tarry::platform::gnome {
 namespace {
@@ -146,7 +155,7 @@ TEST(GnomeStatusMenu, EveryRowGoesByItsWordInTheMenusOrder) {
   rows[static_cast<std::size_t>(MenuRow::undo)].visible = false;
   const nlohmann::json json =
       statusMenuJson(rows, {{RecentRow::Kind::reopen, "Mail", "/usr/share/applications/mail.desktop"}},
-                     "/run/icon.png", {"3", "3 blocked today"}, true);
+                     topBarSymbol("pause.circle"), {"3", "3 blocked today"}, true);
   ASSERT_EQ(json["rows"].size(), static_cast<std::size_t>(kMenuRowCount));
   EXPECT_EQ(json["rows"][2]["row"], "toggle");
   EXPECT_EQ(json["rows"][2]["checked"], true);
@@ -155,7 +164,85 @@ TEST(GnomeStatusMenu, EveryRowGoesByItsWordInTheMenusOrder) {
   EXPECT_EQ(json["rows"].back()["row"], "quit");
   EXPECT_EQ(json["recents"][0]["kind"], "reopen");
   EXPECT_EQ(json["toolTip"], "3 blocked today");
+  EXPECT_EQ(json["badge"], "3");
+  EXPECT_EQ(json["symbol"], "tarry-paused-symbolic");
+  EXPECT_EQ(topBarSymbol("command.circle.fill"), "tarry-on-symbolic");
+  EXPECT_EQ(topBarSymbol("command.circle"), "tarry-off-symbolic");
+  EXPECT_EQ(topBarSymbol(""), "");
   EXPECT_STREQ(menuRowWord(MenuRow::pauseTomorrow), "pauseTomorrow");
+}
+
+/// The extension as far as greeting and arming go, on a thread of its own (the program's calls to
+/// it block). Records the hold limits it was told.
+class FakeExtension final : public QDBusVirtualObject {
+ public:
+  bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
+    if (message.member() == QStringLiteral("Hello")) {
+      {
+        std::lock_guard lock(mutex_);
+        limits_.push_back(message.arguments().value(0).toUInt());
+      }
+      connection.send(message.createReply(QVariant(QStringLiteral(R"({"protocol":1})"))));
+    } else if (message.member() == QStringLiteral("Arm")) {
+      connection.send(message.createReply(QVariant(QStringList())));
+    } else {
+      connection.send(message.createReply());
+    }
+    return true;
+  }
+  [[nodiscard]] QString introspect(const QString&) const override { return {}; }
+  std::vector<std::uint32_t> limits() {
+    std::lock_guard lock(mutex_);
+    return limits_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::uint32_t> limits_;
+};
+
+TEST(GnomeEventTap, AHoldLimitChangedAtRunTimeReachesTheExtensionAtOnce) {
+  testing::BusDaemon daemon;
+  if (daemon.address.empty()) GTEST_SKIP() << "dbus-daemon cannot run here";
+  setenv("DBUS_SESSION_BUS_ADDRESS", daemon.address.c_str(), 1);
+  int argc = 1;
+  char name[] = "gnome_backend_test";
+  char* argv[] = {name, nullptr};
+  QCoreApplication app(argc, argv);
+  const QString shellName = QStringLiteral("shell");
+  {
+    QDBusConnection shellBus =
+        QDBusConnection::connectToBus(QString::fromStdString(daemon.address), shellName);
+    QThread shellThread;
+    FakeExtension extension;
+    extension.moveToThread(&shellThread);
+    shellThread.start();
+    ASSERT_TRUE(shellBus.registerVirtualObject(QString::fromLatin1(kExtensionPath), &extension));
+    ASSERT_TRUE(shellBus.registerService(QString::fromLatin1(kExtensionBusName)));
+
+    std::string error;
+    std::unique_ptr<GnomeShell> shell = GnomeShell::connect(error);
+    ASSERT_TRUE(shell) << error;
+    {
+      GnomeEventTap tap(*shell);
+      // Before the greeting a new limit waits for it.
+      tap.setHoldLimit(16);
+      EXPECT_TRUE(extension.limits().empty());
+      ASSERT_TRUE(tap.isTrusted()) << tap.lastError();
+      tap.setHoldLimit(16);
+      tap.setHoldLimit(32.5);
+      QElapsedTimer timer;
+      timer.start();
+      while (extension.limits().size() < 2 && timer.elapsed() < 5000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+      EXPECT_EQ(extension.limits(), (std::vector<std::uint32_t>{16000, 32500}));
+    }
+    shell.reset();
+    shellBus.unregisterObject(QString::fromLatin1(kExtensionPath));
+    shellThread.quit();
+    shellThread.wait();
+  }
+  QDBusConnection::disconnectFromBus(shellName);
 }
 
 }  // namespace

@@ -42,6 +42,10 @@ def short_press_is_blocked_with_hud(d):
     check(client.alive(), "the client ended")
     check(not client.presses(GDK_q), "Ctrl+Q reached the client: %s" % client.presses(GDK_q))
     check(d.focused_pid() == client.process.pid, "the client lost the focus")
+    # The hold's modal grab takes the keyboard from the app; the release must give it back.
+    changes = [active for _, active in client.activations()]
+    check(False in changes and True in changes[changes.index(False):],
+          "the client did not get the keyboard back after the hold: %s" % changes)
 
 
 @case
@@ -92,6 +96,24 @@ def close_hold_lets_ctrl_w_through(d):
     wait_for("Ctrl+W to reach the client after the hold", lambda: ctrl_presses(client, GDK_w), timeout=5)
     check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
     check("Ctrl+W confirmed" in d.events_log(), "no confirmation in the log")
+
+
+@case
+def second_press_right_after_a_let_through_is_guarded(d):
+    d.defaults("write", "closeHold", "1")
+    client = d.start_client("app")
+    d.start_tarry()
+    # Ctrl+W held through (typed back at its release), then pressed again 40 ms later with Ctrl still
+    # down: the second press meets the guard, not the app.
+    typing = d.keys("+ctrl", "+w", 1600, "-w", 40, "+w", 700, "-w", "-ctrl", background=True)
+    wait_for("Ctrl+W to reach the client after the hold", lambda: ctrl_presses(client, GDK_w), timeout=5)
+    # The hold's own HUD went at the meter's end (1 s), before the release.
+    wait_for("the HUD of the second press", d.hud_visible, timeout=0.8, interval=0.03)
+    typing.wait(timeout=10)
+    wait_for("the second press to be blocked", lambda: d.counter("wblocked") == 1, timeout=5)
+    settle()
+    check(len(ctrl_presses(client, GDK_w)) == 1, "Ctrl+W arrived %d times" % len(ctrl_presses(client, GDK_w)))
+    check(client.alive() and not client.close_requests(), "the client was closed")
 
 
 @case
@@ -173,6 +195,9 @@ def status_menu_in_the_top_bar_without_a_tray(d):
     d.start_tarry()
     item = "Main.panel.statusArea['tarry-status']"
     wait_for("Tarry's item in the top bar", lambda: d.eval("!!" + item) is True, timeout=10)
+    # A symbolic icon of the extension's, which the Shell paints in the bar's colours.
+    icon = item + ".get_first_child().get_first_child().gicon.get_file().get_basename()"
+    wait_for("the icon of protection on", lambda: d.eval(icon) == "tarry-on-symbolic.svg", timeout=5)
     # Opening the menu has tarry bring its rows up to date.
     d.eval(item + ".menu.open(); true")
     wait_for("the header to say the guard is on",
@@ -186,6 +211,7 @@ def status_menu_in_the_top_bar_without_a_tray(d):
     wait_for("protection to be off", lambda: enabled() == "false", timeout=5)
     wait_for("the menu to say so", lambda: not d.eval(item + ".menu._getMenuItems()[0].label.text").startswith(
         "Active"), timeout=5)
+    wait_for("the icon to say so", lambda: d.eval(icon) == "tarry-off-symbolic.svg", timeout=5)
     # Past the wait for a tray host: no Settings window stands in for the item.
     settle(7)
     check([w[1] for w in d.windows()] == [CLIENT_ID], "windows: %s" % d.windows())

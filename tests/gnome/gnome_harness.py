@@ -46,6 +46,10 @@ class GtkClient(ReadyClient):
         return [(at, int(w[1]), w[2] == "1", w[3] == "1") for at, w in self.lines()
                 if w[0] == "press" and (keyval is None or int(w[1]) == keyval)]
 
+    def activations(self):
+        """(time, active) of every change of the window's focused state, in order."""
+        return [(at, w[1] == "1") for at, w in self.lines() if w[0] == "active"]
+
     def close_requests(self):
         return [at for at, w in self.lines() if w[0] == "close-request"]
 

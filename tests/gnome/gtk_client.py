@@ -4,7 +4,7 @@
     gtk_client.py --log FILE [--id APP_ID]
 
 Log lines are "<monotonic µs> <word> …": "ready", "press <keyval> <ctrl 0|1> <shift 0|1>",
-"close-request", "exit".
+"close-request", "active <0|1>" (the window gained or lost the keyboard focus), "exit".
 """
 
 import argparse
@@ -49,6 +49,7 @@ def main():
         keys.connect("key-pressed", on_key)
         window.add_controller(keys)
         window.connect("close-request", on_close)
+        window.connect("notify::is-active", lambda w, _: note("active", int(w.is_active())))
         window.present()
         note("ready")
 

@@ -7,6 +7,8 @@
 #include "platform/kde/kwin_script.h"
 #include "platform/qt/qt_main_loop.h"
 
+#include "../support/bus_daemon.h"
+
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -143,38 +145,8 @@ class Recorder final : public QDBusVirtualObject {
   std::vector<QDBusMessage> calls;
 };
 
-/// A private bus daemon for one test.
-class BusDaemon {
- public:
-  BusDaemon() {
-    FILE* out = popen("dbus-daemon --session --nofork --print-address=1 --print-pid=1 2>/dev/null", "r");
-    if (!out) return;
-    pipe_ = out;
-    char line[512];
-    for (int i = 0; i < 2 && std::fgets(line, sizeof line, out); ++i) {
-      const std::string text(line, std::strcspn(line, "\n"));
-      if (text.find(':') != std::string::npos) {
-        address = text;
-      } else {
-        pid = std::atoi(text.c_str());
-      }
-    }
-  }
-  ~BusDaemon() {
-    if (pid > 0) kill(pid, SIGTERM);
-    if (pipe_) pclose(pipe_);
-  }
-  BusDaemon(const BusDaemon&) = delete;
-  BusDaemon& operator=(const BusDaemon&) = delete;
-  std::string address;
-  int pid = 0;
-
- private:
-  FILE* pipe_ = nullptr;
-};
-
 TEST(DBusWire, TheHelpersBytesReachTheBusAsCallsWithTheirArguments) {
-  BusDaemon daemon;
+  testing::BusDaemon daemon;
   if (daemon.address.empty()) GTEST_SKIP() << "dbus-daemon cannot run here";
   int argc = 1;
   char name[] = "kde_backend_test";
@@ -279,7 +251,7 @@ void spinUntil(const std::function<bool()>& done, int ms = 5000) {
 }
 
 TEST(KWinScriptBridge, ReportsFillTheWindowsAndRequestsAnswerTheScriptsCall) {
-  BusDaemon daemon;
+  testing::BusDaemon daemon;
   if (daemon.address.empty()) GTEST_SKIP() << "dbus-daemon cannot run here";
   int argc = 1;
   char name[] = "kde_backend_test";

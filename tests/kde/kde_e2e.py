@@ -230,13 +230,20 @@ def relaunch_hands_the_guard_on(d):
     old = d.start_tarry({"TARRY_DEBUG_RELAUNCH_AFTER": "1"})
     wait_for("the old copy to quit", lambda: old.poll() is not None, timeout=20)
     wait_for("the new copy to guard", lambda: d.events_log().count("keyboard guard on") == 2, timeout=10)
+    # The new copy is not a login launch: its Settings window opens; the client comes back to the front.
     settle(1.0)
+    caption = next((w["caption"] for w in d.windows() if w["pid"] == client.process.pid), None)
+    check(caption and d.set_window(caption, activate=True), "no client window: %s" % d.windows())
+    wait_for("the client to be in front", lambda: any(w["active"] and w["pid"] == client.process.pid
+                                                       for w in d.windows()))
     d.type(KEY_Q, (KEY_CTRL,), 200)
     wait_for("the new copy to block a short press", lambda: d.counter("saved") == 1)
     check(not ctrl_q_presses(client), "Ctrl+Q reached the client past the new copy")
-    # The new copy's window helper answers: Ctrl+Q held long enough reaches... the quit of the app.
+    # The new copy's window helper answers: Ctrl+Q held long enough quits the client.
     d.hold(KEY_Q, 2600).wait(timeout=10)
     wait_for("the held Ctrl+Q to be confirmed", lambda: "quit confirmed" in d.events_log(), timeout=5)
+    confirmed = [line for line in d.events_log().splitlines() if "quit confirmed:" in line]
+    check(len(confirmed) == 1 and CLIENT_ID in confirmed[0], "not the client was quit: %s" % confirmed)
 
 
 @case

@@ -179,6 +179,29 @@ CTRL_Q = ("-M", "ctrl", "-P", "q", "-s", "50", "-p", "q", "-m", "ctrl")
 
 
 @case
+def relaunch_hands_the_guard_on(d):
+    # As an installed update does: the new copy starts while the old one runs, and the old one
+    # quits once the new one runs. Bindings are the compositor's, not a connection's: the old
+    # copy's leaving must not take the new copy's away.
+    d.defaults("write", "busyGuard", "false")
+    client = d.start_client("app")
+    old = d.start_tarry({"TARRY_DEBUG_RELAUNCH_AFTER": "1"})
+    wait_for("the old copy to quit", lambda: old.poll() is not None, timeout=20)
+    wait_for("the new copy to guard", lambda: d.events_log().count("keyboard guard on") == 2, timeout=10)
+    # The new copy is not a login launch: its Settings window opens; the client comes back to the front.
+    settle(1.0)
+    d.run(["swaymsg", '[app_id="%s"] focus' % CLIENT_ID])
+    wait_for("the client to be in front", lambda: d.focused_app() == CLIENT_ID)
+    hold(d, "q", 200).wait(timeout=10)
+    wait_for("the new copy to block a short press", lambda: d.counter("saved") == 1)
+    check(not client.presses(QT_KEY_Q), "Ctrl+Q reached the client past the new copy")
+    hold(d, "q", 2600).wait(timeout=10)
+    wait_for("the held Ctrl+Q to quit the client", lambda: not client.alive(), timeout=15)
+    confirmed = [line for line in d.events_log().splitlines() if "quit confirmed:" in line]
+    check(len(confirmed) == 1 and CLIENT_ID in confirmed[0], "not the client was quit: %s" % confirmed)
+
+
+@case
 def killed_tarry_leaves_ctrl_q_working(d):
     client = d.start_client("app", "--no-quit")
     tarry = d.start_tarry()

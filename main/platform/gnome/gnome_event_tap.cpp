@@ -173,8 +173,7 @@ bool GnomeEventTap::isTrusted() {
   // itself is not woken for it.
   if (session_->greeted) return true;
   std::string error;
-  const auto limitMs = static_cast<std::uint32_t>(std::lround(holdLimitSec_ * 1000));
-  const std::optional<QVariantList> hello = shell_.call(QStringLiteral("Hello"), {limitMs}, &error);
+  const std::optional<QVariantList> hello = shell_.call(QStringLiteral("Hello"), {holdLimitMs()}, &error);
   if (!hello || hello->isEmpty()) {
     lastError_ = "Tarry's GNOME Shell extension does not answer: " + error;
     return false;
@@ -188,6 +187,17 @@ bool GnomeEventTap::isTrusted() {
   lastError_.clear();
   session_->greeted = true;
   return true;
+}
+
+std::uint32_t GnomeEventTap::holdLimitMs() const {
+  return static_cast<std::uint32_t>(std::lround(holdLimitSec_ * 1000));
+}
+
+void GnomeEventTap::setHoldLimit(double seconds) {
+  if (seconds == holdLimitSec_) return;
+  holdLimitSec_ = seconds;
+  // Said again: the extension takes the limit from every greeting.
+  if (session_->greeted) shell_.send(QStringLiteral("Hello"), {holdLimitMs()});
 }
 
 bool GnomeEventTap::arm() {

@@ -48,13 +48,15 @@ class GnomeEventTap final : public EventTap {
   /// What to tell while the extension is not running (it was just installed, the user switched it
   /// off); `extensionMissingText()` when empty.
   void setMissingText(std::string text) { missingText_ = std::move(text); }
-  /// The longest the Shell keeps the keyboard for one held combination.
-  void setHoldLimit(double seconds) { holdLimitSec_ = seconds; }
+  /// The longest the Shell keeps the keyboard for one held combination. A change reaches an
+  /// extension already greeted at once, else with the greeting.
+  void setHoldLimit(double seconds);
 
   class Session;
 
  private:
   bool arm();
+  [[nodiscard]] std::uint32_t holdLimitMs() const;
 
   GnomeShell& shell_;
   std::shared_ptr<Session> session_;

@@ -19,10 +19,18 @@ constexpr char kWatcher[] = "org.kde.StatusNotifierWatcher";
 
 const char* menuRowWord(MenuRow row) { return kRowWords[static_cast<int>(row)]; }
 
+std::string topBarSymbol(const std::string& icon) {
+  if (icon == "command.circle.fill") return "tarry-on-symbolic";
+  if (icon == "command.circle") return "tarry-off-symbolic";
+  if (icon == "pause.circle") return "tarry-paused-symbolic";
+  return {};
+}
+
 nlohmann::json statusMenuJson(const std::array<MenuRowState, kMenuRowCount>& rows,
-                              const std::vector<RecentRow>& recents, const std::string& iconPath,
+                              const std::vector<RecentRow>& recents, const std::string& symbol,
                               const StatusBadge& badge, bool shown) {
-  nlohmann::json out = {{"shown", shown}, {"icon", iconPath}, {"toolTip", badge.toolTip}};
+  nlohmann::json out = {
+      {"shown", shown}, {"symbol", symbol}, {"badge", badge.text}, {"toolTip", badge.toolTip}};
   nlohmann::json list = nlohmann::json::array();
   for (int i = 0; i < kMenuRowCount; ++i) {
     const MenuRowState& r = rows[static_cast<std::size_t>(i)];
@@ -45,9 +53,8 @@ nlohmann::json statusMenuJson(const std::array<MenuRowState, kMenuRowCount>& row
   return out;
 }
 
-GnomeStatusItem::GnomeStatusItem(GnomeShell& shell, std::unique_ptr<StatusItemView> tray,
-                                 std::function<std::string(const std::string&, const StatusBadge&)> iconFile)
-    : shell_(shell), tray_(std::move(tray)), iconFile_(std::move(iconFile)) {
+GnomeStatusItem::GnomeStatusItem(GnomeShell& shell, std::unique_ptr<StatusItemView> tray)
+    : shell_(shell), tray_(std::move(tray)) {
   QDBusConnection bus = QDBusConnection::sessionBus();
   const QString service = QString::fromLatin1(kExtensionBusName);
   const QString path = QString::fromLatin1(kExtensionPath);
@@ -117,9 +124,9 @@ void GnomeStatusItem::scheduleSend() {
 
 void GnomeStatusItem::send() {
   const bool inBar = shown_ && !hostPresent_;
-  const std::string icon = inBar && iconFile_ ? iconFile_(icon_, badge_) : std::string();
-  shell_.send(QStringLiteral("StatusMenu"),
-              {QString::fromStdString(statusMenuJson(rows_, recents_, icon, badge_, inBar).dump())});
+  shell_.send(
+      QStringLiteral("StatusMenu"),
+      {QString::fromStdString(statusMenuJson(rows_, recents_, topBarSymbol(icon_), badge_, inBar).dump())});
 }
 
 void GnomeStatusItem::chose(const QString& word) {

@@ -20,23 +20,25 @@ namespace tarry::platform::gnome {
 
 /// The words the extension uses for the menu's rows ("header", "pauseFor15", …).
 [[nodiscard]] const char* menuRowWord(MenuRow row);
-/// The menu as the extension draws it: rows in order with their states, the recents, the icon.
+/// The top bar's symbolic icon (shipped with the extension) for the status item's icon: on, off or
+/// paused; empty while the item has none.
+[[nodiscard]] std::string topBarSymbol(const std::string& icon);
+/// The menu as the extension draws it: rows in order with their states, the recents, the symbolic
+/// icon and the badge (today's count, or nothing).
 [[nodiscard]] nlohmann::json statusMenuJson(const std::array<MenuRowState, kMenuRowCount>& rows,
-                                            const std::vector<RecentRow>& recents,
-                                            const std::string& iconPath, const StatusBadge& badge,
-                                            bool shown);
+                                            const std::vector<RecentRow>& recents, const std::string& symbol,
+                                            const StatusBadge& badge, bool shown);
 
 /// The status item on GNOME: stock GNOME Shell has no tray, so where no StatusNotifier host is on
 /// the bus the extension shows Tarry's icon and whole menu in the top bar, drawn from what the
-/// status-menu logic decides; choices come back over the bus. With a host (the AppIndicator
+/// status-menu logic decides (the icon as a symbolic one, which the Shell paints in the bar's
+/// colours, with today's count beside it); choices come back over the bus. With a host (the AppIndicator
 /// extension) the usual tray item (`tray`, which this forwards everything to) is used alone.
 class GnomeStatusItem final : public QObject, public StatusItemView {
   Q_OBJECT
 
  public:
-  /// `iconFile` draws the current icon (symbol and badge) into a PNG file and returns its path.
-  GnomeStatusItem(GnomeShell& shell, std::unique_ptr<StatusItemView> tray,
-                  std::function<std::string(const std::string& icon, const StatusBadge& badge)> iconFile);
+  GnomeStatusItem(GnomeShell& shell, std::unique_ptr<StatusItemView> tray);
   ~GnomeStatusItem() override;
 
   void setActions(StatusMenuActions* actions) override;
@@ -59,7 +61,6 @@ class GnomeStatusItem final : public QObject, public StatusItemView {
 
   GnomeShell& shell_;
   std::unique_ptr<StatusItemView> tray_;
-  std::function<std::string(const std::string&, const StatusBadge&)> iconFile_;
   StatusMenuActions* actions_ = nullptr;
   std::array<MenuRowState, kMenuRowCount> rows_{};
   std::vector<RecentRow> recents_;

@@ -15,6 +15,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <set>
@@ -25,6 +27,14 @@ namespace tarry::platform::wayland {
 namespace {
 
 constexpr char kTag[] = "tarry-guard";
+
+// Sent as a tick to every IPC subscriber once a copy has bound the keys, followed by its pid.
+// Bindings belong to the compositor, not to a connection: a copy that hears another copy say this
+// (the new copy an update started) leaves the bindings to it.
+constexpr char kBoundTick[] = "tarry-guard bound ";
+// A copy that stops sends this to itself first: once it comes back, every tick sent before it
+// (a newer copy's word included) has been read.
+constexpr char kStoppingTick[] = "tarry-guard stopping ";
 
 }  // namespace
 
@@ -130,6 +140,10 @@ class SwayEventTap::Session final : public std::enable_shared_from_this<Session>
   void stopWatch();
   void onModifiers(std::uint64_t flags);
   void inject(const SwayCombination* combination, std::uint32_t keysym, std::uint64_t flags, bool press);
+  void announce();
+  void standDown();
+  void keepBindingsForSuccessor();
+  void readUntilStopping();
   void setError(std::string text) {
     std::lock_guard lock(errorMutex_);
     error_ = std::move(text);
@@ -142,6 +156,11 @@ class SwayEventTap::Session final : public std::enable_shared_from_this<Session>
   std::thread reader_;
   std::atomic<bool> stopping_{false};
   std::atomic<bool> lost_{false};
+  // The reader heard a newer copy say it bound the keys.
+  std::atomic<bool> successor_{false};
+  std::mutex stopMutex_;
+  std::condition_variable stopSeen_;
+  bool stoppingTickRead_ = false;
 
   mutable std::mutex errorMutex_;
   std::string error_;
@@ -151,6 +170,8 @@ class SwayEventTap::Session final : public std::enable_shared_from_this<Session>
   int cleanerPipe_ = -1;
 
   // Main thread only.
+  // Another copy bound the keys after this one: they are not this copy's to remove any more.
+  bool handedOn_ = false;
   std::shared_ptr<Callback> callback_;
   bool enabled_ = false;
   bool tapped_ = false;
@@ -174,7 +195,7 @@ bool SwayEventTap::Session::bind(std::string& error) {
   }
   std::string connectError;
   std::unique_ptr<SwayIpc> events = SwayIpc::connect(path_, connectError);
-  if (!events || !events->send(SwayIpc::subscribe, R"(["binding","shutdown","workspace"])")) {
+  if (!events || !events->send(SwayIpc::subscribe, R"(["binding","shutdown","workspace","tick"])")) {
     error = events ? "the compositor's IPC socket stopped answering" : connectError;
     commands_->command(swayUnbindCommands());
     return false;
@@ -193,10 +214,46 @@ bool SwayEventTap::Session::start(Callback callback, std::string& error) {
   lost_ = false;
   stopping_ = false;
   enabled_ = false;
+  handedOn_ = false;
+  successor_ = false;
   callback_ = std::make_shared<Callback>(std::move(callback));
   startCleaner();
   reader_ = std::thread([this, events = events_] { readLoop(events); });
+  announce();
   return true;
+}
+
+void SwayEventTap::Session::announce() {
+  [[maybe_unused]] const auto reply =
+      commands_->request(SwayIpc::sendTick, kBoundTick + std::to_string(getpid()));
+}
+
+void SwayEventTap::Session::standDown() {
+  if (!tapped_ || handedOn_) return;
+  enabled_ = false;
+  stopWatch();
+  keepBindingsForSuccessor();
+}
+
+void SwayEventTap::Session::keepBindingsForSuccessor() {
+  handedOn_ = true;
+  // The helper must not remove the newer copy's bindings when this process ends.
+  if (cleanerPipe_ >= 0) {
+    const char keep = 'k';
+    [[maybe_unused]] const ssize_t written = write(cleanerPipe_, &keep, 1);
+  }
+  stopCleaner();
+}
+
+void SwayEventTap::Session::readUntilStopping() {
+  {
+    std::lock_guard lock(stopMutex_);
+    stoppingTickRead_ = false;
+  }
+  if (!commands_->request(SwayIpc::sendTick, kStoppingTick + std::to_string(getpid()))) return;
+  // The compositor queued the tick for every subscriber before it answered: it is on its way.
+  std::unique_lock lock(stopMutex_);
+  stopSeen_.wait_for(lock, std::chrono::seconds(1), [this] { return stoppingTickRead_; });
 }
 
 void SwayEventTap::Session::stop() {
@@ -205,17 +262,21 @@ void SwayEventTap::Session::stop() {
   enabled_ = false;
   callback_.reset();
   stopping_ = true;
+  // An update's new copy may have bound the keys a moment ago; its word must be read before
+  // deciding whether the bindings are still this copy's to remove.
+  if (events_ && !lost_ && !handedOn_) readUntilStopping();
   if (events_) events_->shutdown();
   if (reader_.joinable()) reader_.join();
   events_.reset();
   stopWatch();
-  commands_->command(swayUnbindCommands());
+  if (successor_ && !handedOn_) keepBindingsForSuccessor();
+  if (!handedOn_) commands_->command(swayUnbindCommands());
   lifted_.clear();
   stopCleaner();
 }
 
 void SwayEventTap::Session::enable() {
-  if (!tapped_) return;
+  if (!tapped_ || handedOn_) return;
   if (lost_) {
     // The socket went away (sway restarted or reloaded under us): bind again on a new one.
     if (reader_.joinable()) reader_.join();
@@ -233,12 +294,13 @@ void SwayEventTap::Session::enable() {
     lost_ = false;
     lifted_.clear();
     reader_ = std::thread([this, events = events_] { readLoop(events); });
+    announce();
   }
   enabled_ = true;
 }
 
 void SwayEventTap::Session::rebind() {
-  if (!tapped_) return;
+  if (!tapped_ || handedOn_) return;
   lifted_.clear();
   std::string error;
   if (!commands_->command(swayBindCommands(), &error))
@@ -274,6 +336,8 @@ void SwayEventTap::Session::startCleaner() {
     for (;;) {
       const ssize_t n = read(3, &byte, 1);
       if (n == 0 || (n < 0 && errno != EINTR)) break;
+      // A newer copy holds the bindings now.
+      if (n == 1 && byte == 'k') _exit(0);
     }
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
@@ -313,6 +377,21 @@ void SwayEventTap::Session::readLoop(std::shared_ptr<SwayIpc> events) {
       });
       continue;
     }
+    if (message->type == SwayIpc::kEventTick) {
+      const std::string payload = message->body.value("payload", std::string());
+      const std::string self = std::to_string(getpid());
+      if (payload.starts_with(kBoundTick) && payload != kBoundTick + self) {
+        successor_ = true;
+        loop_.dispatchMain([weak = weak_from_this()] {
+          if (auto self = weak.lock()) self->standDown();
+        });
+      } else if (payload == kStoppingTick + self) {
+        std::lock_guard lock(stopMutex_);
+        stoppingTickRead_ = true;
+        stopSeen_.notify_all();
+      }
+      continue;
+    }
     if (message->type != SwayIpc::kEventBinding) continue;
     const nlohmann::json& binding = message->body.value("binding", nlohmann::json::object());
     std::optional<KeyEvent> event = keyEventOfBinding(binding.value("command", std::string()));
@@ -335,6 +414,7 @@ void SwayEventTap::Session::readLoop(std::shared_ptr<SwayIpc> events) {
 }
 
 void SwayEventTap::Session::deliver(const KeyEvent& event) {
+  if (handedOn_) return;
   const SwayCombination* combination = nullptr;
   for (const SwayCombination& c : swayCombinations()) {
     if (c.keyCode == event.keyCode && c.flags == event.flags) combination = &c;

@@ -19,12 +19,14 @@ class SwayIpc final {
     subscribe = 2,
     getTree = 4,
     getVersion = 7,
+    sendTick = 10,
   };
   /// Event types carry the high bit.
   static constexpr std::uint32_t kEventWorkspace = 0x80000000;
   static constexpr std::uint32_t kEventWindow = 0x80000003;
   static constexpr std::uint32_t kEventBinding = 0x80000005;
   static constexpr std::uint32_t kEventShutdown = 0x80000006;
+  static constexpr std::uint32_t kEventTick = 0x80000007;
 
   struct Message {
     std::uint32_t type = 0;

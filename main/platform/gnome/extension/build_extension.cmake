@@ -1,5 +1,5 @@
-# Writes one build of the Shell extension: HEAD + the shared body + TAIL as extension.js, and
-# metadata.json with the Shell versions of that build.
+# Writes one build of the Shell extension: HEAD + the shared body + TAIL as extension.js,
+# metadata.json with the Shell versions of that build, and the top bar's symbolic icons.
 #   cmake -DSOURCE_DIR=… -DOUT_DIR=… -DFORMAT=esm|legacy -DSHELL_VERSIONS=45,46
 #         -DTARRY_EXTENSION_VERSION=N -DPROJECT_VERSION=x.y.z -P build_extension.cmake
 file(READ ${SOURCE_DIR}/${FORMAT}-head.js head)
@@ -16,3 +16,4 @@ file(REMOVE ${OUT_DIR}/extension.js.tmp)
 # 45,46 -> "45", "46"
 string(REPLACE "," "\", \"" SHELL_VERSIONS "\"${SHELL_VERSIONS}\"")
 configure_file(${SOURCE_DIR}/metadata.json.in ${OUT_DIR}/metadata.json @ONLY)
+file(COPY ${SOURCE_DIR}/icons DESTINATION ${OUT_DIR})

@@ -1,7 +1,7 @@
 
 export default class TarryExtension extends Extension {
     enable() {
-        this._guard = new TarryGuard(this.metadata.version);
+        this._guard = new TarryGuard(this.metadata.version, this.path);
         this._guard.enable();
     }
 

@@ -3,10 +3,14 @@
 set(TARRY_EXTENSION_UUID "tarry@tarry.org")
 # Raised whenever the extension changes: a Tarry finds an older copy in the user's folder and
 # replaces it.
-set(TARRY_EXTENSION_VERSION 1)
+set(TARRY_EXTENSION_VERSION 2)
 set(TARRY_EXTENSION_DIR ${CMAKE_BINARY_DIR}/gnome-extension CACHE INTERNAL "")
 
 set(extension_source ${CMAKE_CURRENT_LIST_DIR})
+set(extension_icons
+  ${extension_source}/icons/tarry-on-symbolic.svg
+  ${extension_source}/icons/tarry-off-symbolic.svg
+  ${extension_source}/icons/tarry-paused-symbolic.svg)
 set(extension_outputs)
 # Each build lists the Shell versions it was run on (the Shell refuses to load it on others).
 foreach(format esm legacy)
@@ -23,7 +27,7 @@ foreach(format esm legacy)
       -DPROJECT_VERSION=${PROJECT_VERSION} -P ${extension_source}/build_extension.cmake
     DEPENDS ${extension_source}/tarry.js ${extension_source}/${format}-head.js
       ${extension_source}/${format}-tail.js ${extension_source}/metadata.json.in
-      ${extension_source}/build_extension.cmake
+      ${extension_source}/build_extension.cmake ${extension_icons}
     COMMENT "GNOME Shell extension (${format})")
   list(APPEND extension_outputs ${out}/extension.js ${out}/metadata.json)
 endforeach()

@@ -1,7 +1,8 @@
 
 class TarryExtension {
     enable() {
-        this._guard = new TarryGuard(ExtensionUtils.getCurrentExtension().metadata.version);
+        const self = ExtensionUtils.getCurrentExtension();
+        this._guard = new TarryGuard(self.metadata.version, self.path);
         this._guard.enable();
     }
 

@@ -37,8 +37,9 @@ const MODIFIER_KEYS = {
 };
 const OTHER_MODIFIERS = ['Super_L', 'Super_R', 'ISO_Level3_Shift', 'Caps_Lock', 'Num_Lock', 'Hyper_L', 'Hyper_R'];
 
-// A grab taken again after a typed combination, once the typed keys have reached the app.
-const REGRAB_DELAY_MS = 150;
+const SHELL_MAJOR = parseInt(Config.PACKAGE_VERSION, 10);
+// A typed combination not seen by the Shell's key bindings after this long is forgotten.
+const TYPED_EXPIRY_MS = 1000;
 // A hold's modal grab ends by itself after this long when Tarry gave no limit.
 const DEFAULT_LIMIT_MS = 12000;
 
@@ -150,15 +151,16 @@ function allWindows() {
 }
 
 var TarryGuard = class TarryGuard {
-    constructor(version) {
+    constructor(version, path) {
         this._version = version;
+        this._path = path;            // the extension's folder (its icons)
         this._owner = null;
         this._armed = false;
         this._grabs = new Map();      // action id -> combination
         this._byWord = new Map();     // word -> action id
         this._hold = null;            // {combination, grab, actor, limit, mods}
         this._queue = [];             // words to type once no guarded key is down
-        this._regrab = new Map();     // word -> timeout source
+        this._typed = [];             // {word, ms}: typed presses the grabs are to let through
         this._limitMs = DEFAULT_LIMIT_MS;
         this._keyboard = null;
         this._hud = null;
@@ -176,12 +178,15 @@ var TarryGuard = class TarryGuard {
             () => this._tarryVanished());
         this._acceleratorId = global.display.connect('accelerator-activated',
             (display, action) => this._onAccelerator(action));
+        this._filterId = global.window_manager.connect('filter-keybinding',
+            (wm, binding) => this._letTypedThrough(binding));
         this._focusId = global.display.connect('notify::focus-window', () => this._onFocus());
     }
 
     disable() {
         this._tarryVanished();
         global.display.disconnect(this._acceleratorId);
+        global.window_manager.disconnect(this._filterId);
         global.display.disconnect(this._focusId);
         Gio.bus_unwatch_name(this._watchId);
         Gio.bus_unown_name(this._ownId);
@@ -385,9 +390,7 @@ var TarryGuard = class TarryGuard {
     }
 
     _ungrabAll() {
-        for (const source of this._regrab.values())
-            GLib.source_remove(source);
-        this._regrab.clear();
+        this._typed = [];
         for (const word of [...this._byWord.keys()])
             this._ungrab(word);
     }
@@ -458,20 +461,26 @@ var TarryGuard = class TarryGuard {
         const queued = this._queue;
         this._queue = [];
         for (const combination of queued)
-            this._type(combination);
+            this._type(combination, hold.mods);
     }
 
-    // Types a combination into the focused app: the grab is lifted around it, or the Shell would
-    // catch the typed keys again. Its modifiers are always typed with it: the user may let go of
-    // Ctrl before the typed key is through, and the seat drops a press of a key that is already
-    // down (and its release), so a Ctrl still held stays down.
-    _type(combination) {
+    // Types a combination into the focused app. The grabs stay: the Shell asks whether each press
+    // of a grabbed combination is a key binding, and ours are let through to the app
+    // (`_letTypedThrough`), while a press of the user's right after still meets the grab.
+    // On GNOME 43 modifiers the user still holds are not pressed a second time (their typed release
+    // would end them for the app). On GNOME 48 a modifier held on another keyboard is not reliably
+    // in force for keys typed on ours (the app now and then got a bare W): all are typed.
+    _type(combination, held = 0) {
         if (!this._keyboard)
             this._keyboard = seat().create_virtual_device(Clutter.InputDeviceType.KEYBOARD_DEVICE);
-        const wasGrabbed = this._byWord.has(combination.word);
-        this._ungrab(combination.word);
-        const mods = combination.mods;
+        const mods = SHELL_MAJOR >= 48 ? combination.mods.slice()
+            : combination.mods.filter(n => !(held & MODIFIER_KEYS[n]));
         let time = GLib.get_monotonic_time();
+        if (this._byWord.has(combination.word)) {
+            this._forgetTyped(Math.floor(time / 1000) >>> 0);
+            // Event times are milliseconds in 32 bits.
+            this._typed.push({word: combination.word, ms: Math.floor((time + mods.length) / 1000) >>> 0});
+        }
         const key = (name, state) => this._keyboard.notify_keyval(time++, keyval(name), state);
         for (const m of mods)
             key(m, Clutter.KeyState.PRESSED);
@@ -479,17 +488,35 @@ var TarryGuard = class TarryGuard {
         key(combination.keyval, Clutter.KeyState.RELEASED);
         for (const m of mods.slice().reverse())
             key(m, Clutter.KeyState.RELEASED);
-        if (!wasGrabbed)
-            return;
-        const pending = this._regrab.get(combination.word);
-        if (pending)
-            GLib.source_remove(pending);
-        this._regrab.set(combination.word, GLib.timeout_add(GLib.PRIORITY_DEFAULT, REGRAB_DELAY_MS, () => {
-            this._regrab.delete(combination.word);
-            if (this._armed && this._owner && !this._byWord.has(combination.word))
-                this._grab(combination);
-            return GLib.SOURCE_REMOVE;
-        }));
+    }
+
+    _forgetTyped(nowMs) {
+        this._typed = this._typed.filter(t => ((nowMs - t.ms) >>> 0) < TYPED_EXPIRY_MS);
+    }
+
+    // True (no key binding: the press goes on to the focused app) for a press this extension typed.
+    // Ours carry the time they were typed with, to the millisecond, and come from no physical
+    // keyboard; any other press of a grabbed combination is the user's and stays caught.
+    _letTypedThrough(binding) {
+        if (!this._typed.length)
+            return false;
+        const action = [...this._grabs.keys()].find(a =>
+            Meta.external_binding_name_for_action(a) === binding.get_name());
+        if (action === undefined)
+            return false;
+        const event = Clutter.get_current_event();
+        if (!event)
+            return false;
+        const device = event.get_source_device();
+        if (device && device.get_device_node())
+            return false;
+        const word = this._grabs.get(action).word;
+        const ms = event.get_time();
+        const index = this._typed.findIndex(t => t.word === word && t.ms === ms);
+        if (index < 0)
+            return false;
+        this._typed.splice(index, 1);
+        return true;
     }
 
     // ---- focus ----
@@ -528,6 +555,7 @@ var TarryGuard = class TarryGuard {
         case 'show':
             this._hudPanel().show();
             Main.uiGroup.set_child_above_sibling(this._hudPanel(), null);
+            this._paintNow();
             break;
         case 'hide':
             if (this._hud) {
@@ -536,6 +564,15 @@ var TarryGuard = class TarryGuard {
             }
             break;
         }
+    }
+
+    // The panel's first frame is painted at once, not at the slot the Shell's frame clock would
+    // plan for it (up to a whole refresh later when nothing else was moving on the screen).
+    _paintNow() {
+        const clockOf = actor => new Clutter.Timeline({actor, duration: 1}).frame_clock;
+        const clock = clockOf(this._hud) || clockOf(Main.uiGroup);
+        if (clock && clock.schedule_update_now)
+            clock.schedule_update_now();
     }
 
     _hudPanel() {
@@ -643,8 +680,13 @@ var TarryGuard = class TarryGuard {
         if (!this._status)
             this._createStatusMenu();
         const s = this._status;
-        if (state.icon)
-            s.icon.gicon = Gio.FileIcon.new(Gio.File.new_for_path(state.icon));
+        // Symbolic icons of ours, which the Shell paints in the bar's colours.
+        if (state.symbol && state.symbol !== s.symbol) {
+            s.icon.gicon = Gio.FileIcon.new(Gio.File.new_for_path(`${this._path}/icons/${state.symbol}.svg`));
+            s.symbol = state.symbol;
+        }
+        s.badge.text = state.badge || '';
+        s.badge.visible = !!state.badge;
         s.button.accessible_name = state.toolTip || 'Tarry';
         for (const row of state.rows) {
             const item = s.items[row.row];
@@ -677,8 +719,17 @@ var TarryGuard = class TarryGuard {
 
     _createStatusMenu() {
         const button = new PanelMenu.Button(0.0, 'Tarry', false);
+        const box = new St.BoxLayout({style_class: 'panel-status-indicators-box'});
         const icon = new St.Icon({style_class: 'system-status-icon'});
-        button.add_child(icon);
+        // Today's count beside the icon, in the bar's text colour.
+        const badge = new St.Label({
+            style: 'font-weight: bold; font-feature-settings: "tnum";',
+            y_align: Clutter.ActorAlign.CENTER,
+            visible: false,
+        });
+        box.add_child(icon);
+        box.add_child(badge);
+        button.add_child(box);
         const items = {};
         const chose = word => () => this._tell('MenuChose', '(s)', [word]);
         const add = (menu, word, item = new PopupMenu.PopupMenuItem('')) => {
@@ -718,7 +769,7 @@ var TarryGuard = class TarryGuard {
                 this._tell('MenuChose', '(s)', ['opening']);
         });
         Main.panel.addToStatusArea('tarry-status', button);
-        this._status = {button, icon, items};
+        this._status = {button, icon, badge, items, symbol: ''};
     }
 
     _removeStatusMenu() {
