@@ -4,7 +4,8 @@
     gnome_typist.py STEP…
 
 A step is "+KEY" (press), "-KEY" (release) or a number of milliseconds to wait; KEY is an evdev
-key name (ctrl, shift, alt, q, w, z, a, esc, enter) or code. Prints "<monotonic µs> <step>" for each key step.
+key name (ctrl, shift, alt, q, w, z, a, esc, enter) or code. Prints "<monotonic µs> <step>" for
+each key step.
 """
 
 import sys
