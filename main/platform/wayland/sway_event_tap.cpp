@@ -250,7 +250,10 @@ void SwayEventTap::Session::readUntilStopping() {
     std::lock_guard lock(stopMutex_);
     stoppingTickRead_ = false;
   }
-  if (!commands_->request(SwayIpc::sendTick, kStoppingTick + std::to_string(getpid()))) return;
+  const std::optional<nlohmann::json> sent =
+      commands_->request(SwayIpc::sendTick, kStoppingTick + std::to_string(getpid()));
+  // A compositor without ticks sends none: there is nothing to wait for.
+  if (!sent || !sent->is_object() || !sent->value("success", false)) return;
   // The compositor queued the tick for every subscriber before it answered: it is on its way.
   std::unique_lock lock(stopMutex_);
   stopSeen_.wait_for(lock, std::chrono::seconds(1), [this] { return stoppingTickRead_; });
