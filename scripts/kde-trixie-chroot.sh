@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs Tarry's KDE end-to-end cases (tests/kde/kde_e2e.py) against Plasma 6's KWin: adds
 # kwin-wayland and what the harness calls to a Debian 13 (trixie) chroot (made with debootstrap
-# when missing, under /var/tmp/tarry-trixie by default, shared with gnome-trixie-chroot.sh), copies
+# when missing, under /var/tmp/tarry-trixie by default, shared with gnome-chroot.sh), copies
 # the built tarry, its KWin script, the Wayland test client and the KDE typist into it, and runs
 # the cases there. The binaries built on Debian 12 (Qt 6.4) run on trixie's newer Qt.
 #

@@ -5,7 +5,7 @@
                                               the installed Shell is used) — 0 when it holds,
                                               77 when GNOME Shell cannot run here
 
-Used to run the GNOME 45+ build in a GNOME 45+ Shell (scripts/gnome-trixie-chroot.sh) as well as
+Used to run the GNOME 45+ build in a GNOME 45+ Shell (scripts/gnome-chroot.sh) as well as
 here.
 """
 

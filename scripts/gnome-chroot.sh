@@ -1,22 +1,46 @@
 #!/usr/bin/env bash
-# Runs the GNOME 45+ build of Tarry's Shell extension in a GNOME 45+ Shell: makes a Debian 13
-# (trixie) chroot with debootstrap once (about 1.5 GB, under /var/tmp/tarry-trixie by default),
-# with gnome-shell and the test harness's packages, then runs tests/gnome/extension_smoke.py in it
-# against the esm build: the Shell loads the extension, which grabs Ctrl+Q only while Tarry's bus
-# name is owned, reports press and release, types a combination back and answers window questions.
-# Then the GNOME end-to-end cases (tests/gnome/gnome_e2e.py) run there with the tarry built here
-# (Debian 12's Qt 6.4 build runs on trixie's Qt 6.8).
+# Runs Tarry's GNOME Shell extension (the GNOME 45+ build) and the GNOME end-to-end cases in a newer
+# GNOME Shell than Debian 12's: makes a chroot with debootstrap once (about 1.5 GB under /var/tmp),
+# with gnome-shell, the test harness's packages and tarry's own libraries, then runs
+# tests/gnome/extension_smoke.py (the Shell loads the extension, which grabs Ctrl+Q only while
+# Tarry's bus name is owned, reports press and release, types a combination back and answers
+# window questions) and every case of tests/gnome/gnome_e2e.py with the tarry built here (Debian
+# 12's Qt 6.4 build runs on both systems).
 #
-#   scripts/gnome-trixie-chroot.sh [BUILD_DIR [CASE...]]   (as root; BUILD_DIR default build/release;
-#                                                           no CASE: all of them)
+#   scripts/gnome-chroot.sh [--system trixie|noble] [BUILD_DIR [CASE...]]
 #
-# TARRY_TRIXIE_ROOT picks the chroot's folder; TARRY_DEBIAN_MIRROR the mirror.
+#   trixie (default): Debian 13, GNOME Shell 48, in /var/tmp/tarry-trixie
+#   noble:            Ubuntu 24.04 LTS, GNOME Shell 46, in /var/tmp/tarry-noble
+#
+# As root; BUILD_DIR defaults to build/release; no CASE: all of them. TARRY_CHROOT_ROOT picks the
+# chroot's folder, TARRY_CHROOT_MIRROR the mirror.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+system=trixie
+if [ "${1:-}" = "--system" ]; then
+  system="${2:-}"
+  shift 2
+fi
+case "$system" in
+  trixie)
+    mirror="${TARRY_CHROOT_MIRROR:-http://deb.debian.org/debian}"
+    bootstrap=(--variant=minbase trixie)
+    sources="deb $mirror trixie main" ;;
+  noble)
+    mirror="${TARRY_CHROOT_MIRROR:-http://archive.ubuntu.com/ubuntu}"
+    # Debian 12's debootstrap has no script named for noble; Ubuntu's releases share gutsy's. The
+    # Qt 6 libraries are in universe.
+    # shellcheck disable=SC2054
+    bootstrap=(--variant=minbase --components=main,universe --no-check-gpg noble)
+    sources="deb $mirror noble main universe
+deb $mirror noble-updates main universe" ;;
+  *)
+    echo "gnome-chroot: --system is trixie or noble" >&2
+    exit 2 ;;
+esac
 build="$(realpath "${1:-build/release}")"
 shift || true
-root="${TARRY_TRIXIE_ROOT:-/var/tmp/tarry-trixie}"
-mirror="${TARRY_DEBIAN_MIRROR:-http://deb.debian.org/debian}"
+root="${TARRY_CHROOT_ROOT:-/var/tmp/tarry-$system}"
 # The Shell and the harness's packages, then tarry's own libraries.
 packages="gnome-shell gjs gir1.2-gtk-4.0 python3 python3-gi python3-dbus dbus-daemon libglib2.0-bin
   procps passwd qt6-wayland libqt6widgets6 libqt6dbus6 libqt6network6 libqt6svg6 libsqlite3-0 libpulse0
@@ -24,21 +48,24 @@ packages="gnome-shell gjs gir1.2-gtk-4.0 python3 python3-gi python3-dbus dbus-da
   libwayland-client0"
 
 if [ "$(id -u)" -ne 0 ]; then
-  echo "gnome-trixie-chroot: run as root (debootstrap and chroot)" >&2
+  echo "gnome-chroot: run as root (debootstrap and chroot)" >&2
   exit 1
 fi
 if [ ! -f "$build/gnome-extension/esm/tarry@tarry.org/extension.js" ]; then
-  echo "gnome-trixie-chroot: build the extension first (cmake --build $build)" >&2
+  echo "gnome-chroot: build the extension first (cmake --build $build)" >&2
   exit 1
 fi
 if [ ! -f "$build/main/cli/tarry" ]; then
-  echo "gnome-trixie-chroot: $build/main/cli/tarry is missing (cmake --build $build)" >&2
+  echo "gnome-chroot: $build/main/cli/tarry is missing (cmake --build $build)" >&2
   exit 1
 fi
 # shellcheck disable=SC2086
 if [ ! -x "$root/usr/bin/gnome-shell" ] || ! chroot "$root" dpkg-query -W $packages >/dev/null 2>&1; then
   command -v debootstrap >/dev/null || apt-get install -y --no-install-recommends debootstrap
-  [ -x "$root/bin/sh" ] || debootstrap --variant=minbase trixie "$root" "$mirror"
+  if [ ! -x "$root/bin/sh" ]; then
+    debootstrap "${bootstrap[@]}" "$root" "$mirror" /usr/share/debootstrap/scripts/"$([ "$system" = noble ] && echo gutsy || echo trixie)"
+    echo "$sources" >"$root/etc/apt/sources.list"
+  fi
   chroot "$root" apt-get update -q
   DEBIAN_FRONTEND=noninteractive chroot "$root" apt-get install -y -q --no-install-recommends $packages
 fi
@@ -62,7 +89,7 @@ chroot "$root" gnome-shell --version
 chroot "$root" env TARRY_SMOKE_SCREENSHOT="$inside/smoke.png" python3 "$inside/tests/gnome/extension_smoke.py" --extensions "$inside/gnome-extension"
 for shot in "$work"/smoke*.png; do
   name="$(basename "$shot")"
-  cp "$shot" "${TMPDIR:-/tmp}/tarry-gnome48-$name" && echo "screenshot: ${TMPDIR:-/tmp}/tarry-gnome48-$name"
+  cp "$shot" "${TMPDIR:-/tmp}/tarry-$system-$name" && echo "screenshot: ${TMPDIR:-/tmp}/tarry-$system-$name"
 done
 
 if [ "$#" -eq 0 ]; then
@@ -82,5 +109,5 @@ for name in "${cases[@]}"; do
     *) failed+=("$name") ;;
   esac
 done
-echo "gnome-trixie-chroot: ${passed} passed, ${skipped} skipped, ${#failed[@]} failed${failed:+: ${failed[*]}}"
+echo "gnome-chroot ($system): ${passed} passed, ${skipped} skipped, ${#failed[@]} failed${failed:+: ${failed[*]}}"
 [ "${#failed[@]}" -eq 0 ] || exit 1
