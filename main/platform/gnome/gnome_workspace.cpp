@@ -1,5 +1,6 @@
 #include "platform/gnome/gnome_workspace.h"
 
+#include "platform/linux/app_lookup.h"
 #include "platform/linux/desktop_identifiers.h"
 #include "platform/linux/json_fields.h"
 #include "platform/linux/proc_process_info.h"
@@ -13,23 +14,13 @@
 namespace tarry::platform::gnome {
 namespace {
 
+using os::executableOf;
 using os::numberOf;
 using os::textOf;
 
 bool flagOf(const nlohmann::json& object, const char* key, bool otherwise) {
   const auto it = object.find(key);
   return it != object.end() && it->is_boolean() ? it->get<bool>() : otherwise;
-}
-
-std::string lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-  return text;
-}
-
-std::string executableOf(std::int32_t pid) {
-  std::error_code error;
-  const auto target = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
-  return error ? std::string() : target.string();
 }
 
 std::optional<nlohmann::json> parse(const std::optional<QVariantList>& reply) {
@@ -94,14 +85,7 @@ RunningApp GnomeWorkspace::resolve(const GnomeWindow& window) const {
   RunningApp app;
   app.pid = window.pid;
   const std::vector<std::string> names = gnomeEntryNames(window);
-  std::optional<DesktopEntry> entry;
-  for (const std::string& name : names) {
-    if (!entry) entry = entries_.findById(name);
-    if (!entry) entry = entries_.findByStartupWMClass(name);
-  }
-  for (const std::string& name : names) {
-    if (!entry) entry = entries_.findById(lower(name));
-  }
+  const std::optional<DesktopEntry> entry = os::entryOfNames(entries_, names, names);
   const std::string exe = executableOf(app.pid);
   const std::string fallback = names.empty() ? std::filesystem::path(exe).filename().string() : names.front();
   app.bundleID = entry ? entry->id : fallback;

@@ -1,5 +1,6 @@
 #include "platform/kde/kwin_workspace.h"
 
+#include "platform/linux/app_lookup.h"
 #include "platform/linux/desktop_identifiers.h"
 #include "platform/linux/proc_process_info.h"
 
@@ -11,20 +12,8 @@
 #include <set>
 
 namespace tarry::platform::kde {
-namespace {
 
-std::string lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-  return text;
-}
-
-std::string executableOf(std::int32_t pid) {
-  std::error_code error;
-  const auto target = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
-  return error ? std::string() : target.string();
-}
-
-}  // namespace
+using os::executableOf;
 
 KWinWorkspace::KWinWorkspace(std::unique_ptr<KWinScript> script, DesktopEntries& entries, Icon ownIcon)
     : script_(std::move(script)), entries_(entries), ownIcon_(std::move(ownIcon)) {}
@@ -35,14 +24,8 @@ RunningApp KWinWorkspace::resolve(const KWinWindow& window) const {
   RunningApp app;
   app.pid = window.pid;
   // Wayland apps name their desktop file; Xwayland ones carry WM_CLASS, as on X11.
-  std::optional<DesktopEntry> entry;
-  for (const std::string& name : {window.desktopFile, window.resourceClass}) {
-    if (!entry && !name.empty()) entry = entries_.findById(name);
-    if (!entry && !name.empty()) entry = entries_.findByStartupWMClass(name);
-  }
-  for (const std::string& name : {lower(window.desktopFile), lower(window.resourceClass)}) {
-    if (!entry && !name.empty()) entry = entries_.findById(name);
-  }
+  const std::vector<std::string> names = {window.desktopFile, window.resourceClass};
+  const std::optional<DesktopEntry> entry = os::entryOfNames(entries_, names, names);
   const std::string exe = executableOf(app.pid);
   const std::string own = !window.desktopFile.empty() ? window.desktopFile : window.resourceClass;
   app.bundleID = entry ? entry->id : !own.empty() ? own : std::filesystem::path(exe).filename().string();

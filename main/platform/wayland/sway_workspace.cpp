@@ -1,5 +1,6 @@
 #include "platform/wayland/sway_workspace.h"
 
+#include "platform/linux/app_lookup.h"
 #include "platform/linux/desktop_identifiers.h"
 #include "platform/linux/json_fields.h"
 #include "platform/linux/proc_process_info.h"
@@ -17,18 +18,8 @@
 namespace tarry::platform::wayland {
 namespace {
 
+using os::executableOf;
 using os::textOf;
-
-std::string lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-  return text;
-}
-
-std::string executableOf(std::int32_t pid) {
-  std::error_code error;
-  const auto target = std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
-  return error ? std::string() : target.string();
-}
 
 void collect(const nlohmann::json& node, bool scratchpad, bool floating, std::vector<SwayView>& out) {
   const bool inScratchpad = scratchpad || textOf(node, "name") == "__i3_scratch";
@@ -142,14 +133,8 @@ RunningApp SwayWorkspace::resolve(const nlohmann::json& view) const {
     instance = textOf(*props, "instance");
   }
   // Wayland apps name their desktop file in app_id; Xwayland ones carry WM_CLASS, as on X11.
-  std::optional<DesktopEntry> entry;
-  for (const std::string& name : {appId, wmClass, instance}) {
-    if (!entry && !name.empty()) entry = entries_.findById(name);
-    if (!entry && !name.empty()) entry = entries_.findByStartupWMClass(name);
-  }
-  for (const std::string& name : {lower(appId), lower(wmClass)}) {
-    if (!entry && !name.empty()) entry = entries_.findById(name);
-  }
+  const std::optional<DesktopEntry> entry =
+      os::entryOfNames(entries_, {appId, wmClass, instance}, {appId, wmClass});
   const std::string exe = executableOf(app.pid);
   app.bundleID = entry ? entry->id : !appId.empty() ? appId : std::filesystem::path(exe).filename().string();
   app.localizedName = entry && !entry->name.empty() ? entry->name : !appId.empty() ? appId : wmClass;

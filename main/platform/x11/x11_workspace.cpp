@@ -1,5 +1,6 @@
 #include "platform/x11/x11_workspace.h"
 
+#include "platform/linux/app_lookup.h"
 #include "platform/linux/desktop_identifiers.h"
 #include "platform/linux/proc_process_info.h"
 
@@ -18,17 +19,11 @@
 namespace tarry::platform::x11 {
 namespace {
 
+using os::executableOf;
+
 constexpr std::uint32_t kMaxIconSide = 64;
 // EWMH source indication for requests from pagers and other tools acting for the user.
 constexpr std::uint32_t kSourcePager = 2;
-
-std::string executableOf(std::int32_t pid) {
-  if (pid <= 0) return {};
-  std::error_code error;
-  const std::filesystem::path exe =
-      std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
-  return error ? std::string() : exe.string();
-}
 
 std::string lower(std::string text) {
   for (char& c : text) {
