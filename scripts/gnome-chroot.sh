@@ -7,10 +7,12 @@
 # window questions) and every case of tests/gnome/gnome_e2e.py with the tarry built here (Debian
 # 12's Qt 6.4 build runs on both systems).
 #
-#   scripts/gnome-chroot.sh [--system trixie|noble] [BUILD_DIR [CASE...]]
+#   scripts/gnome-chroot.sh [--system trixie|noble|questing|resolute] [BUILD_DIR [CASE...]]
 #
 #   trixie (default): Debian 13, GNOME Shell 48, in /var/tmp/tarry-trixie
 #   noble:            Ubuntu 24.04 LTS, GNOME Shell 46, in /var/tmp/tarry-noble
+#   questing:         Ubuntu 25.10, GNOME Shell 49, in /var/tmp/tarry-questing
+#   resolute:         Ubuntu 26.04 LTS, GNOME Shell 50, in /var/tmp/tarry-resolute
 #
 # As root; BUILD_DIR defaults to build/release; no CASE: all of them. TARRY_CHROOT_ROOT picks the
 # chroot's folder, TARRY_CHROOT_MIRROR the mirror.
@@ -26,16 +28,16 @@ case "$system" in
     mirror="${TARRY_CHROOT_MIRROR:-http://deb.debian.org/debian}"
     bootstrap=(--variant=minbase trixie)
     sources="deb $mirror trixie main" ;;
-  noble)
+  noble | questing | resolute)
     mirror="${TARRY_CHROOT_MIRROR:-http://archive.ubuntu.com/ubuntu}"
-    # Debian 12's debootstrap has no script named for noble; Ubuntu's releases share gutsy's. The
+    # Debian 12's debootstrap has no script named for these; Ubuntu's releases share gutsy's. The
     # Qt 6 libraries are in universe.
     # shellcheck disable=SC2054
-    bootstrap=(--variant=minbase --components=main,universe --no-check-gpg noble)
-    sources="deb $mirror noble main universe
-deb $mirror noble-updates main universe" ;;
+    bootstrap=(--variant=minbase --components=main,universe --no-check-gpg "$system")
+    sources="deb $mirror $system main universe
+deb $mirror $system-updates main universe" ;;
   *)
-    echo "gnome-chroot: --system is trixie or noble" >&2
+    echo "gnome-chroot: --system is trixie, noble, questing or resolute" >&2
     exit 2 ;;
 esac
 build="$(realpath "${1:-build/release}")"
@@ -63,7 +65,7 @@ fi
 if [ ! -x "$root/usr/bin/gnome-shell" ] || ! chroot "$root" dpkg-query -W $packages >/dev/null 2>&1; then
   command -v debootstrap >/dev/null || apt-get install -y --no-install-recommends debootstrap
   if [ ! -x "$root/bin/sh" ]; then
-    debootstrap "${bootstrap[@]}" "$root" "$mirror" /usr/share/debootstrap/scripts/"$([ "$system" = noble ] && echo gutsy || echo trixie)"
+    debootstrap "${bootstrap[@]}" "$root" "$mirror" /usr/share/debootstrap/scripts/"$([ "$system" = trixie ] && echo trixie || echo gutsy)"
     echo "$sources" >"$root/etc/apt/sources.list"
   fi
   chroot "$root" apt-get update -q

@@ -5,10 +5,11 @@
 # With --top-bar: tarry's item in the top bar instead, after one blocked Ctrl+Q (today's count),
 # its menu open, in the Shell's dark and light styles (OUTPUT-dark.png, OUTPUT-light.png).
 #
-#   scripts/gnome-screenshot.sh [--top-bar] [OUTPUT.png]
+#   scripts/gnome-screenshot.sh [--top-bar] [--chroot SYSTEM] [OUTPUT.png]
 #
 # TARRY_BIN picks the program (default: the first build found); the extension comes from the
-# same build folder.
+# same build folder. --chroot runs the Shell of a chroot that scripts/gnome-chroot.sh made
+# (trixie, noble, questing, resolute; TARRY_CHROOT_ROOT picks another folder), as root.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,13 +21,44 @@ if [ -z "$bin" ]; then
 fi
 extensions="$(dirname "$bin")/../../gnome-extension"
 mode=hud
-if [ "${1:-}" = "--top-bar" ]; then
-  mode=top-bar
-  shift
-fi
+system=""
+while [ "$#" -gt 0 ]; do
+  case "$1" in
+    --top-bar) mode=top-bar; shift ;;
+    --chroot) system="${2:-}"; shift 2 ;;
+    *) break ;;
+  esac
+done
 out="$(realpath -m "${1:-${TMPDIR:-/tmp}/tarry-gnome-screenshot.png}")"
+run=(python3 -)
+args=("$bin" "$extensions" "$out")
+sink=/dev/stdout
+if [ -n "$system" ]; then
+  root="${TARRY_CHROOT_ROOT:-/var/tmp/tarry-$system}"
+  if [ ! -x "$root/usr/bin/gnome-shell" ]; then
+    echo "gnome-screenshot: no GNOME Shell in $root (scripts/gnome-chroot.sh --system $system)" >&2
+    exit 1
+  fi
+  # As scripts/gnome-chroot.sh: one run at a time, in a folder of its own, the mounts kept.
+  exec 9>"$root/tmp/tarry-smoke.lock"
+  flock 9
+  work="$(mktemp -d "$root/tmp/tarry-shot.XXXXXX")"
+  chmod 755 "$work"
+  inside="/tmp/$(basename "$work")"
+  trap 'rm -rf "$work"' EXIT
+  mkdir "$work/bin" "$work/shots"
+  cp -r tests "$work/tests"
+  cp -r "$extensions" "$work/gnome-extension"
+  cp "$bin" "$work/bin/tarry"
+  mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
+  mountpoint -q "$root/dev" || mount --bind /dev "$root/dev"
+  mountpoint -q "$root/dev/shm" || mount --bind /dev/shm "$root/dev/shm"
+  run=(chroot "$root" sh -c "cd $inside && exec python3 - \"\$@\"" sh)
+  args=("$inside/bin/tarry" "$inside/gnome-extension" "$inside/shots/$(basename "$out")")
+  sink=/dev/null  # the paths inside the chroot: the copies' are printed below
+fi
 
-python3 - "$bin" "$extensions" "$out" "$mode" <<'PYTHON'
+"${run[@]}" "${args[@]}" "$mode" >"$sink" <<'PYTHON'
 import os, shutil, sys, time
 sys.path.insert(0, os.path.join(os.getcwd(), "tests", "gnome"))
 from gnome_harness import GnomeDesktop, wait_for
@@ -75,3 +107,8 @@ try:
 finally:
     d.close()
 PYTHON
+if [ -n "$system" ]; then
+  for shot in "$work"/shots/*.png; do
+    cp "$shot" "$(dirname "$out")/" && echo "$(dirname "$out")/$(basename "$shot")"
+  done
+fi
