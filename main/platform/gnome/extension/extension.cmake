@@ -15,7 +15,7 @@ set(extension_outputs)
 # Each build lists the Shell versions it was run on (the Shell refuses to load it on others).
 foreach(format esm legacy)
   if(format STREQUAL "esm")
-    set(versions "46,48,50")
+    set(versions "46,48,49,50")
   else()
     set(versions 43)
   endif()

@@ -468,7 +468,7 @@ var TarryGuard = class TarryGuard {
     // of a grabbed combination is a key binding, and ours are let through to the app
     // (`_letTypedThrough`), while a press of the user's right after still meets the grab.
     // On GNOME 43 modifiers the user still holds are not pressed a second time (their typed release
-    // would end them for the app). On GNOME 46 and 48 a modifier held on another keyboard is not
+    // would end them for the app). From GNOME 46 on a modifier held on another keyboard is not
     // reliably in force for keys typed on ours (the app now and then got a bare W): all are typed.
     _type(combination, held = 0) {
         if (!this._keyboard)
