@@ -42,6 +42,27 @@ def wait_for(what, condition, timeout=10.0, interval=0.02):
         time.sleep(interval)
 
 
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def settle(seconds=0.4):
+    """Time for events to travel between the processes; never a measured quantity."""
+    time.sleep(seconds)
+
+
+def case_registry():
+    """(cases, case): the cases by name, and the decorator that adds one (under its own name or
+    `name`)."""
+    cases = {}
+
+    def case(fn, name=None):
+        cases[name or fn.__name__] = fn
+        return fn
+    return cases, case
+
+
 def stop_all(procs):
     """Ends the processes, newest first: a polite SIGTERM, then SIGKILL after 5 s."""
     for proc in reversed(procs):

@@ -20,7 +20,8 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
-from harness import Failure, LoggedClient, PrivateDesktop, stop_all, wait_for  # noqa: E402,F401
+from harness import (Failure, LoggedClient, PrivateDesktop, case_registry, check, settle, stop_all,  # noqa: E402,F401
+                     wait_for)
 
 USER = "tarry-e2e"
 # The exit status ctest reads as "skipped".
@@ -206,28 +207,33 @@ class SessionDesktop(PrivateDesktop):
     def desktop_report(self):
         return "--- %s output (end):\n%s" % (self.compositor, self.output(self.compositor)[-self.report_tail:])
 
+    # ---- the user's hands and eyes ----
+
+    def keys(self, *steps, background=False):
+        """Types `steps`: "+name" presses a key ("ctrl", "shift", "alt", "q", "w", ...), "-name"
+        releases it, a number waits that many milliseconds. In the background: the process."""
+        raise NotImplementedError
+
+    def type(self, key, mods=(), hold_ms=30, background=False):
+        """Presses mods+key, holds it `hold_ms`, and releases it (key first)."""
+        steps = ["+%s" % m for m in mods] + ["+%s" % key, hold_ms, "-%s" % key] + ["-%s" % m for m in reversed(mods)]
+        return self.keys(*steps, background=background)
+
+    def hold(self, key, ms, mods=("ctrl",)):
+        return self.type(key, mods, ms, background=True)
+
+    def hud_visible(self):
+        """True while the HUD covers the middle of the screen (it is centred; just under its top
+        edge lies its light backdrop, and the windows beneath are the client's dark blue or a
+        terminal's dark background)."""
+        r, g, b = self.pixel(640, 357)
+        return min(r, g, b) > 200
+
+    def check_hud_shown(self, tarry):
+        """Checks of a desktop's own while the HUD shows."""
+
 
 # ---- case files ----
-
-def case_registry():
-    """(cases, case): the cases by name, and the decorator that adds one."""
-    cases = {}
-
-    def case(fn):
-        cases[fn.__name__] = fn
-        return fn
-    return cases, case
-
-
-def check(condition, message):
-    if not condition:
-        raise Failure(message)
-
-
-def settle(seconds=0.4):
-    """Time for events to travel between the processes; never a measured quantity."""
-    time.sleep(seconds)
-
 
 def run_session_cases(cases, options, make_desktop):
     """The command line of a case file: `OPTIONS... CASE` runs one case on a fresh desktop made by

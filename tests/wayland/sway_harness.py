@@ -37,6 +37,9 @@ class Client(ReadyClient):
         return [(at, int(w[1]), w[2] == "1") for at, w in self.lines()
                 if w[0] == "press" and (qt_key is None or int(w[1]) == qt_key)]
 
+    def ctrl_presses(self, qt_key):
+        return [p for p in self.presses(qt_key) if p[2]]
+
     def close_requests(self):
         return [int(w[1]) for _, w in self.lines() if w[0] == "close-request"]
 
@@ -87,6 +90,16 @@ class SwayDesktop(SessionDesktop):
             return self.spawn(["wtype"] + list(args), "wtype")
         self.run(["wtype"] + list(args))
         return None
+
+    def keys(self, *steps, background=False):
+        args = []
+        for step in steps:
+            if isinstance(step, int):
+                args += ["-s", str(step)]
+            else:
+                modifier = step[1:] in ("ctrl", "shift", "alt", "logo")
+                args += [("-M" if modifier else "-P") if step[0] == "+" else ("-m" if modifier else "-p"), step[1:]]
+        return self.wtype(*args, background=background)
 
     def swallowing_bindings_fired_by(self, *wtype_args):
         """The press bindings (those that keep a key from the application: tarry's `nop ... down`)
@@ -144,18 +157,22 @@ class SwayDesktop(SessionDesktop):
     def focused_app(self):
         return next((app for app, pid, focused in self.views() if focused), None)
 
+    def focused_pid(self):
+        return next((pid for app, pid, focused in self.views() if focused), None)
+
+    def focus(self, client):
+        self.run(["swaymsg", "[pid=%d] focus" % client.process.pid])
+
+    def check_hud_shown(self, tarry):
+        if any(pid == tarry.pid for _, pid, _ in self.views()):
+            raise Failure("the HUD is a window in the tiling tree")
+
     def pixel(self, x, y):
         """The (r, g, b) at (x, y) of the output, from a grim screenshot."""
         data = self.run(["grim", "-t", "ppm", "-g", "%d,%d 1x1" % (x, y), "-"]).stdout
         # P6 <w> <h> <max> then the pixels.
         fields = data.split(maxsplit=4)
         return tuple(fields[4][:3])
-
-    def hud_visible(self):
-        """True while the HUD covers the middle of the screen (it is centred; just under its top edge lies its light backdrop, and the windows beneath
-        are the client's dark blue or foot's dark background)."""
-        r, g, b = self.pixel(640, 357)
-        return min(r, g, b) > 200
 
     def screenshot(self, path):
         self.run(["grim", path])
