@@ -13,7 +13,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from harness import CLIENT_ID, Failure, case_registry, check, run_cases, settle, wait_for  # noqa: E402
+from harness import CLIENT_ID, Failure, case_registry, check, ready_windows, run_cases, settle, wait_for  # noqa: E402,F401
 
 # Evdev keycodes the checks look for in the client's log.
 KEY_Q, KEY_W, KEY_X = 24, 25, 53
@@ -436,19 +436,6 @@ def minimized(h, window):
     out = subprocess.run(["xprop", "-id", str(window), "_NET_WM_STATE"], env=h.env, capture_output=True,
                          text=True, timeout=10).stdout
     return "_NET_WM_STATE_HIDDEN" in out
-
-
-def ready_windows(log):
-    """Window ids of the client that logged to `log`, once it mapped them."""
-    try:
-        with open(log, encoding="utf-8") as f:
-            for line in f:
-                words = line.split()
-                if len(words) >= 2 and words[1] == "ready":
-                    return [int(w) for w in words[2:]]
-    except FileNotFoundError:
-        pass
-    return None
 
 
 def hold_quit(h, client):

@@ -75,6 +75,19 @@ def stop_all(procs):
             proc.wait()
 
 
+def ready_windows(log):
+    """Window ids of the client that logged to `log`, once it mapped them."""
+    try:
+        with open(log, encoding="utf-8") as f:
+            for line in f:
+                words = line.split()
+                if len(words) >= 2 and words[1] == "ready":
+                    return [int(w) for w in words[2:]]
+    except FileNotFoundError:
+        pass
+    return None
+
+
 class LoggedClient:
     """A running test application that writes "<µs> <word> …" lines to its log (the X11 and the
     Wayland test clients alike)."""
@@ -111,10 +124,7 @@ class Client(LoggedClient):
         self.windows = wait_for(name + " to map its windows", self._ready, timeout=5)
 
     def _ready(self):
-        for at, words in self.lines():
-            if words[0] == "ready":
-                return [int(w) for w in words[1:]]
-        return None
+        return ready_windows(self.log)
 
     def presses(self, keycode=None):
         """(time, keycode, state, keysym) of every key press received."""

@@ -248,8 +248,9 @@ class KdeDesktop(SessionDesktop):
         return tuple(data.split(maxsplit=4)[4][:3])
 
     def hud_visible(self):
-        """As on every desktop (see SessionDesktop). Without screenshots (KWin 6's virtual screen composites with OpenGL only on a GPU), true while
-        KWin shows a window of tarry's over the middle that no task bar lists: the HUD's surface."""
+        """As on every desktop (see SessionDesktop). Without screenshots (KWin 6's virtual screen
+        composites with OpenGL only on a GPU), true while KWin shows a window of tarry's over the
+        middle that no task bar lists: the HUD's surface."""
         if getattr(self, "_no_screenshots", False):
             return self._hud_window()
         try:
