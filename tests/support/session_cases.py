@@ -1,14 +1,36 @@
-"""End-to-end cases that read the same on every Wayland desktop of these tests: a desktop (see
-session_harness.py) types through `keys`/`type`/`hold` with key names, brings a client to the front
-with `focus`, and may add its own checks in `check_hud_shown`. `register(case)` adds them to a case
-file; a desktop that knows a case under another name passes `names`."""
+"""What sway and KWin share in their end-to-end runs: the Wayland test client, and the cases that
+read the same on both. A desktop (see session_harness.py) types through `keys`/`type`/`hold` with
+key names, brings a client to the front with `focus`, and may add its own checks in
+`check_hud_shown`. `register(case)` adds the cases to a case file; a desktop that knows a case
+under another name passes `names`."""
 
 import time
 
-from session_harness import check, settle, wait_for
+from session_harness import ReadyClient, check, settle, wait_for
 
 QT_KEY_Q, QT_KEY_W = 0x51, 0x57
 CLIENT_ID = "org.tarry.WaylandClient"
+CLIENT_ENTRY = """[Desktop Entry]
+Type=Application
+Name=Tarry Wayland Client
+Exec=tarry-wayland-client
+Icon=utilities-terminal
+"""
+
+
+class Client(ReadyClient):
+    """A running tarry-wayland-client and its key log."""
+
+    def presses(self, qt_key=None):
+        """(time, Qt key, ctrl) of every key press received."""
+        return [(at, int(w[1]), w[2] == "1") for at, w in self.lines()
+                if w[0] == "press" and (qt_key is None or int(w[1]) == qt_key)]
+
+    def ctrl_presses(self, qt_key):
+        return [p for p in self.presses(qt_key) if p[2]]
+
+    def close_requests(self):
+        return [int(w[1]) for _, w in self.lines() if w[0] == "close-request"]
 
 
 def short_press_is_blocked_with_hud(d):

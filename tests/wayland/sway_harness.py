@@ -13,35 +13,14 @@ import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from session_harness import Failure, ReadyClient, SessionDesktop, Skip, wait_for  # noqa: E402,F401
+from session_harness import Failure, SessionDesktop, Skip, wait_for  # noqa: E402,F401
+from session_cases import CLIENT_ENTRY, CLIENT_ID, Client  # noqa: E402,F401
 
-CLIENT_ID = "org.tarry.WaylandClient"
-CLIENT_ENTRY = """[Desktop Entry]
-Type=Application
-Name=Tarry Wayland Client
-Exec=tarry-wayland-client
-Icon=utilities-terminal
-"""
 SWAY_CONFIG = """output HEADLESS-1 resolution 1280x800 position 0 0
 xwayland disable
 default_border normal
 focus_on_window_activation focus
 """
-
-
-class Client(ReadyClient):
-    """A running tarry-wayland-client and its key log."""
-
-    def presses(self, qt_key=None):
-        """(time, Qt key, ctrl) of every key press received."""
-        return [(at, int(w[1]), w[2] == "1") for at, w in self.lines()
-                if w[0] == "press" and (qt_key is None or int(w[1]) == qt_key)]
-
-    def ctrl_presses(self, qt_key):
-        return [p for p in self.presses(qt_key) if p[2]]
-
-    def close_requests(self):
-        return [int(w[1]) for _, w in self.lines() if w[0] == "close-request"]
 
 
 class SwayDesktop(SessionDesktop):
