@@ -10,6 +10,7 @@
 #include "platform/sim/sim_windows.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
+#include "support/recording_hud.h"
 
 #include <gtest/gtest.h>
 
@@ -20,17 +21,6 @@ namespace tarry::actions {
 namespace {
 
 using platform::RunningApp;
-
-struct FakeHud final : guard::HudDisplay {
-  void show(const std::string&, const platform::Icon&, double) override {}
-  void update(double, double) override {}
-  void setReasons(const std::vector<std::string>&) override {}
-  void flash(const std::string& message, const platform::Icon&, double) override {
-    flashes.push_back(message);
-  }
-  void hideNow() override {}
-  std::vector<std::string> flashes;
-};
 
 RunningApp app(std::int32_t pid, const std::string& id, const std::string& name, bool regular = true) {
   RunningApp a;
@@ -65,7 +55,7 @@ class AppActionsTest : public ::testing::Test {
   settings::Preferences prefs{p.defaults};
   settings::Tunables tunables;
   common::Counters counters{p.defaults, p.loop};
-  FakeHud hud;
+  test_support::RecordingHud hud;
   platform::sim::SimWindowList windows;
   platform::sim::SimLauncher launcher;
   platform::sim::SimAlerts alerts;

@@ -5,6 +5,7 @@
 #include "platform/sim/sim_windows.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
+#include "support/recording_hud.h"
 
 #include <gtest/gtest.h>
 
@@ -16,17 +17,6 @@ namespace {
 
 using platform::RunningApp;
 using platform::WindowInfo;
-
-struct FakeHud final : guard::HudDisplay {
-  void show(const std::string&, const platform::Icon&, double) override {}
-  void update(double, double) override {}
-  void setReasons(const std::vector<std::string>&) override {}
-  void flash(const std::string& message, const platform::Icon&, double) override {
-    flashes.push_back(message);
-  }
-  void hideNow() override {}
-  std::vector<std::string> flashes;
-};
 
 RunningApp app(std::int32_t pid, const std::string& id, const std::string& name) {
   RunningApp a;
@@ -90,7 +80,7 @@ class UndoTest : public ::testing::Test {
   settings::Preferences prefs{p.defaults};
   settings::Tunables tunables;
   common::Counters counters{p.defaults, p.loop};
-  FakeHud hud;
+  test_support::RecordingHud hud;
   platform::sim::SimWindowList windows{&p.journal};
   platform::sim::SimLauncher launcher{&p.journal};
   Undo undo{UndoDeps{p.loop, p.workspace, windows, launcher, p.tap, prefs, tunables, counters, hud}};

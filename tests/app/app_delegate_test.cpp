@@ -11,6 +11,7 @@
 #include "settings/preferences.h"
 #include "settings/remote_config.h"
 #include "settings/tunables.h"
+#include "support/recording_hud.h"
 
 #include <gtest/gtest.h>
 
@@ -23,17 +24,6 @@ namespace tarry::app {
 namespace {
 
 using settings::T;
-
-struct RecordingHud final : guard::HudDisplay {
-  void show(const std::string&, const platform::Icon&, double) override {}
-  void update(double, double) override {}
-  void setReasons(const std::vector<std::string>&) override {}
-  void flash(const std::string& message, const platform::Icon&, double) override {
-    flashes.push_back(message);
-  }
-  void hideNow() override {}
-  std::vector<std::string> flashes;
-};
 
 /// The delegate on the simulated platform, with every hook recording its call in `calls`.
 class AppDelegateTest : public ::testing::Test {
@@ -100,7 +90,7 @@ class AppDelegateTest : public ::testing::Test {
   settings::Tunables tunables;
   common::Counters counters{p.defaults, p.loop};
   diagnostics::Log log{p.loop, p.files, p.defaults, tunables};
-  RecordingHud hud;
+  test_support::RecordingHud hud;
   guard::BasicHoldPolicy policy{prefs, tunables};
   guard::NoUndo undo;
   std::unique_ptr<diagnostics::TelemetrySender> sender;

@@ -13,34 +13,19 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from harness import CLIENT_ID, Failure, run_cases, wait_for  # noqa: E402
+from harness import CLIENT_ID, Failure, case_registry, check, ready_windows, run_cases, settle, wait_for  # noqa: E402,F401
 
 # Evdev keycodes the checks look for in the client's log.
 KEY_Q, KEY_W, KEY_X = 24, 25, 53
 CTRL = 0x4
 
-CASES = {}
-
-
-def case(fn):
-    CASES[fn.__name__] = fn
-    return fn
+CASES, case = case_registry()
 
 
 def bare_x_case(fn):
     """A case that starts on an X server without a window manager."""
     fn.window_manager = False
     return case(fn)
-
-
-def check(condition, message):
-    if not condition:
-        raise Failure(message)
-
-
-def settle(seconds=0.4):
-    """Time for events to travel between the processes; never a measured quantity."""
-    time.sleep(seconds)
 
 
 @case
@@ -320,6 +305,13 @@ def read_only_database_is_read(h):
         make_writable(database)
 
 
+def agree_to_consent(h):
+    window = wait_for("the consent window", lambda: h.search("--onlyvisible", "--name", "^Welcome to Tarry$"),
+                      timeout=10)[0]
+    h.activate(window)
+    h.key("Return")  # Agree is the default button
+
+
 @case
 def events_log_names_apps_and_the_damaged_database(h):
     database = os.path.join(h.tmp, "config", "tarry", "defaults.sqlite3")
@@ -341,11 +333,7 @@ def events_log_names_apps_and_the_damaged_database(h):
     wait_for("tarry to move the damaged database aside",
              lambda: [n for n in os.listdir(os.path.dirname(database)) if ".corrupt-" in n])
     # The consent went with the damaged file: the program asks again, as on a first run.
-    def consent_window():
-        found = h.search("--onlyvisible", "--name", "^Welcome to Tarry$")
-        return found[0] if found else None
-    h.activate(wait_for("the consent window", consent_window, timeout=10))
-    h.key("Return")  # Agree is the default button
+    agree_to_consent(h)
     text = wait_for("tarry to start with a new log folder", new_log)
     check("moved it to " + database + ".corrupt-" in text, "the moved-aside database is not logged:\n" + text)
     h.activate(client.windows[-1])
@@ -377,12 +365,7 @@ def damaged_database_met_by_a_command_is_in_the_event_log(h):
     check("moved it to " + database + ".corrupt-" in logged(), "the event log lacks the line:\n" + logged())
     # The program, started next, logs into that same folder (after asking for consent again).
     h.tarry_proc = h.spawn([h.tarry, "--autostart"], "tarry")
-
-    def consent_window():
-        found = h.search("--onlyvisible", "--name", "^Welcome to Tarry$")
-        return found[0] if found else None
-    h.activate(wait_for("the consent window", consent_window, timeout=10))
-    h.key("Return")
+    agree_to_consent(h)
     wait_for("tarry to log into the folder the command made", lambda: "keyboard guard on" in logged())
 
 
@@ -453,19 +436,6 @@ def minimized(h, window):
     out = subprocess.run(["xprop", "-id", str(window), "_NET_WM_STATE"], env=h.env, capture_output=True,
                          text=True, timeout=10).stdout
     return "_NET_WM_STATE_HIDDEN" in out
-
-
-def ready_windows(log):
-    """Window ids of the client that logged to `log`, once it mapped them."""
-    try:
-        with open(log, encoding="utf-8") as f:
-            for line in f:
-                words = line.split()
-                if len(words) >= 2 and words[1] == "ready":
-                    return [int(w) for w in words[2:]]
-    except FileNotFoundError:
-        pass
-    return None
 
 
 def hold_quit(h, client):

@@ -12,7 +12,6 @@ import random
 import shutil
 import signal
 import subprocess
-import sys
 import tempfile
 import time
 
@@ -42,6 +41,27 @@ def wait_for(what, condition, timeout=10.0, interval=0.02):
         time.sleep(interval)
 
 
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def settle(seconds=0.4):
+    """Time for events to travel between the processes; never a measured quantity."""
+    time.sleep(seconds)
+
+
+def case_registry():
+    """(cases, case): the cases by name, and the decorator that adds one (under its own name or
+    `name`)."""
+    cases = {}
+
+    def case(fn, name=None):
+        cases[name or fn.__name__] = fn
+        return fn
+    return cases, case
+
+
 def stop_all(procs):
     """Ends the processes, newest first: a polite SIGTERM, then SIGKILL after 5 s."""
     for proc in reversed(procs):
@@ -53,6 +73,19 @@ def stop_all(procs):
         except subprocess.TimeoutExpired:
             proc.kill()
             proc.wait()
+
+
+def ready_windows(log):
+    """Window ids of the client that logged to `log`, once it mapped them."""
+    try:
+        with open(log, encoding="utf-8") as f:
+            for line in f:
+                words = line.split()
+                if len(words) >= 2 and words[1] == "ready":
+                    return [int(w) for w in words[2:]]
+    except FileNotFoundError:
+        pass
+    return None
 
 
 class LoggedClient:
@@ -91,10 +124,7 @@ class Client(LoggedClient):
         self.windows = wait_for(name + " to map its windows", self._ready, timeout=5)
 
     def _ready(self):
-        for at, words in self.lines():
-            if words[0] == "ready":
-                return [int(w) for w in words[1:]]
-        return None
+        return ready_windows(self.log)
 
     def presses(self, keycode=None):
         """(time, keycode, state, keysym) of every key press received."""
@@ -107,11 +137,56 @@ class Client(LoggedClient):
 class PrivateDesktop:
     """What every private desktop of these tests has (this X11 one, and those of
     tests/support/session_harness.py): a temporary folder `tmp`, the processes started in it
-    (`procs`, their output in <name>.out, ended by `close()`, also on SIGTERM), tarry's events log
-    and the logs of the test clients (`clients`)."""
+    (`procs`, their output in <name>.out, ended by `close()`, also on SIGTERM), tarry's preferences,
+    counters and events log, and the logs of the test clients (`clients`)."""
 
     # Ends the processes oldest first rather than newest first.
     stop_oldest_first = False
+    # The unprivileged user the processes run as; None: as ourselves.
+    account = None
+
+    def chown(self, path):
+        if self.account:
+            os.chown(path, self.account.pw_uid, self.account.pw_gid)
+
+    def _user_args(self):
+        if not self.account:
+            return {}
+        return {"user": self.account.pw_uid, "group": self.account.pw_gid, "extra_groups": []}
+
+    def spawn(self, argv, name, extra_env=None):
+        """Starts argv (as the test user), its output in <name>.out; `extra_env` values of None
+        remove a variable."""
+        env = dict(self.env)
+        for key, value in (extra_env or {}).items():
+            if value is None:
+                env.pop(key, None)
+            else:
+                env[key] = value
+        path = os.path.join(self.tmp, name + ".out")
+        out = open(path, "ab")
+        self.chown(path)
+        proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                                **self._user_args())
+        out.close()
+        self.procs.append(proc)
+        return proc
+
+    def run(self, argv, timeout=30, check=True):
+        result = subprocess.run(argv, env=self.env, capture_output=True, timeout=timeout, **self._user_args())
+        if check and result.returncode != 0:
+            raise Failure("%s failed: %s" % (" ".join(argv), result.stderr.decode(errors="replace")))
+        return result
+
+    def defaults(self, *args):
+        """Runs `tarry defaults ...`; its standard output."""
+        return self.run([self.tarry, "defaults"] + list(args), timeout=20).stdout.decode().strip()
+
+    def counter(self, name):
+        """The all-time counter `name`; 0 while it has never been written."""
+        result = self.run([self.tarry, "defaults", "read", "all." + name], timeout=20, check=False)
+        text = result.stdout.decode().strip()
+        return int(text) if result.returncode == 0 and text else 0
 
     def _on_signal(self, signum, frame):
         self.close()
@@ -190,18 +265,6 @@ class Harness(PrivateDesktop):
             self.close()
             raise
 
-    # ---- processes ----
-
-    def spawn(self, argv, name, extra_env=None):
-        env = dict(self.env)
-        if extra_env:
-            env.update(extra_env)
-        out = open(os.path.join(self.tmp, name + ".out"), "ab")
-        proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=out)
-        out.close()
-        self.procs.append(proc)
-        return proc
-
     def _start_x(self):
         # A random display number well above the ones `Xvfb -displayfd` hands out from 0 up: a
         # server that starts while another searches that way can lose its socket file to it.
@@ -248,22 +311,6 @@ class Harness(PrivateDesktop):
 
 
     # ---- the program ----
-
-    def defaults(self, *args):
-        """Runs `tarry defaults ...`; its standard output."""
-        result = subprocess.run([self.tarry, "defaults"] + list(args), env=self.env,
-                                capture_output=True, text=True, timeout=20)
-        if result.returncode != 0:
-            raise Failure("tarry defaults %s failed: %s" % (" ".join(args), result.stderr))
-        return result.stdout.strip()
-
-    def counter(self, name):
-        """The all-time counter `name`; 0 while it has never been written."""
-        try:
-            text = self.defaults("read", "all." + name)
-        except Failure:
-            return 0
-        return int(text) if text else 0
 
     def start_tarry(self, extra_env=None, args=()):
         self.tarry_proc = self.spawn([self.tarry] + list(args), "tarry", extra_env)
@@ -339,13 +386,21 @@ class Harness(PrivateDesktop):
         return False
 
 
-def run_cases(cases):
-    """The command line of a case file: `--tarry T --client C CASE` runs one case on a fresh
-    desktop (with a window manager unless the case says `window_manager = False`), `--list` names
-    them. Returns the exit status."""
+class Skip(Exception):
+    """The desktop cannot run on this machine."""
+
+
+# The exit status ctest reads as "skipped".
+SKIP = 77
+
+
+def run_case_file(cases, options, make_desktop):
+    """The command line of a case file: `OPTIONS... CASE` runs one case on a fresh desktop made by
+    `make_desktop(args)`, `--list` names them. Returns the exit status: 0 when the case holds, 1
+    when it fails, SKIP when the desktop cannot run here."""
     parser = argparse.ArgumentParser()
-    parser.add_argument("--tarry")
-    parser.add_argument("--client")
+    for option in options:
+        parser.add_argument(option)
     parser.add_argument("--list", action="store_true")
     parser.add_argument("case", nargs="?")
     args = parser.parse_args()
@@ -353,16 +408,26 @@ def run_cases(cases):
         print("\n".join(cases))
         return 0
     if args.case not in cases:
-        print("unknown case %r" % args.case, file=sys.stderr)
-        return 2
-    h = Harness(args.tarry, args.client, getattr(cases[args.case], "window_manager", True))
+        parser.error("unknown case: %s" % args.case)
     try:
-        cases[args.case](h)
+        desktop = make_desktop(args)
+    except Skip as skip:
+        print("SKIP: " + str(skip))
+        return SKIP
+    try:
+        cases[args.case](desktop)
     except Failure as failure:
-        print("FAIL %s: %s" % (args.case, failure), file=sys.stderr)
-        print(h.report(), file=sys.stderr)
+        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
         return 1
     finally:
-        h.close()
-    print("ok %s" % args.case)
+        desktop.close()
+    print("ok " + args.case)
     return 0
+
+
+def run_cases(cases):
+    """`--tarry T --client C CASE` on a fresh X11 desktop, with a window manager unless the case
+    says `window_manager = False`."""
+    return run_case_file(cases, ("--tarry", "--client"),
+                         lambda args: Harness(args.tarry, args.client,
+                                              getattr(cases[args.case], "window_manager", True)))

@@ -13,26 +13,11 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(1, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "update_real"))
-from harness import Failure, run_cases, wait_for  # noqa: E402
+from harness import Failure, case_registry, check, run_cases, settle, wait_for  # noqa: E402
 
 KEY_Q = 24
-CASES = {}
+CASES, case = case_registry()
 CONSENT_TITLE = "Welcome to Tarry"
-
-
-def case(fn):
-    CASES[fn.__name__] = fn
-    return fn
-
-
-def check(condition, message):
-    if not condition:
-        raise Failure(message)
-
-
-def settle(seconds=0.4):
-    """Time for events to travel between the processes; never a measured quantity."""
-    time.sleep(seconds)
 
 
 def windows_named(h, title):

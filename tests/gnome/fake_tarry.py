@@ -4,7 +4,7 @@
     fake_tarry.py --log FILE [--pass WORD]…
 
 Owns tarry's bus name, says hello, arms the extension and logs "<µs> <word> …" lines: "armed
-<refused words>", "focused <json>", "key <word> <1|0>", "mods <mask>". A press of a --pass word is
+<refused words>", "focused <json>", "key <word> <1|0> <pid of the focused window at a press, or ->", "mods <mask>". A press of a --pass word is
 let through (the extension is asked to type it back).
 """
 
@@ -54,9 +54,8 @@ def main():
                                "color": {"red": 1, "green": 0.8, "blue": 0, "alpha": 1}}},
               "timeLabel": text("1.0 s of 2.0 s", 76, 14, 150, 20, 11, grey),
               "pctLabel": text("50%", 240, 14, 72, 22, 15, grey)}
-    for state in ({"op": "layout", "layout": layout}, {"op": "origin", "x": 475, "y": 352},
-                  {"op": "alpha", "alpha": 1}, {"op": "show"}):
-        shell.Hud(json.dumps(state))
+    shell.Hud(json.dumps([{"op": "layout", "layout": layout}, {"op": "origin", "x": 475, "y": 352},
+                          {"op": "alpha", "alpha": 1}, {"op": "show"}]))
     note("hud", "shown")
 
     # A menu like tarry's in the top bar.
@@ -69,9 +68,9 @@ def main():
                                  "recents": [{"kind": "placeholder", "title": "No Apps", "path": ""}]}))
     bus.add_signal_receiver(lambda word: note("menu", word), "MenuChose", INTERFACE)
 
-    def key(word, down):
-        note("key", word, int(bool(down)))
-        shell.Hud(json.dumps({"op": "hide"}))
+    def key(word, down, window):
+        note("key", word, int(bool(down)), json.loads(str(window)).get("pid", 0) if window else "-")
+        shell.Hud(json.dumps([{"op": "hide"}]))
         if down and str(word) in args.passed:
             shell.Type(word)
 

@@ -6,6 +6,7 @@
 #include "platform/gnome/gnome_workspace.h"
 
 #include "../support/bus_daemon.h"
+#include "platform/sim/sim_desktop_entries.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +14,10 @@
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
 #include <QElapsedTimer>
+#include <QRegularExpression>
 #include <QThread>
+
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -173,16 +177,21 @@ TEST(GnomeStatusMenu, EveryRowGoesByItsWordInTheMenusOrder) {
 }
 
 /// The extension as far as greeting and arming go, on a thread of its own (the program's calls to
-/// it block). Records the hold limits it was told.
+/// it block). Records the hold limits it was told, and every method called with its argument.
 class FakeExtension final : public QDBusVirtualObject {
  public:
   bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
+    {
+      std::lock_guard lock(mutex_);
+      calls_.push_back(message.member() + QLatin1Char(' ') + message.arguments().value(0).toString());
+    }
     if (message.member() == QStringLiteral("Hello")) {
       {
         std::lock_guard lock(mutex_);
         limits_.push_back(message.arguments().value(0).toUInt());
       }
-      connection.send(message.createReply(QVariant(QStringLiteral(R"({"protocol":1})"))));
+      connection.send(
+          message.createReply(QVariant(QStringLiteral(R"({"protocol":%1})").arg(kExtensionProtocol))));
     } else if (message.member() == QStringLiteral("Arm")) {
       connection.send(message.createReply(QVariant(QStringList())));
     } else {
@@ -195,54 +204,154 @@ class FakeExtension final : public QDBusVirtualObject {
     std::lock_guard lock(mutex_);
     return limits_;
   }
+  QStringList calls() {
+    std::lock_guard lock(mutex_);
+    return calls_;
+  }
 
  private:
   std::mutex mutex_;
   std::vector<std::uint32_t> limits_;
+  QStringList calls_;
 };
 
-TEST(GnomeEventTap, AHoldLimitChangedAtRunTimeReachesTheExtensionAtOnce) {
-  testing::BusDaemon daemon;
-  if (daemon.address.empty()) GTEST_SKIP() << "dbus-daemon cannot run here";
-  setenv("DBUS_SESSION_BUS_ADDRESS", daemon.address.c_str(), 1);
-  int argc = 1;
-  char name[] = "gnome_backend_test";
-  char* argv[] = {name, nullptr};
-  QCoreApplication app(argc, argv);
-  const QString shellName = QStringLiteral("shell");
-  {
-    QDBusConnection shellBus =
-        QDBusConnection::connectToBus(QString::fromStdString(daemon.address), shellName);
-    QThread shellThread;
-    FakeExtension extension;
-    extension.moveToThread(&shellThread);
-    shellThread.start();
-    ASSERT_TRUE(shellBus.registerVirtualObject(QString::fromLatin1(kExtensionPath), &extension));
-    ASSERT_TRUE(shellBus.registerService(QString::fromLatin1(kExtensionBusName)));
-
-    std::string error;
-    std::unique_ptr<GnomeShell> shell = GnomeShell::connect(error);
-    ASSERT_TRUE(shell) << error;
-    {
-      GnomeEventTap tap(*shell);
-      // Before the greeting a new limit waits for it.
-      tap.setHoldLimit(16);
-      EXPECT_TRUE(extension.limits().empty());
-      ASSERT_TRUE(tap.isTrusted()) << tap.lastError();
-      tap.setHoldLimit(16);
-      tap.setHoldLimit(32.5);
-      QElapsedTimer timer;
-      timer.start();
-      while (extension.limits().size() < 2 && timer.elapsed() < 5000)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-      EXPECT_EQ(extension.limits(), (std::vector<std::uint32_t>{16000, 32500}));
-    }
-    shell.reset();
-    shellBus.unregisterObject(QString::fromLatin1(kExtensionPath));
-    shellThread.quit();
-    shellThread.wait();
+/// A private session bus with the fake extension on it, as the Shell would serve it.
+class ExtensionOnBus {
+ public:
+  ExtensionOnBus() {
+    if (daemon.address.empty()) return;
+    setenv("DBUS_SESSION_BUS_ADDRESS", daemon.address.c_str(), 1);
+    bus = std::make_unique<QDBusConnection>(
+        QDBusConnection::connectToBus(QString::fromStdString(daemon.address), kName));
+    extension.moveToThread(&thread);
+    thread.start();
+    ready = bus->registerVirtualObject(QString::fromLatin1(kExtensionPath), &extension) &&
+            bus->registerService(QString::fromLatin1(kExtensionBusName));
   }
-  QDBusConnection::disconnectFromBus(shellName);
+  ~ExtensionOnBus() {
+    if (!bus) return;
+    bus->unregisterObject(QString::fromLatin1(kExtensionPath));
+    thread.quit();
+    thread.wait();
+    bus.reset();
+    QDBusConnection::disconnectFromBus(kName);
+  }
+  /// Waits, turning the main loop, until `done` holds (at most 5 s).
+  template <typename Done>
+  static bool until(Done done) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!done() && timer.elapsed() < 5000) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    return done();
+  }
+
+  inline static const QString kName = QStringLiteral("shell");
+  testing::BusDaemon daemon;
+  std::unique_ptr<QDBusConnection> bus;
+  QThread thread;
+  FakeExtension extension;
+  bool ready = false;
+};
+
+/// One application and one private bus for the whole run: Qt keeps its session-bus connection for
+/// the life of the process.
+class BusEnvironment final : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    app_ = std::make_unique<QCoreApplication>(argc_, argv_);
+    on = std::make_unique<ExtensionOnBus>();
+  }
+  void TearDown() override {
+    on.reset();
+    app_.reset();
+  }
+  inline static std::unique_ptr<ExtensionOnBus> on;
+
+ private:
+  int argc_ = 1;
+  char name_[19] = "gnome_backend_test";
+  char* argv_[2] = {name_, nullptr};
+  std::unique_ptr<QCoreApplication> app_;
+};
+[[maybe_unused]] ::testing::Environment* const busEnvironment =
+    ::testing::AddGlobalTestEnvironment(new BusEnvironment);
+
+TEST(GnomeEventTap, AHoldLimitChangedAtRunTimeReachesTheExtensionAtOnce) {
+  ExtensionOnBus& on = *BusEnvironment::on;
+  if (on.daemon.address.empty()) GTEST_SKIP() << "dbus-daemon cannot run here";
+  ASSERT_TRUE(on.ready);
+  const std::size_t before = on.extension.limits().size();
+  std::string error;
+  std::unique_ptr<GnomeShell> shell = GnomeShell::connect(error);
+  ASSERT_TRUE(shell) << error;
+  GnomeEventTap tap(*shell);
+  // Before the greeting a new limit waits for it.
+  tap.setHoldLimit(16);
+  EXPECT_EQ(on.extension.limits().size(), before);
+  ASSERT_TRUE(tap.isTrusted()) << tap.lastError();
+  tap.setHoldLimit(16);
+  tap.setHoldLimit(32.5);
+  ExtensionOnBus::until([&] { return on.extension.limits().size() >= before + 2; });
+  const std::vector<std::uint32_t> limits = on.extension.limits();
+  EXPECT_EQ(std::vector<std::uint32_t>(limits.begin() + static_cast<std::ptrdiff_t>(before), limits.end()),
+            (std::vector<std::uint32_t>{16000, 32500}));
+}
+
+// The HUD's first frame waits on nothing that can be left out: a press is decided from the window
+// the extension sent with it (no question back to the Shell), and the panel's layout, opacity,
+// place and showing go over in one message (no frame in between).
+TEST(GnomeHud, APressIsDecidedFromItsOwnWindowAndTheHudGoesInOneMessage) {
+  ExtensionOnBus& on = *BusEnvironment::on;
+  if (on.daemon.address.empty()) GTEST_SKIP() << "dbus-daemon cannot run here";
+  ASSERT_TRUE(on.ready);
+  std::string error;
+  std::unique_ptr<GnomeShell> shell = GnomeShell::connect(error);
+  ASSERT_TRUE(shell) << error;
+  sim::SimDesktopEntries entries;
+  GnomeWorkspace workspace(*shell, entries);
+  GnomeHudPanel panel(*shell);
+  HudLayout layout;
+  layout.label.text = "Hold Ctrl+Q to quit Mail";
+
+  std::optional<RunningApp> front;
+  shell->onKey = [&](const std::string&, bool down) {
+    if (!down) return;
+    front = workspace.frontmostApplication();
+    panel.apply(layout);
+    panel.setAlpha(1);
+    panel.setOrigin({100, 100});
+    panel.orderFront();
+  };
+  const QString window =
+      QStringLiteral(R"({"id": 7, "pid": %1, "wmClass": "org.example.Mail"})").arg(getpid());
+  QDBusMessage press = QDBusMessage::createSignal(
+      QString::fromLatin1(kExtensionPath), QString::fromLatin1(kExtensionInterface), QStringLiteral("Key"));
+  press << QStringLiteral("quit") << true << window;
+  const qsizetype earlier = on.extension.calls().size();
+  ASSERT_TRUE(on.bus->send(press));
+  const auto since = [&](const QString& pattern) {
+    return on.extension.calls().mid(earlier).filter(QRegularExpression(pattern));
+  };
+  const auto huds = [&] { return since(QStringLiteral("^Hud ")); };
+  ASSERT_TRUE(ExtensionOnBus::until([&] { return !huds().isEmpty(); }));
+  ASSERT_TRUE(front);
+  EXPECT_EQ(front->pid, getpid());
+  EXPECT_EQ(front->bundleID, "org.example.Mail");
+  EXPECT_TRUE(since(QStringLiteral("^FocusedWindow")).isEmpty());
+  const nlohmann::json shown = nlohmann::json::parse(huds().first().mid(4).toStdString());
+  ASSERT_TRUE(shown.is_array());
+  ASSERT_EQ(shown.size(), 4U);
+  EXPECT_EQ(shown[0]["op"], "layout");
+  EXPECT_EQ(shown[3]["op"], "show");
+
+  // A meter tick goes on its own, when the main loop turns.
+  layout.label.text = "Hold Ctrl+Q to quit Mail.";
+  panel.apply(layout);
+  ASSERT_TRUE(ExtensionOnBus::until([&] { return huds().size() == 2; }));
+  EXPECT_EQ(nlohmann::json::parse(huds().last().mid(4).toStdString()).size(), 1U);
+  // Away from a press the Shell is asked.
+  EXPECT_FALSE(workspace.frontmostApplication());
+  EXPECT_EQ(since(QStringLiteral("^FocusedWindow")).size(), 1);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "platform/sim/sim_platform.h"
 #include "settings/preferences.h"
 #include "settings/tunables.h"
+#include "support/recording_hud.h"
 
 #include <gtest/gtest.h>
 
@@ -25,20 +26,6 @@ using settings::T;
 
 constexpr std::uint64_t kCmd = platform::kFlagCommand;
 constexpr std::uint64_t kShift = platform::kFlagShift;
-
-struct FakeHud final : HudDisplay {
-  void show(const std::string& title, const platform::Icon&, double) override {
-    calls.push_back("show " + title);
-  }
-  void update(double, double) override { ++updates; }
-  void setReasons(const std::vector<std::string>&) override { calls.emplace_back("reasons"); }
-  void flash(const std::string& message, const platform::Icon& icon, double) override {
-    calls.push_back("flash " + message + " [" + icon.name + "]");
-  }
-  void hideNow() override { calls.emplace_back("hide"); }
-  std::vector<std::string> calls;
-  int updates = 0;
-};
 
 struct FakeUndo final : UndoHooks {
   bool canUndo() override { return false; }
@@ -100,7 +87,7 @@ class GuardTest : public ::testing::Test {
   diagnostics::Log log{p.loop, p.files, p.defaults, tunables};
   diagnostics::BasicAppTelemetry telemetry{p.workspace};
   BasicHoldPolicy policy{prefs, tunables};
-  FakeHud hud;
+  test_support::RecordingHud hud;
   FakeUndo undo;
   std::unique_ptr<Guard> guard;
 };

@@ -15,58 +15,12 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from kde_harness import (CLIENT_ENTRY, CLIENT_ID, KEY_ALT, KEY_CTRL, KEY_ENTER, KEY_Q, KEY_SHIFT, KEY_W,  # noqa: E402
                          KEY_Z, KdeDesktop)
 from session_harness import case_registry, check, run_session_cases, settle, wait_for  # noqa: E402
+import session_cases  # noqa: E402
 
-QT_KEY_Q, QT_KEY_W = 0x51, 0x57
+from session_cases import QT_KEY_Q, QT_KEY_W  # noqa: E402
 
 CASES, case = case_registry()
-
-
-def ctrl_q_presses(client):
-    return [p for p in client.presses(QT_KEY_Q) if p[2]]
-
-
-@case
-def short_press_is_blocked_with_hud(d):
-    client = d.start_client("app")
-    d.start_tarry()
-    typing = d.hold(KEY_Q, 1200)
-    wait_for("the HUD to show", d.hud_visible, timeout=1.1, interval=0.05)
-    typing.wait(timeout=10)
-    wait_for("one blocked quit to be counted", lambda: d.counter("saved") == 1)
-    wait_for("the HUD to hide", lambda: not d.hud_visible(), timeout=5)
-    settle()
-    check(client.alive(), "the client ended")
-    check(not ctrl_q_presses(client), "Ctrl+Q reached the client: %s" % ctrl_q_presses(client))
-
-
-@case
-def long_hold_quits_politely(d):
-    # A client still busy starting up could earn a longer hold ("Working hard") on a loaded machine.
-    d.defaults("write", "busyGuard", "false")
-    client = d.start_client("app")
-    d.start_tarry()
-    d.hold(KEY_Q, 3000)
-    # The default hold is 2 s: KWin's close request must come well before the keys go up.
-    wait_for("the client to leave its event loop", lambda: any(w == ["exit"] for _, w in client.lines()), timeout=2.9)
-    wait_for("the client to end", lambda: not client.alive(), timeout=15)
-    check(client.close_requests() == [0], "not closed by KWin's request: %s" % client.lines())
-    check(not ctrl_q_presses(client), "the held Ctrl+Q itself reached the client")
-    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
-
-
-@case
-def ctrl_released_first_cancels(d):
-    client = d.start_client("app")
-    d.start_tarry()
-    # Ctrl goes up after 0.4 s while Q stays down for 3 s more, past the 2 s hold.
-    started = time.monotonic()
-    typing = d.keys("+%d" % KEY_CTRL, "+%d" % KEY_Q, 400, "-%d" % KEY_CTRL, 3000, "-%d" % KEY_Q, background=True)
-    wait_for("the hold to be cancelled", lambda: d.counter("saved") == 1, timeout=8)
-    check(time.monotonic() - started < 2.5, "the hold ended only with the release of Q")
-    typing.wait(timeout=10)
-    settle()
-    check(client.alive(), "the client was quit although Ctrl was released")
-    check(d.counter("quit") == 0, "a quit was counted")
+session_cases.register(case)
 
 
 @case
@@ -84,17 +38,6 @@ def press_twice_quits(d):
     wait_for("the client to quit on the second press", lambda: not client.alive(), timeout=10)
     check(client.close_requests() == [0], "not closed by KWin's request: %s" % client.lines())
     wait_for("the confirmation to be counted", lambda: d.counter("twice.confirmed") == 1)
-
-
-@case
-def instant_rule_passes_at_once(d):
-    d.defaults("write", "appModes", '{"%s": "instant"}' % CLIENT_ID)
-    client = d.start_client("app")
-    d.start_tarry()
-    d.type(KEY_Q, (KEY_CTRL,), 50)
-    wait_for("Ctrl+Q to reach the client", lambda: ctrl_q_presses(client), timeout=8)
-    wait_for("the client to quit", lambda: not client.alive(), timeout=10)
-    wait_for("the instant pass to be counted", lambda: d.counter("instant") == 1)
 
 
 @case
@@ -130,7 +73,7 @@ def copy_without_launcher_registers_itself(d):
     def passes():
         d.type(KEY_Q, (KEY_CTRL,), 30)
         time.sleep(0.3)
-        return ctrl_q_presses(client)
+        return client.ctrl_presses(QT_KEY_Q)
     wait_for("a let-through Ctrl+Q to reach the client", passes, timeout=15, interval=0.5)
 
 
@@ -148,25 +91,6 @@ def close_without_fake_input_closes_the_window(d):
     check(client.alive(), "the client ended; only one window should close")
     check(not client.presses(QT_KEY_W), "Ctrl+W reached the client although nothing could type it")
     wait_for("the guard state to say so", lambda: "closes the window instead" in d.events_log())
-
-
-@case
-def close_hold_types_ctrl_w(d):
-    d.defaults("write", "closeHold", "1")
-    client = d.start_client("app", "--windows", "2")
-    d.start_tarry()
-    # A short press is held back.
-    d.type(KEY_W, (KEY_CTRL,), 200)
-    settle()
-    check(not client.closed(), "a short Ctrl+W closed a window")
-    check(not client.presses(QT_KEY_W), "a short Ctrl+W reached the client")
-    d.hold(KEY_W, 1600).wait(timeout=10)
-    wait_for("the focused window to close", lambda: client.closed(), timeout=8)
-    check(len(client.closed()) == 1, "closed %s instead of the focused window alone" % client.closed())
-    check(client.alive(), "the client ended; only one window should close")
-    check([p for p in client.presses(QT_KEY_W) if p[2]], "Ctrl+W did not reach the client as a key press")
-    check("Ctrl+W confirmed" in d.events_log(), "no confirmation in the log")
-    check("closes the window instead" not in d.events_log(), "fake input was not used")
 
 
 def close_enough(a, b, slack=4):
@@ -223,30 +147,6 @@ def quit_others_keeps_the_front_app(d):
 
 
 @case
-def relaunch_hands_the_guard_on(d):
-    # As an installed update does: the new copy starts while the old one runs, and the old one
-    # quits once the new one runs.
-    client = d.start_client("app", "--no-quit")
-    old = d.start_tarry({"TARRY_DEBUG_RELAUNCH_AFTER": "1"})
-    wait_for("the old copy to quit", lambda: old.poll() is not None, timeout=20)
-    wait_for("the new copy to guard", lambda: d.events_log().count("keyboard guard on") == 2, timeout=10)
-    # The new copy is not a login launch: its Settings window opens; the client comes back to the front.
-    settle(1.0)
-    caption = next((w["caption"] for w in d.windows() if w["pid"] == client.process.pid), None)
-    check(caption and d.set_window(caption, activate=True), "no client window: %s" % d.windows())
-    wait_for("the client to be in front", lambda: any(w["active"] and w["pid"] == client.process.pid
-                                                       for w in d.windows()))
-    d.type(KEY_Q, (KEY_CTRL,), 200)
-    wait_for("the new copy to block a short press", lambda: d.counter("saved") == 1)
-    check(not ctrl_q_presses(client), "Ctrl+Q reached the client past the new copy")
-    # The new copy's window helper answers: Ctrl+Q held long enough quits the client.
-    d.hold(KEY_Q, 2600).wait(timeout=10)
-    wait_for("the held Ctrl+Q to be confirmed", lambda: "quit confirmed" in d.events_log(), timeout=5)
-    confirmed = [line for line in d.events_log().splitlines() if "quit confirmed:" in line]
-    check(len(confirmed) == 1 and CLIENT_ID in confirmed[0], "not the client was quit: %s" % confirmed)
-
-
-@case
 def killed_during_hold_leaves_ctrl_q_working(d):
     client = d.start_client("app", "--no-quit")
     tarry = d.start_tarry()
@@ -256,23 +156,23 @@ def killed_during_hold_leaves_ctrl_q_working(d):
     killed = time.monotonic()
     tarry.wait()
     typing.wait(timeout=10)
-    check(not ctrl_q_presses(client), "the held Ctrl+Q reached the client while tarry ran")
+    check(not client.ctrl_presses(QT_KEY_Q), "the held Ctrl+Q reached the client while tarry ran")
     # Within a second of the kill, Ctrl+Q reaches the app again.
     time.sleep(max(0.0, 1.0 - (time.monotonic() - killed)))
     d.type(KEY_Q, (KEY_CTRL,))
-    wait_for("Ctrl+Q to reach the client", lambda: ctrl_q_presses(client), timeout=2)
+    wait_for("Ctrl+Q to reach the client", lambda: client.ctrl_presses(QT_KEY_Q), timeout=2)
 
     # The next run guards again, and a normal exit leaves Ctrl+Q working too.
     tarry = d.start_tarry()
-    before = len(ctrl_q_presses(client))
+    before = len(client.ctrl_presses(QT_KEY_Q))
     d.type(KEY_Q, (KEY_CTRL,), 200)
     wait_for("the new guard to block a short press", lambda: d.counter("saved") >= 1)
-    check(len(ctrl_q_presses(client)) == before, "Ctrl+Q reached the client past the new guard")
+    check(len(client.ctrl_presses(QT_KEY_Q)) == before, "Ctrl+Q reached the client past the new guard")
     tarry.terminate()
     tarry.wait(timeout=10)
     d.type(KEY_Q, (KEY_CTRL,))
     wait_for("Ctrl+Q to reach the client after a normal exit",
-             lambda: len(ctrl_q_presses(client)) > before, timeout=3)
+             lambda: len(client.ctrl_presses(QT_KEY_Q)) > before, timeout=3)
 
 
 @case

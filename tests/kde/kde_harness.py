@@ -52,6 +52,8 @@ APPLICATIONS_MENU = """<!DOCTYPE Menu PUBLIC "-//freedesktop//DTD Menu 1.0//EN"
 # evdev key codes
 KEY_CTRL, KEY_SHIFT, KEY_ALT = 29, 42, 56
 KEY_Q, KEY_W, KEY_Z, KEY_A, KEY_ENTER = 16, 17, 44, 30, 28
+KEY_CODES = {"ctrl": KEY_CTRL, "shift": KEY_SHIFT, "alt": KEY_ALT, "q": KEY_Q, "w": KEY_W, "z": KEY_Z, "a": KEY_A,
+             "Return": KEY_ENTER}
 
 
 class KdeDesktop(SessionDesktop):
@@ -246,21 +248,19 @@ class KdeDesktop(SessionDesktop):
         return tuple(data.split(maxsplit=4)[4][:3])
 
     def hud_visible(self):
-        """True while the HUD covers the middle of the screen (it is centred; just under its top
-        edge lies its light backdrop, and the test client's windows are dark blue). Without
-        screenshots (KWin 6's virtual screen composites with OpenGL only on a GPU), true while
-        KWin shows a window of tarry's over the middle that no task bar lists: the HUD's surface."""
+        """As on every desktop (see SessionDesktop). Without screenshots (KWin 6's virtual screen
+        composites with OpenGL only on a GPU), true while KWin shows a window of tarry's over the
+        middle that no task bar lists: the HUD's surface."""
         if getattr(self, "_no_screenshots", False):
             return self._hud_window()
         try:
-            r, g, b = self.pixel(640, 357)
+            return super().hud_visible()
         except Failure as failure:
             if "/org/kde/KWin/ScreenShot2" not in str(failure):
                 raise
             self._no_screenshots = True
             print("no KWin screenshots here: the HUD is seen as a window", flush=True)
             return self._hud_window()
-        return min(r, g, b) > 200
 
     def _hud_window(self):
         return self.kwin_eval("""
@@ -275,17 +275,18 @@ class KdeDesktop(SessionDesktop):
     # ---- the user's hands ----
 
     def keys(self, *steps, background=False):
-        """Runs tarry-kde-typist with these steps (+CODE, -CODE, milliseconds)."""
-        argv = [self.typist] + [str(s) for s in steps]
+        """Runs tarry-kde-typist with these steps (+KEY, -KEY: a name or an evdev code; milliseconds)."""
+        argv = [self.typist] + [str(s) if isinstance(s, int) else s[0] + str(KEY_CODES.get(s[1:], s[1:]))
+                                for s in steps]
         if background:
             return self.spawn(argv, "typist")
         self.run(argv)
         return None
 
-    def type(self, key, mods=(), hold_ms=30, background=False):
-        """Presses mods+key, holds it `hold_ms`, and releases it (key first)."""
-        steps = ["+%d" % m for m in mods] + ["+%d" % key, hold_ms, "-%d" % key] + ["-%d" % m for m in reversed(mods)]
-        return self.keys(*steps, background=background)
+    def focused_pid(self):
+        return next((w["pid"] for w in self.windows() if w["active"]), None)
 
-    def hold(self, key, ms, mods=(KEY_CTRL,)):
-        return self.type(key, mods, ms, background=True)
+    def focus(self, client):
+        caption = next((w["caption"] for w in self.windows() if w["pid"] == client.process.pid), None)
+        if not (caption and self.set_window(caption, activate=True)):
+            raise Failure("no client window: %s" % self.windows())

@@ -1,15 +1,14 @@
 """What the end-to-end harnesses of the Wayland desktops (sway, KWin, GNOME Shell) share: the
 unprivileged account the compositors run as, a private temporary folder with the runtime, home,
-configuration and data folders and the environment that points at them, the processes started in
-it (ended by `close()`, also on SIGTERM, which ctest sends on a timeout), tarry's settings and logs,
-and the command line of a case file.
+configuration and data folders and the environment that points at them, and tarry started as at
+login. The processes, tarry's preferences and logs, and the command line of a case file are those
+of every desktop (tests/e2e/harness.py).
 
 sway refuses to run as root, and the other compositors are run alike. Run as root (as CI does),
 the harness creates an unprivileged user (`tarry-e2e`) once and runs the compositor and every
 client as that user, from copies of the binaries in a temporary folder that user owns.
 """
 
-import argparse
 import json
 import os
 import pwd
@@ -17,20 +16,15 @@ import signal
 import subprocess
 import sys
 import tempfile
-import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
-from harness import Failure, LoggedClient, PrivateDesktop, stop_all, wait_for  # noqa: E402,F401
+from harness import (SKIP, Failure, LoggedClient, PrivateDesktop, Skip, case_registry, check,  # noqa: E402,F401
+                     settle, stop_all, wait_for)
+from harness import run_case_file as run_session_cases  # noqa: E402,F401
 
 USER = "tarry-e2e"
-# The exit status ctest reads as "skipped".
-SKIP = 77
 # What the test processes keep of the caller's environment.
 KEPT_ENV = ("PATH", "TERM", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS")
-
-
-class Skip(Exception):
-    pass
 
 
 def ensure_user():
@@ -97,10 +91,6 @@ class SessionDesktop(PrivateDesktop):
 
     # ---- the private folder ----
 
-    def chown(self, path):
-        if self.account:
-            os.chown(path, self.account.pw_uid, self.account.pw_gid)
-
     def make_folders(self):
         """bin (returned), run, home, config and data/applications in the temporary folder."""
         bindir = os.path.join(self.tmp, "bin")
@@ -141,46 +131,7 @@ class SessionDesktop(PrivateDesktop):
         self.env = env
         return env
 
-    def _user_args(self):
-        if not self.account:
-            return {}
-        return {"user": self.account.pw_uid, "group": self.account.pw_gid, "extra_groups": []}
-
-    # ---- processes ----
-
-    def spawn(self, argv, name, extra_env=None):
-        """Starts argv as the test user, its output in <name>.out; `extra_env` values of None
-        remove a variable."""
-        env = dict(self.env)
-        for key, value in (extra_env or {}).items():
-            if value is None:
-                env.pop(key, None)
-            else:
-                env[key] = value
-        path = os.path.join(self.tmp, name + ".out")
-        out = open(path, "ab")
-        self.chown(path)
-        proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
-                                **self._user_args())
-        out.close()
-        self.procs.append(proc)
-        return proc
-
-    def run(self, argv, timeout=30, check=True):
-        result = subprocess.run(argv, env=self.env, capture_output=True, timeout=timeout, **self._user_args())
-        if check and result.returncode != 0:
-            raise Failure("%s failed: %s" % (" ".join(argv), result.stderr.decode(errors="replace")))
-        return result
-
     # ---- the program ----
-
-    def defaults(self, *args):
-        return self.run([self.tarry, "defaults"] + list(args), timeout=20).stdout.decode().strip()
-
-    def counter(self, name):
-        result = self.run([self.tarry, "defaults", "read", "all." + name], timeout=20, check=False)
-        text = result.stdout.decode().strip()
-        return int(text) if result.returncode == 0 and text else 0
 
     def start_tarry(self, extra_env=None):
         before = self.events_log().count("keyboard guard on")
@@ -206,55 +157,28 @@ class SessionDesktop(PrivateDesktop):
     def desktop_report(self):
         return "--- %s output (end):\n%s" % (self.compositor, self.output(self.compositor)[-self.report_tail:])
 
+    # ---- the user's hands and eyes ----
 
-# ---- case files ----
+    def keys(self, *steps, background=False):
+        """Types `steps`: "+name" presses a key ("ctrl", "shift", "alt", "q", "w", ...), "-name"
+        releases it, a number waits that many milliseconds. In the background: the process."""
+        raise NotImplementedError
 
-def case_registry():
-    """(cases, case): the cases by name, and the decorator that adds one."""
-    cases = {}
+    def type(self, key, mods=(), hold_ms=30, background=False):
+        """Presses mods+key, holds it `hold_ms`, and releases it (key first)."""
+        steps = ["+%s" % m for m in mods] + ["+%s" % key, hold_ms, "-%s" % key] + ["-%s" % m for m in reversed(mods)]
+        return self.keys(*steps, background=background)
 
-    def case(fn):
-        cases[fn.__name__] = fn
-        return fn
-    return cases, case
+    def hold(self, key, ms, mods=("ctrl",)):
+        return self.type(key, mods, ms, background=True)
 
+    def hud_visible(self):
+        """True while the HUD covers the middle of the screen (it is centred; just under its top
+        edge lies its light backdrop, and the windows beneath are the client's dark blue or a
+        terminal's dark background)."""
+        r, g, b = self.pixel(640, 357)
+        return min(r, g, b) > 200
 
-def check(condition, message):
-    if not condition:
-        raise Failure(message)
+    def check_hud_shown(self, tarry):
+        """Checks of a desktop's own while the HUD shows."""
 
-
-def settle(seconds=0.4):
-    """Time for events to travel between the processes; never a measured quantity."""
-    time.sleep(seconds)
-
-
-def run_session_cases(cases, options, make_desktop):
-    """The command line of a case file: `OPTIONS... CASE` runs one case on a fresh desktop made by
-    `make_desktop(args)`, `--list` names them. Returns the exit status: 0 when the case holds, 1
-    when it fails, SKIP when the desktop cannot run here."""
-    parser = argparse.ArgumentParser()
-    for option in options:
-        parser.add_argument(option)
-    parser.add_argument("--list", action="store_true")
-    parser.add_argument("case", nargs="?")
-    args = parser.parse_args()
-    if args.list:
-        print("\n".join(cases))
-        return 0
-    if args.case not in cases:
-        parser.error("unknown case: %s" % args.case)
-    try:
-        desktop = make_desktop(args)
-    except Skip as skip:
-        print("SKIP: " + str(skip))
-        return SKIP
-    try:
-        cases[args.case](desktop)
-    except Failure as failure:
-        print("FAIL %s: %s\n%s" % (args.case, failure, desktop.report()))
-        return 1
-    finally:
-        desktop.close()
-    print("ok " + args.case)
-    return 0

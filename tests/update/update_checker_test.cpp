@@ -4,6 +4,7 @@
 #include "platform/sim/sim_alerts.h"
 #include "platform/sim/sim_http.h"
 #include "platform/sim/sim_main_loop.h"
+#include "support/recording_hud.h"
 
 #include <gtest/gtest.h>
 
@@ -48,18 +49,6 @@ TEST(ReleaseFeed, ComparesVersionsByNumberedPieces) {
   EXPECT_TRUE(isNewer("99999999999999999999999", "18446744073709551614"));
 }
 
-class RecordingHud final : public guard::HudDisplay {
- public:
-  void show(const std::string&, const platform::Icon&, double) override {}
-  void update(double, double) override {}
-  void setReasons(const std::vector<std::string>&) override {}
-  void flash(const std::string& message, const platform::Icon&, double seconds) override {
-    flashes.emplace_back(message, seconds);
-  }
-  void hideNow() override {}
-  std::vector<std::pair<std::string, double>> flashes;
-};
-
 class UpdateCheckTest : public ::testing::Test {
  protected:
   UpdateCheckTest() {
@@ -83,7 +72,7 @@ class UpdateCheckTest : public ::testing::Test {
   platform::sim::SimAlerts alerts;
   platform::sim::MemoryDefaultsStore store;
   settings::Tunables tunables;
-  RecordingHud hud;
+  test_support::RecordingHud hud;
   std::map<std::string, std::int64_t> counts;
   std::vector<std::string> lines;
   std::vector<std::string> installed;
@@ -168,8 +157,8 @@ TEST_F(UpdateCheckTest, NudgesEveryFewBlocksWithCooldownAndPerVersionCap) {
   EXPECT_TRUE(hud.flashes.empty());
   checker.noteBlockedQuit();
   ASSERT_EQ(hud.flashes.size(), 1U);
-  EXPECT_EQ(hud.flashes[0],
-            (std::pair<std::string, double>{"Update available. Check Settings → General.", 3.5}));
+  EXPECT_EQ(hud.flashes[0], "Update available. Check Settings → General.");
+  EXPECT_EQ(hud.flashSeconds[0], 3.5);
 
   checker.noteBlockedQuit();
   checker.noteBlockedQuit();

@@ -10,102 +10,16 @@ import os
 import signal
 import subprocess
 import sys
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from sway_harness import CLIENT_ID, SwayDesktop  # noqa: E402
+from sway_harness import SwayDesktop  # noqa: E402
 from session_harness import case_registry, check, run_session_cases, settle, wait_for  # noqa: E402
+import session_cases  # noqa: E402
 
-QT_KEY_Q, QT_KEY_W = 0x51, 0x57
+from session_cases import QT_KEY_Q  # noqa: E402
 
 CASES, case = case_registry()
-
-
-def hold(d, key, ms, mods=("ctrl",)):
-    """Holds mods+key for `ms` milliseconds in the background; the wtype process."""
-    args = []
-    for m in mods:
-        args += ["-M", m]
-    args += ["-P", key, "-s", str(ms), "-p", key]
-    for m in reversed(mods):
-        args += ["-m", m]
-    return d.wtype(*args, background=True)
-
-
-@case
-def short_press_is_blocked_with_hud(d):
-    client = d.start_client("app")
-    tarry = d.start_tarry()
-    typing = hold(d, "q", 1200)
-    wait_for("the HUD to show", d.hud_visible, timeout=1.1, interval=0.05)
-    check(all(pid != tarry.pid for _, pid, _ in d.views()), "the HUD is a window in the tiling tree")
-    typing.wait(timeout=10)
-    wait_for("one blocked quit to be counted", lambda: d.counter("saved") == 1)
-    wait_for("the HUD to hide", lambda: not d.hud_visible(), timeout=5)
-    settle()
-    check(client.alive(), "the client ended")
-    check(not client.presses(QT_KEY_Q), "Ctrl+Q reached the client: %s" % client.presses(QT_KEY_Q))
-    check(d.focused_app() == CLIENT_ID, "the client lost the focus")
-
-
-@case
-def long_hold_quits_politely(d):
-    # A client still busy starting up could earn a longer hold ("Working hard") on a loaded machine.
-    d.defaults("write", "busyGuard", "false")
-    client = d.start_client("app")
-    d.start_tarry()
-    hold(d, "q", 3000)
-    # The default hold is 2 s: the compositor's close request must come well before the keys go up.
-    wait_for("the client to leave its event loop", lambda: any(w == ["exit"] for _, w in client.lines()), timeout=2.9)
-    # NOTE: once in a full-suite run the test client's process took more than 5 s to end after
-    # leaving its event loop (Qt's Wayland teardown); the quit itself had been delivered.
-    wait_for("the client to end", lambda: not client.alive(), timeout=15)
-    check(client.close_requests() == [0], "not closed by the compositor's request: %s" % client.lines())
-    check(not client.presses(QT_KEY_Q), "the held Ctrl+Q itself reached the client")
-    wait_for("the quit to be counted", lambda: d.counter("quit") == 1)
-
-
-@case
-def instant_rule_passes_at_once(d):
-    d.defaults("write", "appModes", '{"%s": "instant"}' % CLIENT_ID)
-    client = d.start_client("app")
-    d.start_tarry()
-    d.wtype("-M", "ctrl", "-P", "q", "-s", "50", "-p", "q", "-m", "ctrl")
-    wait_for("Ctrl+Q to reach the client", lambda: client.presses(QT_KEY_Q), timeout=8)
-    check(client.presses(QT_KEY_Q)[0][2], "Q arrived without Ctrl")
-    wait_for("the client to quit", lambda: not client.alive(), timeout=10)
-    wait_for("the instant pass to be counted", lambda: d.counter("instant") == 1)
-
-
-@case
-def close_hold_reposts_ctrl_w(d):
-    d.defaults("write", "closeHold", "1")
-    client = d.start_client("app", "--windows", "2")
-    d.start_tarry()
-    # A short press is held back.
-    d.wtype("-M", "ctrl", "-P", "w", "-s", "200", "-p", "w", "-m", "ctrl")
-    settle()
-    check(not client.closed(), "a short Ctrl+W closed a window")
-    hold(d, "w", 1600).wait(timeout=10)
-    wait_for("the focused window to close", lambda: client.closed(), timeout=8)
-    check(client.closed() == [1], "closed %s instead of the focused window 1" % client.closed())
-    check(client.alive(), "the client ended; only one window should close")
-    check("Ctrl+W confirmed" in d.events_log(), "no confirmation in the log")
-
-
-@case
-def ctrl_released_first_cancels(d):
-    client = d.start_client("app")
-    d.start_tarry()
-    # Ctrl goes up after 0.4 s while Q stays down for 3 s more, past the 2 s hold.
-    started = time.monotonic()
-    typing = d.wtype("-M", "ctrl", "-P", "q", "-s", "400", "-m", "ctrl", "-s", "3000", "-p", "q", background=True)
-    wait_for("the hold to be cancelled", lambda: d.counter("saved") == 1, timeout=8)
-    check(time.monotonic() - started < 2.5, "the hold ended only with the release of Q")
-    typing.wait(timeout=10)
-    settle()
-    check(client.alive(), "the client was quit although Ctrl was released")
-    check(d.counter("quit") == 0, "a quit was counted")
+session_cases.register(case, {"close_hold_types_ctrl_w": "close_hold_reposts_ctrl_w"})
 
 
 @case
@@ -114,12 +28,12 @@ def terminal_running_sleep_gets_longer_hold(d):
     wait_for("foot to take the focus", lambda: d.focused_app() == "foot", timeout=10)
     d.start_tarry()
     # Held past the 2 s base: the running command doubles the hold.
-    hold(d, "q", 2800).wait(timeout=10)
+    d.hold("q", 2800).wait(timeout=10)
     settle()
     check(foot.poll() is None, "foot was quit after 2.8 s although a command runs in it")
     wait_for("the busy check to be counted", lambda: d.counter("busy") == 1)
     check(d.counter("saved") == 1, "the released hold was not counted as blocked")
-    hold(d, "q", 4800).wait(timeout=10)
+    d.hold("q", 4800).wait(timeout=10)
     wait_for("foot to close after the longer hold", lambda: foot.poll() is not None, timeout=8)
 
 
@@ -127,7 +41,7 @@ def terminal_running_sleep_gets_longer_hold(d):
 def killed_during_hold_leaves_sway_and_keys_working(d):
     client = d.start_client("app", "--no-quit")
     tarry = d.start_tarry()
-    typing = hold(d, "q", 1500)
+    typing = d.hold("q", 1500)
     wait_for("the HUD to show", d.hud_visible, timeout=1.4, interval=0.05)
     tarry.send_signal(signal.SIGKILL)
     tarry.wait()
@@ -145,7 +59,7 @@ def config_reload_keeps_the_guard(d):
     d.start_tarry()
     d.run(["swaymsg", "reload"])
     settle()
-    d.wtype("-M", "ctrl", "-P", "q", "-s", "200", "-p", "q", "-m", "ctrl")
+    d.type("q", ("ctrl",), 200)
     wait_for("the short press to be blocked after the reload", lambda: d.counter("saved") == 1)
     check(client.alive(), "the client ended")
 
@@ -179,29 +93,6 @@ CTRL_Q = ("-M", "ctrl", "-P", "q", "-s", "50", "-p", "q", "-m", "ctrl")
 
 
 @case
-def relaunch_hands_the_guard_on(d):
-    # As an installed update does: the new copy starts while the old one runs, and the old one
-    # quits once the new one runs. Bindings are the compositor's, not a connection's: the old
-    # copy's leaving must not take the new copy's away.
-    d.defaults("write", "busyGuard", "false")
-    client = d.start_client("app")
-    old = d.start_tarry({"TARRY_DEBUG_RELAUNCH_AFTER": "1"})
-    wait_for("the old copy to quit", lambda: old.poll() is not None, timeout=20)
-    wait_for("the new copy to guard", lambda: d.events_log().count("keyboard guard on") == 2, timeout=10)
-    # The new copy is not a login launch: its Settings window opens; the client comes back to the front.
-    settle(1.0)
-    d.run(["swaymsg", '[app_id="%s"] focus' % CLIENT_ID])
-    wait_for("the client to be in front", lambda: d.focused_app() == CLIENT_ID)
-    hold(d, "q", 200).wait(timeout=10)
-    wait_for("the new copy to block a short press", lambda: d.counter("saved") == 1)
-    check(not client.presses(QT_KEY_Q), "Ctrl+Q reached the client past the new copy")
-    hold(d, "q", 2600).wait(timeout=10)
-    wait_for("the held Ctrl+Q to quit the client", lambda: not client.alive(), timeout=15)
-    confirmed = [line for line in d.events_log().splitlines() if "quit confirmed:" in line]
-    check(len(confirmed) == 1 and CLIENT_ID in confirmed[0], "not the client was quit: %s" % confirmed)
-
-
-@case
 def killed_tarry_leaves_ctrl_q_working(d):
     client = d.start_client("app", "--no-quit")
     tarry = d.start_tarry()
@@ -224,7 +115,7 @@ def killed_tarry_leaves_ctrl_q_working(d):
     settle()
     check(d.swallowing_bindings_fired_by(*CTRL_Q), "the bindings went although nothing removed them (the case proves nothing)")
     tarry = d.start_tarry()
-    d.wtype("-M", "ctrl", "-P", "q", "-s", "200", "-p", "q", "-m", "ctrl")
+    d.type("q", ("ctrl",), 200)
     wait_for("the new guard to block a short press", lambda: d.counter("saved") >= 1)
     tarry.terminate()
     tarry.wait(timeout=10)

@@ -13,32 +13,14 @@ import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from session_harness import Failure, ReadyClient, SessionDesktop, Skip, wait_for  # noqa: E402,F401
+from session_harness import Failure, SessionDesktop, Skip, wait_for  # noqa: E402,F401
+from session_cases import CLIENT_ENTRY, CLIENT_ID, Client  # noqa: E402,F401
 
-CLIENT_ID = "org.tarry.WaylandClient"
-CLIENT_ENTRY = """[Desktop Entry]
-Type=Application
-Name=Tarry Wayland Client
-Exec=tarry-wayland-client
-Icon=utilities-terminal
-"""
 SWAY_CONFIG = """output HEADLESS-1 resolution 1280x800 position 0 0
 xwayland disable
 default_border normal
 focus_on_window_activation focus
 """
-
-
-class Client(ReadyClient):
-    """A running tarry-wayland-client and its key log."""
-
-    def presses(self, qt_key=None):
-        """(time, Qt key, ctrl) of every key press received."""
-        return [(at, int(w[1]), w[2] == "1") for at, w in self.lines()
-                if w[0] == "press" and (qt_key is None or int(w[1]) == qt_key)]
-
-    def close_requests(self):
-        return [int(w[1]) for _, w in self.lines() if w[0] == "close-request"]
 
 
 class SwayDesktop(SessionDesktop):
@@ -87,6 +69,16 @@ class SwayDesktop(SessionDesktop):
             return self.spawn(["wtype"] + list(args), "wtype")
         self.run(["wtype"] + list(args))
         return None
+
+    def keys(self, *steps, background=False):
+        args = []
+        for step in steps:
+            if isinstance(step, int):
+                args += ["-s", str(step)]
+            else:
+                modifier = step[1:] in ("ctrl", "shift", "alt", "logo")
+                args += [("-M" if modifier else "-P") if step[0] == "+" else ("-m" if modifier else "-p"), step[1:]]
+        return self.wtype(*args, background=background)
 
     def swallowing_bindings_fired_by(self, *wtype_args):
         """The press bindings (those that keep a key from the application: tarry's `nop ... down`)
@@ -144,18 +136,22 @@ class SwayDesktop(SessionDesktop):
     def focused_app(self):
         return next((app for app, pid, focused in self.views() if focused), None)
 
+    def focused_pid(self):
+        return next((pid for app, pid, focused in self.views() if focused), None)
+
+    def focus(self, client):
+        self.run(["swaymsg", "[pid=%d] focus" % client.process.pid])
+
+    def check_hud_shown(self, tarry):
+        if any(pid == tarry.pid for _, pid, _ in self.views()):
+            raise Failure("the HUD is a window in the tiling tree")
+
     def pixel(self, x, y):
         """The (r, g, b) at (x, y) of the output, from a grim screenshot."""
         data = self.run(["grim", "-t", "ppm", "-g", "%d,%d 1x1" % (x, y), "-"]).stdout
         # P6 <w> <h> <max> then the pixels.
         fields = data.split(maxsplit=4)
         return tuple(fields[4][:3])
-
-    def hud_visible(self):
-        """True while the HUD covers the middle of the screen (it is centred; just under its top edge lies its light backdrop, and the windows beneath
-        are the client's dark blue or foot's dark background)."""
-        r, g, b = self.pixel(640, 357)
-        return min(r, g, b) > 200
 
     def screenshot(self, path):
         self.run(["grim", path])

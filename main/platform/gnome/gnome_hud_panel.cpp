@@ -63,7 +63,11 @@ nlohmann::json hudLayoutJson(const HudLayout& layout) {
           {"pctLabel", textJson(layout.pctLabel)}};
 }
 
-GnomeHudPanel::GnomeHudPanel(GnomeShell& shell) : shell_(shell), fade_(std::make_unique<QTimer>()) {
+GnomeHudPanel::GnomeHudPanel(GnomeShell& shell)
+    : shell_(shell), fade_(std::make_unique<QTimer>()), flush_(std::make_unique<QTimer>()) {
+  flush_->setSingleShot(true);
+  flush_->setInterval(0);
+  QObject::connect(flush_.get(), &QTimer::timeout, [this] { flush(); });
   fade_->setSingleShot(true);
   QObject::connect(fade_.get(), &QTimer::timeout, [this] {
     std::function<void()> completion = std::move(completion_);
@@ -74,8 +78,16 @@ GnomeHudPanel::GnomeHudPanel(GnomeShell& shell) : shell_(shell), fade_(std::make
 
 GnomeHudPanel::~GnomeHudPanel() = default;
 
-void GnomeHudPanel::send(const nlohmann::json& state) {
-  shell_.send(QStringLiteral("Hud"), {QString::fromStdString(state.dump())});
+void GnomeHudPanel::send(nlohmann::json state) {
+  pending_.push_back(std::move(state));
+  if (!flush_->isActive()) flush_->start();
+}
+
+void GnomeHudPanel::flush() {
+  flush_->stop();
+  if (pending_.empty()) return;
+  shell_.send(QStringLiteral("Hud"), {QString::fromStdString(pending_.dump())});
+  pending_ = nlohmann::json::array();
 }
 
 void GnomeHudPanel::stopFade() {
@@ -107,11 +119,15 @@ void GnomeHudPanel::setOrigin(Point origin) {
   send({{"op", "origin"}, {"x", origin.x}, {"y", flipLine() - (origin.y + height_)}});
 }
 
-void GnomeHudPanel::orderFront() { send({{"op", "show"}}); }
+void GnomeHudPanel::orderFront() {
+  send({{"op", "show"}});
+  flush();
+}
 
 void GnomeHudPanel::orderOut() {
   stopFade();
   send({{"op", "hide"}});
+  flush();
 }
 
 }  // namespace tarry::platform::gnome

@@ -16,8 +16,10 @@ namespace tarry::platform::gnome {
 
 /// The HUD on GNOME: drawn by Tarry's Shell extension (Mutter gives programs no layer above
 /// other windows, and a window of this program would take the focus from the guarded app). Every
-/// call is forwarded as it comes; the extension decides nothing. A fade's completion runs here,
-/// on the main loop, when its time is up.
+/// call is forwarded; the extension decides nothing. The calls made at one time go in one message,
+/// sent at once when the panel is shown or hidden, else when the main loop next turns, so the
+/// Shell never paints a panel half set. A fade's completion runs here, on the main loop, when its
+/// time is up.
 class GnomeHudPanel final : public HudPanel {
  public:
   explicit GnomeHudPanel(GnomeShell& shell);
@@ -31,13 +33,16 @@ class GnomeHudPanel final : public HudPanel {
   void orderOut() override;
 
  private:
-  void send(const nlohmann::json& state);
+  void send(nlohmann::json state);
+  void flush();
   void stopFade();
 
   GnomeShell& shell_;
   double height_ = 0;
   std::optional<Point> origin_;
   std::unique_ptr<QTimer> fade_;
+  std::unique_ptr<QTimer> flush_;
+  nlohmann::json pending_ = nlohmann::json::array();
   std::function<void()> completion_;
 };
 

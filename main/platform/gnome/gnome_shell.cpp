@@ -36,7 +36,7 @@ GnomeShell::GnomeShell(QDBusConnection bus) : bus_(std::move(bus)) {
   const QString service = QString::fromLatin1(kExtensionBusName);
   const QString path = QString::fromLatin1(kExtensionPath);
   const QString interface = QString::fromLatin1(kExtensionInterface);
-  bus_.connect(service, path, interface, QStringLiteral("Key"), this, SLOT(key(QString, bool)));
+  bus_.connect(service, path, interface, QStringLiteral("Key"), this, SLOT(key(QString, bool, QString)));
   bus_.connect(service, path, interface, QStringLiteral("Modifiers"), this, SLOT(modifiers(uint)));
   bus_.connect(service, path, interface, QStringLiteral("Activated"), this, SLOT(activated(int)));
   watcher_ = new QDBusServiceWatcher(
@@ -96,8 +96,10 @@ void GnomeShell::setOnActivated(std::function<void(std::int32_t pid)> onActivate
   onActivated_ = std::move(onActivated);
 }
 
-void GnomeShell::key(const QString& word, bool down) {
+void GnomeShell::key(const QString& word, bool down, const QString& window) {
+  if (down) windowAtPress_ = window.toStdString();
   if (onKey) onKey(word.toStdString(), down);
+  windowAtPress_.reset();
 }
 
 void GnomeShell::modifiers(uint mask) {

@@ -23,7 +23,7 @@ inline constexpr char kExtensionBusName[] = "org.tarry.Tarry.GnomeShell";
 inline constexpr char kExtensionPath[] = "/org/tarry/Tarry/GnomeShell";
 inline constexpr char kExtensionInterface[] = "org.tarry.Tarry.GnomeShell1";
 /// The extension's protocol this program speaks.
-inline constexpr int kExtensionProtocol = 1;
+inline constexpr int kExtensionProtocol = 2;
 
 /// The line to Tarry's GNOME Shell extension over the session bus.
 ///
@@ -56,9 +56,12 @@ class GnomeShell final : public QObject {
   std::function<void(bool running)> onExtension;
   /// A window of the process `pid` got the focus. Any thread may set it; called on the main thread.
   void setOnActivated(std::function<void(std::int32_t pid)> onActivated);
+  /// While `onKey` handles a press: the focused window the extension saw at that press (its JSON),
+  /// so the press is decided without asking the Shell back. Nothing otherwise. Main thread.
+  [[nodiscard]] const std::optional<std::string>& windowAtPress() const { return windowAtPress_; }
 
  private Q_SLOTS:
-  void key(const QString& word, bool down);
+  void key(const QString& word, bool down, const QString& window);
   void modifiers(uint mask);
   void activated(int pid);
 
@@ -69,6 +72,7 @@ class GnomeShell final : public QObject {
   QDBusServiceWatcher* watcher_ = nullptr;
   mutable std::mutex activatedMutex_;
   std::function<void(std::int32_t pid)> onActivated_;
+  std::optional<std::string> windowAtPress_;
 };
 
 }  // namespace tarry::platform::gnome

@@ -97,7 +97,11 @@ RunningApp GnomeWorkspace::resolve(const GnomeWindow& window) const {
 }
 
 std::optional<RunningApp> GnomeWorkspace::frontmostApplication() {
-  const std::optional<nlohmann::json> json = parse(shell_.call(QStringLiteral("FocusedWindow")));
+  // A press carries the window it was made in; asked from anywhere else, the Shell answers.
+  const std::optional<QVariantList> reply =
+      shell_.windowAtPress() ? QVariantList{QString::fromStdString(*shell_.windowAtPress())}
+                             : shell_.call(QStringLiteral("FocusedWindow"));
+  const std::optional<nlohmann::json> json = parse(reply);
   if (!json) return std::nullopt;
   const std::optional<GnomeWindow> window = gnomeWindowOf(*json);
   if (!window) return std::nullopt;

@@ -16,7 +16,7 @@ const TARRY_NAME = 'org.tarry.Tarry';
 const OWN_NAME = 'org.tarry.Tarry.GnomeShell';
 const OBJECT_PATH = '/org/tarry/Tarry/GnomeShell';
 const INTERFACE = 'org.tarry.Tarry.GnomeShell1';
-const PROTOCOL = 1;
+const PROTOCOL = 2;
 
 // The combinations, by the words Tarry uses for them.
 const COMBINATIONS = [
@@ -77,7 +77,7 @@ const INTERFACE_XML = `
       <arg type="b" direction="out" name="done"/>
     </method>
     <method name="Hud">
-      <arg type="s" direction="in" name="json"/>
+      <arg type="s" direction="in" name="ops"/>
     </method>
     <method name="StatusMenu">
       <arg type="s" direction="in" name="json"/>
@@ -91,6 +91,7 @@ const INTERFACE_XML = `
     <signal name="Key">
       <arg type="s" name="word"/>
       <arg type="b" name="down"/>
+      <arg type="s" name="window"/>
     </signal>
     <signal name="Modifiers">
       <arg type="u" name="mask"/>
@@ -330,17 +331,20 @@ var TarryGuard = class TarryGuard {
         invocation.return_value(new GLib.Variant('(b)', [!!window]));
     }
 
+    // The HUD's changes come in batches, all that Tarry decided at one time, so the Shell never
+    // paints a frame between the panel's layout and its showing.
     HudAsync([json], invocation) {
         if (!this._fromTarry(invocation))
             return;
         invocation.return_value(null);
-        let state;
+        let ops;
         try {
-            state = JSON.parse(json);
+            ops = JSON.parse(json);
         } catch (e) {
             return;
         }
-        this._drawHud(state);
+        for (const op of Array.isArray(ops) ? ops : [ops])
+            this._drawHud(op);
     }
 
     StatusMenuAsync([json], invocation) {
@@ -401,8 +405,11 @@ var TarryGuard = class TarryGuard {
             return;
         if (this._hold)
             this._endHold(true);
+        // Tarry hears of the press, with the window it was made in, before the grab is taken: it
+        // decides from that alone and need not ask the Shell back.
+        const window = global.display.focus_window;
+        this._tell('Key', '(sbs)', [combination.word, true, window ? JSON.stringify(windowInfo(window)) : '']);
         this._startHold(combination);
-        this._tell('Key', '(sb)', [combination.word, true]);
     }
 
     // The release and the modifiers of a held combination come through a modal grab: the app has
@@ -457,7 +464,7 @@ var TarryGuard = class TarryGuard {
         Main.popModal(hold.grab);
         hold.actor.destroy();
         if (tellRelease)
-            this._tell('Key', '(sb)', [hold.combination.word, false]);
+            this._tell('Key', '(sbs)', [hold.combination.word, false, '']);
         const queued = this._queue;
         this._queue = [];
         for (const combination of queued)
@@ -567,12 +574,21 @@ var TarryGuard = class TarryGuard {
     }
 
     // The panel's first frame is painted at once, not at the slot the Shell's frame clock would
-    // plan for it (up to a whole refresh later when nothing else was moving on the screen).
+    // plan for it (up to a whole refresh later). The press itself has the Shell plan a frame at its
+    // next slot (the hold's grab takes the app's keyboard focus), and on GNOME 43 asking for a frame
+    // now leaves a planned one where it is: held for a moment, the clock drops its plan, and let go
+    // it takes up the request for a frame now.
     _paintNow() {
         const clockOf = actor => new Clutter.Timeline({actor, duration: 1}).frame_clock;
         const clock = clockOf(this._hud) || clockOf(Main.uiGroup);
-        if (clock && clock.schedule_update_now)
-            clock.schedule_update_now();
+        if (!clock || !clock.schedule_update_now)
+            return;
+        const hold = !!clock.inhibit && !!clock.uninhibit;
+        if (hold)
+            clock.inhibit();
+        clock.schedule_update_now();
+        if (hold)
+            clock.uninhibit();
     }
 
     _hudPanel() {
