@@ -5,7 +5,7 @@
 # tests/gnome/extension_smoke.py (the Shell loads the extension, which grabs Ctrl+Q only while
 # Tarry's bus name is owned, reports press and release, types a combination back and answers
 # window questions) and every case of tests/gnome/gnome_e2e.py with the tarry built here (Debian
-# 12's Qt 6.4 build runs on both systems).
+# 12's Qt 6.4 build runs on each of them).
 #
 #   scripts/gnome-chroot.sh [--system trixie|noble|questing|resolute] [BUILD_DIR [CASE...]]
 #

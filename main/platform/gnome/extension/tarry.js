@@ -503,7 +503,10 @@ var TarryGuard = class TarryGuard {
 
     // True (no key binding: the press goes on to the focused app) for a press this extension typed.
     // Ours carry the time they were typed with, to the millisecond, and come from no physical
-    // keyboard; any other press of a grabbed combination is the user's and stays caught.
+    // keyboard; any other press of a grabbed combination is the user's and stays caught. The Shell
+    // may ask more than once about one press (GNOME 49 now and then asks twice, and the second
+    // answer decides): a typed press is answered the same each time, and forgotten only when it
+    // expires.
     _letTypedThrough(binding) {
         if (!this._typed.length)
             return false;
@@ -519,11 +522,8 @@ var TarryGuard = class TarryGuard {
             return false;
         const word = this._grabs.get(action).word;
         const ms = event.get_time();
-        const index = this._typed.findIndex(t => t.word === word && t.ms === ms);
-        if (index < 0)
-            return false;
-        this._typed.splice(index, 1);
-        return true;
+        this._forgetTyped(ms);
+        return this._typed.some(t => t.word === word && t.ms === ms);
     }
 
     // ---- focus ----
