@@ -3,7 +3,7 @@
 set(TARRY_EXTENSION_UUID "tarry@tarry.org")
 # Raised whenever the extension changes: a Tarry finds an older copy in the user's folder and
 # replaces it.
-set(TARRY_EXTENSION_VERSION 3)
+set(TARRY_EXTENSION_VERSION 4)
 set(TARRY_EXTENSION_DIR ${CMAKE_BINARY_DIR}/gnome-extension CACHE INTERNAL "")
 
 set(extension_source ${CMAKE_CURRENT_LIST_DIR})
