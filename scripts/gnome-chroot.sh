@@ -7,7 +7,10 @@
 # window questions) and every case of tests/gnome/gnome_e2e.py with the tarry built here (Debian
 # 12's Qt 6.4 build runs on each of them).
 #
-#   scripts/gnome-chroot.sh [--system trixie|noble|questing|resolute] [BUILD_DIR [CASE...]]
+#   scripts/gnome-chroot.sh [--system SYSTEM] [BUILD_DIR [CASE...]]
+#   scripts/gnome-chroot.sh [--system SYSTEM] --bench [BUILD_DIR [BENCH_ARG...]]
+#
+# --bench runs bench/gnome_latency.py there instead (its arguments after BUILD_DIR). SYSTEM:
 #
 #   trixie (default): Debian 13, GNOME Shell 48, in /var/tmp/tarry-trixie
 #   noble:            Ubuntu 24.04 LTS, GNOME Shell 46, in /var/tmp/tarry-noble
@@ -22,6 +25,11 @@ system=trixie
 if [ "${1:-}" = "--system" ]; then
   system="${2:-}"
   shift 2
+fi
+bench=0
+if [ "${1:-}" = "--bench" ]; then
+  bench=1
+  shift
 fi
 case "$system" in
   trixie)
@@ -80,14 +88,21 @@ work="$(mktemp -d "$root/tmp/tarry-smoke.XXXXXX")"
 chmod 755 "$work"
 inside="/tmp/$(basename "$work")"
 trap 'rm -rf "$work"' EXIT
-cp -r tests "$work/tests"
+cp -r tests bench "$work/"
 cp -r "$build/gnome-extension" "$work/gnome-extension"
-mkdir "$work/bin"
+mkdir -p "$work/bin" "$work/build/main/cli"
 cp "$build/main/cli/tarry" "$work/bin/"
 mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
 mountpoint -q "$root/dev" || mount --bind /dev "$root/dev"
 mountpoint -q "$root/dev/shm" || mount --bind /dev/shm "$root/dev/shm"
 chroot "$root" gnome-shell --version
+if [ "$bench" -eq 1 ]; then
+  # The benchmark finds tarry and the extension as in a build folder.
+  ln -s ../../../bin/tarry "$work/build/main/cli/tarry"
+  ln -s ../gnome-extension "$work/build/gnome-extension"
+  chroot "$root" python3 "$inside/bench/gnome_latency.py" --build "$inside/build" "$@"
+  exit
+fi
 chroot "$root" env TARRY_SMOKE_SCREENSHOT="$inside/smoke.png" python3 "$inside/tests/gnome/extension_smoke.py" --extensions "$inside/gnome-extension"
 for shot in "$work"/smoke*.png; do
   name="$(basename "$shot")"
