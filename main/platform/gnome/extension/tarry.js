@@ -640,6 +640,9 @@ var TarryGuard = class TarryGuard {
                 parts.icon.icon_name = layout.icon.name;
             place(parts.icon, layout.icon.frame);
             parts.icon.icon_size = Math.round(Math.min(layout.icon.frame.width, layout.icon.frame.height));
+            // An app that has only a symbolic icon gets it in the title's colour (St would paint
+            // it in the Shell's own, white, unreadable on the light panel).
+            style(parts.icon, `color: ${rgba(layout.label.color)};`);
         }
 
         const text = (actor, t) => {
