@@ -80,21 +80,13 @@ if [ ! -x "$root/usr/bin/gnome-shell" ] || ! chroot "$root" dpkg-query -W $packa
   DEBIAN_FRONTEND=noninteractive chroot "$root" apt-get install -y -q --no-install-recommends $packages
 fi
 
-# Runs from several checkouts share the chroot: one at a time, each in its own folder, and the
-# mounts stay for the next run.
-exec 9>"$root/tmp/tarry-smoke.lock"
-flock 9
-work="$(mktemp -d "$root/tmp/tarry-smoke.XXXXXX")"
-chmod 755 "$work"
-inside="/tmp/$(basename "$work")"
-trap 'rm -rf "$work"' EXIT
+# shellcheck source=scripts/lib/chroot-work.sh
+. scripts/lib/chroot-work.sh
+chroot_workspace "$root" smoke
 cp -r tests bench "$work/"
 cp -r "$build/gnome-extension" "$work/gnome-extension"
 mkdir -p "$work/bin" "$work/build/main/cli"
 cp "$build/main/cli/tarry" "$work/bin/"
-mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
-mountpoint -q "$root/dev" || mount --bind /dev "$root/dev"
-mountpoint -q "$root/dev/shm" || mount --bind /dev/shm "$root/dev/shm"
 chroot "$root" gnome-shell --version
 if [ "$bench" -eq 1 ]; then
   # The benchmark finds tarry and the extension as in a build folder.

@@ -39,20 +39,13 @@ if [ -n "$system" ]; then
     echo "gnome-screenshot: no GNOME Shell in $root (scripts/gnome-chroot.sh --system $system)" >&2
     exit 1
   fi
-  # As scripts/gnome-chroot.sh: one run at a time, in a folder of its own, the mounts kept.
-  exec 9>"$root/tmp/tarry-smoke.lock"
-  flock 9
-  work="$(mktemp -d "$root/tmp/tarry-shot.XXXXXX")"
-  chmod 755 "$work"
-  inside="/tmp/$(basename "$work")"
-  trap 'rm -rf "$work"' EXIT
+  # shellcheck source=scripts/lib/chroot-work.sh
+  . scripts/lib/chroot-work.sh
+  chroot_workspace "$root" shot
   mkdir "$work/bin" "$work/shots"
   cp -r tests "$work/tests"
   cp -r "$extensions" "$work/gnome-extension"
   cp "$bin" "$work/bin/tarry"
-  mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
-  mountpoint -q "$root/dev" || mount --bind /dev "$root/dev"
-  mountpoint -q "$root/dev/shm" || mount --bind /dev/shm "$root/dev/shm"
   run=(chroot "$root" sh -c "cd $inside && exec python3 - \"\$@\"" sh)
   args=("$inside/bin/tarry" "$inside/gnome-extension" "$inside/shots/$(basename "$out")")
   sink=/dev/null  # the paths inside the chroot: the copies' are printed below
