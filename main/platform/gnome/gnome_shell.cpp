@@ -5,6 +5,7 @@
 #include <QDBusReply>
 #include <QDBusServiceWatcher>
 #include <QDBusVariant>
+#include <QThread>
 
 namespace tarry::platform::gnome {
 
@@ -100,6 +101,11 @@ void GnomeShell::key(const QString& word, bool down, const QString& window) {
   if (down) windowAtPress_ = window.toStdString();
   if (onKey) onKey(word.toStdString(), down);
   windowAtPress_.reset();
+}
+
+std::optional<std::string> GnomeShell::windowAtPress() const {
+  if (QThread::currentThread() != thread()) return std::nullopt;
+  return windowAtPress_;
 }
 
 void GnomeShell::modifiers(uint mask) {

@@ -56,9 +56,10 @@ class GnomeShell final : public QObject {
   std::function<void(bool running)> onExtension;
   /// A window of the process `pid` got the focus. Any thread may set it; called on the main thread.
   void setOnActivated(std::function<void(std::int32_t pid)> onActivated);
-  /// While `onKey` handles a press: the focused window the extension saw at that press (its JSON),
-  /// so the press is decided without asking the Shell back. Nothing otherwise. Main thread.
-  [[nodiscard]] const std::optional<std::string>& windowAtPress() const { return windowAtPress_; }
+  /// While `onKey` handles a press, asked on the main thread: the focused window the extension saw
+  /// at that press (its JSON), so the press is decided without asking the Shell back. Nothing
+  /// otherwise (work on other threads asks the Shell).
+  [[nodiscard]] std::optional<std::string> windowAtPress() const;
 
  private Q_SLOTS:
   void key(const QString& word, bool down, const QString& window);

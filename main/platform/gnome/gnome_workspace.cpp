@@ -98,9 +98,9 @@ RunningApp GnomeWorkspace::resolve(const GnomeWindow& window) const {
 
 std::optional<RunningApp> GnomeWorkspace::frontmostApplication() {
   // A press carries the window it was made in; asked from anywhere else, the Shell answers.
+  const std::optional<std::string> pressed = shell_.windowAtPress();
   const std::optional<QVariantList> reply =
-      shell_.windowAtPress() ? QVariantList{QString::fromStdString(*shell_.windowAtPress())}
-                             : shell_.call(QStringLiteral("FocusedWindow"));
+      pressed ? QVariantList{QString::fromStdString(*pressed)} : shell_.call(QStringLiteral("FocusedWindow"));
   const std::optional<nlohmann::json> json = parse(reply);
   if (!json) return std::nullopt;
   const std::optional<GnomeWindow> window = gnomeWindowOf(*json);
