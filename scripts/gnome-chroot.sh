@@ -106,17 +106,6 @@ if [ "$#" -eq 0 ]; then
 else
   cases=("$@")
 fi
-passed=0 failed=() skipped=0
-for name in "${cases[@]}"; do
-  status=0
-  # As ctest runs each case (the RAM Saver's waits out its minute).
-  timeout -s TERM 200 chroot "$root" python3 "$inside/tests/gnome/gnome_e2e.py" --tarry "$inside/bin/tarry" \
-    --extensions "$inside/gnome-extension" "$name" || status=$?
-  case "$status" in
-    0) passed=$((passed + 1)) ;;
-    77) skipped=$((skipped + 1)) ;;
-    *) failed+=("$name") ;;
-  esac
-done
-echo "gnome-chroot ($system): ${passed} passed, ${skipped} skipped, ${#failed[@]} failed${failed:+: ${failed[*]}}"
-[ "${#failed[@]}" -eq 0 ] || exit 1
+# 200 s a case: the RAM Saver's waits out its minute.
+chroot_cases "gnome-chroot ($system)" 200 chroot "$root" python3 "$inside/tests/gnome/gnome_e2e.py" \
+  --tarry "$inside/bin/tarry" --extensions "$inside/gnome-extension"

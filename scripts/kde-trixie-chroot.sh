@@ -44,37 +44,24 @@ if [ ! -x "$root/usr/bin/kwin_wayland" ] || [ ! -x "$root/usr/bin/kbuildsycoca6"
   DEBIAN_FRONTEND=noninteractive chroot "$root" apt-get install -y -q --no-install-recommends $packages
 fi
 
-work="$root/tmp/tarry-kde"
-rm -rf "$work"
+# The chroot is shared with gnome-chroot.sh: its lock, a folder of this run's own, the mounts kept.
+# shellcheck source=scripts/lib/chroot-work.sh
+. scripts/lib/chroot-work.sh
+chroot_workspace "$root" kde
 mkdir -p "$work/bin"
 cp -r tests "$work/tests"
 # tarry finds its KWin script next to itself.
 cp "$build/main/cli/tarry" "$build/main/cli/tarry-kwin.js" "$build/tests/wayland/tarry-wayland-client" \
   "$build/tests/kde/tarry-kde-typist" "$work/bin/"
-mountpoint -q "$root/proc" || mount -t proc proc "$root/proc"
-mountpoint -q "$root/dev" || mount --bind /dev "$root/dev"
-mountpoint -q "$root/dev/shm" || mount --bind /dev/shm "$root/dev/shm"
-trap 'umount "$root/dev/shm" "$root/dev" "$root/proc" 2>/dev/null || true' EXIT
 
 if [ "$#" -eq 0 ]; then
-  mapfile -t cases < <(chroot "$root" python3 /tmp/tarry-kde/tests/kde/kde_e2e.py --list)
+  mapfile -t cases < <(chroot "$root" python3 "$inside/tests/kde/kde_e2e.py" --list)
 else
   cases=("$@")
 fi
 # shellcheck disable=SC2016
 chroot "$root" dpkg-query -W -f '${Package} ${Version}\n' kwin-wayland libqt6core6t64
-passed=0 failed=() skipped=0
-for name in "${cases[@]}"; do
-  status=0
-  # As ctest runs each case: 90 s at most.
-  timeout -s TERM 90 chroot "$root" python3 /tmp/tarry-kde/tests/kde/kde_e2e.py --tarry /tmp/tarry-kde/bin/tarry \
-    --client /tmp/tarry-kde/bin/tarry-wayland-client --typist /tmp/tarry-kde/bin/tarry-kde-typist "$name" || status=$?
-  case "$status" in
-    0) passed=$((passed + 1)) ;;
-    77) skipped=$((skipped + 1)) ;;
-    *) failed+=("$name") ;;
-  esac
-done
-echo "kde-trixie-chroot: ${passed} passed, ${skipped} skipped, ${#failed[@]} failed${failed:+: ${failed[*]}}"
-[ "${#failed[@]}" -eq 0 ] || exit 1
+# As ctest runs each case: 90 s at most.
+chroot_cases kde-trixie-chroot 90 chroot "$root" python3 "$inside/tests/kde/kde_e2e.py" --tarry "$inside/bin/tarry" \
+  --client "$inside/bin/tarry-wayland-client" --typist "$inside/bin/tarry-kde-typist"
 [ "$passed" -gt 0 ] || exit 77
