@@ -186,6 +186,11 @@ var TarryGuard = class TarryGuard {
 
     disable() {
         this._tarryVanished();
+        this._endHold(false);
+        if (this._grabActor) {
+            this._grabActor.destroy();
+            this._grabActor = null;
+        }
         global.display.disconnect(this._acceleratorId);
         global.window_manager.disconnect(this._filterId);
         global.display.disconnect(this._focusId);
@@ -415,23 +420,37 @@ var TarryGuard = class TarryGuard {
     // The release and the modifiers of a held combination come through a modal grab: the app has
     // no keyboard focus until it ends, at the key's release or at the time limit.
     _startHold(combination) {
-        const actor = new St.Widget({reactive: true, can_focus: true, width: 1, height: 1, opacity: 0});
-        Main.uiGroup.add_child(actor);
+        const actor = this._holdActor();
+        actor.reactive = true;
         const grab = Main.pushModal(actor, {actionMode: Shell.ActionMode.NORMAL});
         actor.grab_key_focus();
         let mods = 0;
         for (const name of combination.mods)
             mods |= MODIFIER_KEYS[name];
-        const hold = {combination, grab, actor, mods, limit: 0};
+        const hold = {combination, grab, actor, mods, limit: 0, handlers: []};
         this._hold = hold;
-        actor.connect('key-press-event', (a, event) => this._onHoldKey(hold, event, true));
-        actor.connect('key-release-event', (a, event) => this._onHoldKey(hold, event, false));
+        hold.handlers = [
+            actor.connect('key-press-event', (a, event) => this._onHoldKey(hold, event, true)),
+            actor.connect('key-release-event', (a, event) => this._onHoldKey(hold, event, false)),
+        ];
         hold.limit = GLib.timeout_add(GLib.PRIORITY_DEFAULT, this._limitMs, () => {
             hold.limit = 0;
             if (this._hold === hold)
                 this._endHold(true);
             return GLib.SOURCE_REMOVE;
         });
+    }
+
+    // The actor that takes the keyboard during holds lives as long as the extension: one put on the
+    // stage for each press, and taken off at its release, had the Shell repaint the whole screen
+    // at both (about 5 ms in software rendering), and the HUD's first frame waited for it.
+    // Between holds it takes no clicks: it sits on the screen's top-left pixel, the hot corner.
+    _holdActor() {
+        if (!this._grabActor) {
+            this._grabActor = new St.Widget({reactive: false, can_focus: true, width: 1, height: 1, opacity: 0});
+            Main.uiGroup.add_child(this._grabActor);
+        }
+        return this._grabActor;
     }
 
     _onHoldKey(hold, event, down) {
@@ -462,7 +481,9 @@ var TarryGuard = class TarryGuard {
         if (hold.limit)
             GLib.source_remove(hold.limit);
         Main.popModal(hold.grab);
-        hold.actor.destroy();
+        for (const id of hold.handlers)
+            hold.actor.disconnect(id);
+        hold.actor.reactive = false;
         if (tellRelease)
             this._tell('Key', '(sbs)', [hold.combination.word, false, '']);
         const queued = this._queue;
@@ -561,7 +582,9 @@ var TarryGuard = class TarryGuard {
             break;
         case 'show':
             this._hudPanel().show();
-            Main.uiGroup.set_child_above_sibling(this._hudPanel(), null);
+            // Restacking lays out every sibling anew: done only when something went above it.
+            if (Main.uiGroup.get_last_child() !== this._hud)
+                Main.uiGroup.set_child_above_sibling(this._hud, null);
             this._paintNow();
             break;
         case 'hide':
