@@ -444,10 +444,11 @@ var TarryGuard = class TarryGuard {
     // The actor that takes the keyboard during holds lives as long as the extension: one put on the
     // stage for each press, and taken off at its release, had the Shell repaint the whole screen
     // at both (about 5 ms in software rendering), and the HUD's first frame waited for it.
-    // Between holds it takes no clicks: it sits on the screen's top-left pixel, the hot corner.
+    // It takes clicks only during a hold (it sits on the screen's top-left pixel, the hot corner),
+    // and keyboard focus navigation never stops on it: a hold hands it the keyboard directly.
     _holdActor() {
         if (!this._grabActor) {
-            this._grabActor = new St.Widget({reactive: false, can_focus: true, width: 1, height: 1, opacity: 0});
+            this._grabActor = new St.Widget({reactive: false, can_focus: false, width: 1, height: 1, opacity: 0});
             Main.uiGroup.add_child(this._grabActor);
         }
         return this._grabActor;
