@@ -1,5 +1,6 @@
 # shellcheck shell=bash
-# Sourced by the scripts that run tarry in a GNOME chroot (gnome-chroot.sh, gnome-screenshot.sh).
+# Sourced by the scripts that run tarry in a chroot (gnome-chroot.sh, gnome-screenshot.sh,
+# kde-trixie-chroot.sh).
 # Runs from several checkouts share a chroot: chroot_workspace ROOT NAME waits for the chroot's
 # lock (one run at a time), makes this run's own folder in it ($work outside, $inside as seen from
 # within; removed at exit) and mounts what the Shell needs (the mounts stay for the next run).

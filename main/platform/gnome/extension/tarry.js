@@ -427,7 +427,7 @@ var TarryGuard = class TarryGuard {
         let mods = 0;
         for (const name of combination.mods)
             mods |= MODIFIER_KEYS[name];
-        const hold = {combination, grab, actor, mods, limit: 0, handlers: []};
+        const hold = {combination, grab, actor, mods, limit: 0};
         this._hold = hold;
         hold.handlers = [
             actor.connect('key-press-event', (a, event) => this._onHoldKey(hold, event, true)),
